@@ -1,0 +1,48 @@
+#include "kxBVHContainers.h"
+
+kxLinearGenericBVHBuilder::tPrimitiveContainerInterface::~tPrimitiveContainerInterface() = default;
+
+kxBVHTriangleContainer::kxBVHTriangleContainer(const kx::kxVertexBuffer* vertices, const kx::kxIndexBuffer* indices)
+    : mVertices(vertices), mIndices(indices)
+{
+    computeBoxes();
+}
+
+kxBVHTriangleContainer::kxBVHTriangleContainer(const kx::kxTriMesh& mesh)
+    : kxBVHTriangleContainer(mesh.GetVertexBuffer(), mesh.GetIndexBuffer())
+{
+}
+
+kxBVHTriangleContainer::~kxBVHTriangleContainer() = default;
+
+void kxBVHTriangleContainer::computeBoxes()
+{
+    const int n = mIndices->GetIndexQuantity();
+    // Widened with its sign: a quantity of -3 or less asks for an impossible size and
+    // fails with the standard length error, as a corrupt count should.
+    const int64_t triangles = n / 3;
+    mBoxes.resize(static_cast<size_t>(triangles));
+    if (n < 3)
+        return;
+    const unsigned int* index = mIndices->GetData();
+    for (int64_t t = 0; t < triangles; ++t, index += 3)
+    {
+        kxBBox& box = mBoxes[static_cast<size_t>(t)];
+        box.extend(mVertices->Position3(static_cast<int>(index[0])));
+        box.extend(mVertices->Position3(static_cast<int>(index[1])));
+        box.extend(mVertices->Position3(static_cast<int>(index[2])));
+    }
+}
+
+kxBVHMeshContainer::kxBVHMeshContainer(const std::vector<kx::kxTriMesh*>& meshes) : mBoxes(meshes.size())
+{
+    for (size_t m = 0; m < meshes.size(); ++m)
+    {
+        const kx::kxVertexBuffer* vertices = meshes[m]->GetVertexBuffer();
+        const int count = vertices->GetVertexQuantity();
+        for (int i = 0; i < count; ++i)
+            mBoxes[m].extend(vertices->Position3(i));
+    }
+}
+
+kxBVHMeshContainer::~kxBVHMeshContainer() = default;

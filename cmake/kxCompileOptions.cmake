@@ -1,0 +1,16 @@
+# Flags for our own targets, linked PRIVATE so that consumers never inherit them.
+
+add_library(kx_warnings INTERFACE)
+target_compile_options(kx_warnings INTERFACE -Wall -Wextra)
+if(KX_WERROR)
+  target_compile_options(kx_warnings INTERFACE -Werror)
+endif()
+
+# Results are reproduced bit for bit: no fused multiply-add, no fast-math.
+add_library(kx_numerics INTERFACE)
+target_compile_options(kx_numerics INTERFACE -ffp-contract=off -fno-fast-math)
+
+if(KX_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
