@@ -56,7 +56,7 @@ class Bench
 public:
     explicit Bench(const BenchOptions& options)
         : mOptions(options), mThreads(resolveThreads(options.threads)), mMesh(openMesh(options.source)),
-          mCamera(options.camera, mMesh.bounds)
+          mCamera(options.camera, mMesh.bounds, mMesh.mesh->GetVertexBuffer())
     {
         mThreadCounts.push_back(1);
         if (mThreads > 1)
@@ -221,11 +221,16 @@ private:
         if (mAgreement.rays)
         {
             const std::string embree = mTraces.back().name;
-            std::printf("  %-32s", ("linear / " + embree).c_str());
-            for (unsigned threads : mThreadCounts)
-                std::printf(" %11.2fx", trace(names.front(), threads)->raysPerSecond /
-                                            trace(embree, threads)->raysPerSecond);
-            std::printf("\n\nnearest triangle agrees with Embree on %.3f%% of the rays (%s differ)\n",
+            for (const std::string& name : names)
+            {
+                if (name == embree)
+                    continue;
+                std::printf("  %-32s", (name + " / Embree").c_str());
+                for (unsigned threads : mThreadCounts)
+                    std::printf(" %11.2fx", trace(name, threads)->raysPerSecond / trace(embree, threads)->raysPerSecond);
+                std::printf("\n");
+            }
+            std::printf("\nnearest triangle agrees with Embree on %.3f%% of the rays (%s differ)\n",
                         100.0 * double(mAgreement.same) / double(mAgreement.rays),
                         groupDigits(mAgreement.rays - mAgreement.same).c_str());
         }

@@ -3,6 +3,7 @@
 #define KXBVH_CAMERA_H
 
 #include <kxBBox.h>
+#include <kxVertexBuffer.h>
 
 #include <Wm4Foundation.h>
 
@@ -26,10 +27,11 @@ struct CameraOptions
 class Camera
 {
 public:
-    /// Missing eye or target frame the box: the target is its centre and the eye looks at
-    /// it from above and to the side, far enough for the box's bounding sphere to fit.
-    /// Throws InputError when the eye is the target or up is along the line of sight.
-    Camera(const CameraOptions& options, const kxBBox& bounds);
+    /// A missing eye is placed above and to the side of the target, just far enough for
+    /// the mesh (its vertices when given, else the corners of its bounds) to fill the
+    /// picture; a missing target then moves until the mesh is centred. Throws InputError
+    /// when the eye is the target or up is along the line of sight.
+    Camera(const CameraOptions& options, const kxBBox& bounds, const kx::kxVertexBuffer* vertices = nullptr);
 
     int width() const { return mWidth; }
     int height() const { return mHeight; }

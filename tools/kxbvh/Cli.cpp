@@ -263,8 +263,7 @@ int runCommandLine(int argc, char** argv)
     }
     catch (const CLI::ParseError& e)
     {
-        std::fprintf(stderr, "kxbvh: error: %s\nRun 'kxbvh --help' or 'kxbvh <command> --help' for the options.\n",
-                     e.what());
+        std::fprintf(stderr, "kxbvh: error: %s (see kxbvh --help)\n", e.what());
         return eExitBadInput;
     }
 

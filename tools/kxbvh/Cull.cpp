@@ -97,7 +97,7 @@ void runCull(const CullOptions& options)
     const Mesh mesh = openMesh(options.source);
     Hierarchy hierarchy;
     buildHierarchy(mesh, options.build, hierarchy);
-    const Camera camera(options.camera, mesh.bounds);
+    const Camera camera(options.camera, mesh.bounds, mesh.mesh->GetVertexBuffer());
     const unsigned threads = resolveThreads(options.threads);
 
     double seconds = 0.0;

@@ -20,60 +20,64 @@ uint8_t toByte(float unit)
     return static_cast<uint8_t>(std::lround(std::clamp(unit, 0.0f, 1.0f) * 255.0f));
 }
 
-class Shader
+/// The hit triangle's normal, turned towards the eye, as a colour.
+class NormalShader
 {
 public:
-    Shader(const Mesh& mesh, const Camera& camera, Shade shade) : mMesh(mesh), mShade(shade)
-    {
-        const Vec3 center(mesh.bounds.getCenter());
-        const Vec3 diagonal(mesh.bounds.max[0] - mesh.bounds.min[0], mesh.bounds.max[1] - mesh.bounds.min[1],
-                            mesh.bounds.max[2] - mesh.bounds.min[2]);
-        const float distance = (center - camera.eye()).Length();
-        const float radius = 0.5f * diagonal.Length();
-        mNear = std::max(0.0f, distance - radius);
-        mFar = std::max(mNear + 1e-6f, distance + radius);
-    }
+    explicit NormalShader(const Mesh& mesh) : mMesh(mesh) {}
 
-    Rgba operator()(const Vec3& direction, float t, unsigned triangle) const
-    {
-        if (mShade == Shade::eDepth)
-        {
-            const float closeness = 1.0f - (t - mNear) / (mFar - mNear);
-            const uint8_t grey = toByte(0.12f + 0.88f * closeness);
-            return Rgba{grey, grey, grey, 255};
-        }
-        Vec3 normal = faceNormal(triangle);
-        if (normal.Dot(direction) > 0.0f)
-            normal = -normal;
-        return Rgba{toByte(0.5f + 0.5f * normal[0]), toByte(0.5f + 0.5f * normal[1]), toByte(0.5f + 0.5f * normal[2]),
-                    255};
-    }
-
-private:
-    Vec3 faceNormal(unsigned triangle) const
+    Rgba operator()(const Vec3& direction, unsigned triangle) const
     {
         const unsigned* index = mMesh.mesh->GetIndexBuffer()->GetData() + 3 * size_t(triangle);
         const kx::kxVertexBuffer& vertices = *mMesh.mesh->GetVertexBuffer();
         const Vec3& a = vertices.Position3(static_cast<int>(index[0]));
-        const Vec3& b = vertices.Position3(static_cast<int>(index[1]));
-        const Vec3& c = vertices.Position3(static_cast<int>(index[2]));
-        Vec3 normal = (b - a).Cross(c - a);
+        Vec3 normal = (vertices.Position3(static_cast<int>(index[1])) - a)
+                          .Cross(vertices.Position3(static_cast<int>(index[2])) - a);
         normal.Normalize();
-        return normal;
+        const float facing = normal.Dot(direction);
+        if (facing > 0.0f)
+            normal = -normal;
+        // A light at the eye gives relief to surfaces whose normals share one colour.
+        const float light = 0.55f + 0.45f * std::fabs(facing);
+        return Rgba{toByte(light * (0.5f + 0.5f * normal[0])), toByte(light * (0.5f + 0.5f * normal[1])),
+                    toByte(light * (0.5f + 0.5f * normal[2])), 255};
     }
 
+private:
     const Mesh& mMesh;
-    Shade mShade;
-    float mNear;
-    float mFar;
 };
+
+/// Greys from the nearest hit (bright) to the farthest (dark) of the whole picture.
+void shadeDepth(Image& image, const std::vector<float>& distances)
+{
+    float nearest = std::numeric_limits<float>::infinity(), farthest = 0.0f;
+    for (float t : distances)
+        if (t < std::numeric_limits<float>::infinity())
+        {
+            nearest = std::min(nearest, t);
+            farthest = std::max(farthest, t);
+        }
+    const float range = std::max(farthest - nearest, 1e-20f);
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+        {
+            const float t = distances[size_t(y) * image.width() + x];
+            if (t < std::numeric_limits<float>::infinity())
+            {
+                const uint8_t grey = toByte(1.0f - 0.85f * (t - nearest) / range);
+                image.at(x, y) = Rgba{grey, grey, grey, 255};
+            }
+        }
+}
 } // namespace
 
 Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera, Shade shade,
                       kxQBVH::tIntersectionPolicy side, unsigned threads)
 {
     Rendering result{Image(camera.width(), camera.height())};
-    const Shader shader(mesh, camera, shade);
+    const NormalShader shadeNormal(mesh);
+    std::vector<float> distances(shade == Shade::eDepth ? size_t(camera.width()) * camera.height() : 0,
+                                 std::numeric_limits<float>::infinity());
     std::vector<uint32_t> rowHits(static_cast<size_t>(camera.height()), 0);
     Progress progress("rendering " + std::to_string(camera.width()) + "x" + std::to_string(camera.height()),
                       static_cast<uint64_t>(camera.height()));
@@ -86,14 +90,18 @@ Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera
             float t = std::numeric_limits<float>::infinity();
             Wm4::Vector2<float> barycentric;
             unsigned triangle = 0xFFFFFFFFu;
-            if (qbvh.intersectRay(camera.eye(), direction, 0.0f, t, barycentric, triangle, side))
-            {
-                result.image.at(x, y) = shader(direction, t, triangle);
-                ++rowHits[row];
-            }
+            if (!qbvh.intersectRay(camera.eye(), direction, 0.0f, t, barycentric, triangle, side))
+                continue;
+            ++rowHits[row];
+            if (shade == Shade::eDepth)
+                distances[row * camera.width() + x] = t;
+            else
+                result.image.at(x, y) = shadeNormal(direction, triangle);
         }
         progress.advance();
     });
+    if (shade == Shade::eDepth)
+        shadeDepth(result.image, distances);
     result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     throwIfInterrupted("rendering");
     for (uint32_t hits : rowHits)
@@ -115,7 +123,7 @@ void runRender(const RenderOptions& options)
     const Mesh mesh = openMesh(options.source);
     Hierarchy hierarchy;
     buildHierarchy(mesh, options.build, hierarchy);
-    const Camera camera(options.camera, mesh.bounds);
+    const Camera camera(options.camera, mesh.bounds, mesh.mesh->GetVertexBuffer());
     const unsigned threads = resolveThreads(options.threads);
     const Rendering rendering = renderImage(hierarchy.qbvh, mesh, camera, options.shade, options.side, threads);
     writePng(rendering.image, options.output);
