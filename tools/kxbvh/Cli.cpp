@@ -49,7 +49,7 @@ CLI::Validator oneOf(const std::map<std::string, T>& choices)
             value = std::to_string(static_cast<long long>(found->second));
             return std::string();
         },
-        names);
+        "");
 }
 
 bool parseVec3(const std::string& text, Vec3& out)
@@ -81,7 +81,7 @@ const CLI::Validator kVec3(
         Vec3 parsed;
         return parseVec3(value, parsed) ? std::string() : "'" + value + "' is not three numbers x,y,z";
     },
-    "X,Y,Z");
+    "");
 
 Vec3 toVec3(const std::string& text)
 {
@@ -101,7 +101,8 @@ MeshOptions addMeshOptions(CLI::App& command, MeshSource& source)
     MeshOptions options;
     options.path = command.add_option("MESH", source.path,
                                       "Mesh file: OBJ, PLY, STL, glTF/GLB, OFF, 3DS, FBX, DAE, ... (anything assimp "
-                                      "reads); all its meshes are merged with their node transforms");
+                                      "reads); all its meshes are merged with their node transforms. Without it, the "
+                                      "built-in scene");
     options.path->type_name("FILE");
     options.triangles =
         command.add_option("--triangles", source.sceneTriangles, "Size of the built-in scene, in triangles")
@@ -118,6 +119,7 @@ CLI::Option* addBuildOptions(CLI::App& command, BuildOptions& build)
                     "linear: Morton codes, fast to build (what buildFromMesh uses); sah: binned surface-area "
                     "heuristic, slower to build, often faster to query")
         ->transform(oneOf(std::map<std::string, Builder>{{"linear", Builder::eLinear}, {"sah", Builder::eSah}}))
+        ->type_name("linear|sah")
         ->default_str("linear");
     return command.add_option("--leaf", build.leafSize, "Largest leaf of the linear builder, in triangles")
         ->check(CLI::Range(1u, 1024u))
@@ -135,14 +137,17 @@ void addCameraOptions(CLI::App& command, CameraOptions& camera)
     command.add_option_function<std::string>(
                "--view", [&camera](const std::string& v) { camera.view = toVec3(v); },
                "Eye position (default: framing the mesh from above and to the side)")
-        ->check(kVec3);
+        ->check(kVec3)
+        ->type_name("X,Y,Z");
     command.add_option_function<std::string>(
                "--at", [&camera](const std::string& v) { camera.at = toVec3(v); },
                "Point looked at (default: the centre of the mesh's bounds)")
-        ->check(kVec3);
+        ->check(kVec3)
+        ->type_name("X,Y,Z");
     command.add_option_function<std::string>(
                "--up", [&camera](const std::string& v) { camera.up = toVec3(v); }, "Up direction (default 0,1,0)")
-        ->check(kVec3);
+        ->check(kVec3)
+        ->type_name("X,Y,Z");
     command.add_option("--fov", camera.fovDegrees, "Vertical field of view in degrees")
         ->check(CLI::Range(1.0f, 170.0f))
         ->capture_default_str();
@@ -180,7 +185,6 @@ int runCommandLine(int argc, char** argv)
                  "kxbvh"};
     app.set_version_flag("--version", std::string("kxbvh ") +
                                           kxCommonAddOns::Version::GetDescStringMajorMinorReleaseRevisionDate());
-    app.footer(kFooter);
     app.fallthrough();
     app.require_subcommand(0, 1);
 
@@ -188,6 +192,7 @@ int runCommandLine(int argc, char** argv)
     app.add_option("--progress", progress, "Progress on standard error: auto (when it is a terminal), always, never")
         ->transform(oneOf(std::map<std::string, ProgressMode>{
             {"auto", ProgressMode::eAuto}, {"always", ProgressMode::eAlways}, {"never", ProgressMode::eNever}}))
+        ->type_name("auto|always|never")
         ->default_str("auto");
     bool verbose = false;
     app.add_flag("--verbose", verbose, "Also show the library's own log lines (on standard error)");
@@ -204,10 +209,11 @@ int runCommandLine(int argc, char** argv)
         app.add_subcommand("render", "Shoot one ray per pixel through the QBVH and write a PNG; prints rays/s");
     addMeshOptions(*renderCommand, render.source);
     CLI::Option* renderLeaf = addBuildOptions(*renderCommand, render.build);
-    renderCommand->add_option("-o,--output", render.output, "PNG file to write")->capture_default_str();
+    renderCommand->add_option("-o,--output", render.output, "PNG file to write")->type_name("FILE")->capture_default_str();
     addCameraOptions(*renderCommand, render.camera);
     renderCommand->add_option("--shade", render.shade, "normal: facing normal as colour; depth: near is bright")
         ->transform(oneOf(std::map<std::string, Shade>{{"normal", Shade::eNormal}, {"depth", Shade::eDepth}}))
+        ->type_name("normal|depth")
         ->default_str("normal");
     const std::map<std::string, kxQBVH::tIntersectionPolicy> sides{
         {"all", kxQBVH::eAllSides}, {"front", kxQBVH::eFrontSide}, {"back", kxQBVH::eBackSide}};
@@ -216,6 +222,7 @@ int runCommandLine(int argc, char** argv)
                      "Which faces a ray may hit: all, front (against the normal of a counter-clockwise "
                      "triangle), back")
         ->transform(oneOf(sides))
+        ->type_name("all|front|back")
         ->default_str("all");
     addThreads(*renderCommand, render.threads);
 
@@ -224,7 +231,7 @@ int runCommandLine(int argc, char** argv)
         "cull", "Ask for each tile of the view whether its frustum holds geometry; writes the mask over the picture");
     addMeshOptions(*cullCommand, cull.source);
     CLI::Option* cullLeaf = addBuildOptions(*cullCommand, cull.build);
-    cullCommand->add_option("-o,--output", cull.output, "PNG file to write")->capture_default_str();
+    cullCommand->add_option("-o,--output", cull.output, "PNG file to write")->type_name("FILE")->capture_default_str();
     addCameraOptions(*cullCommand, cull.camera);
     cullCommand->add_option("--tile", cull.tile, "Tile size in pixels")
         ->check(CLI::Range(1, 4096))
@@ -245,6 +252,8 @@ int runCommandLine(int argc, char** argv)
         ->capture_default_str();
     benchCommand->add_flag("--json", bench.json, "Print the figures as one JSON object");
 
+    // Set last: subcommands made after it would repeat it under their own help.
+    app.footer(kFooter);
     try
     {
         app.parse(argc, argv);
