@@ -361,3 +361,42 @@ TEST(QBVHRay, AnEmptyHierarchyMissesAndReportsNoTriangle)
     EXPECT_FALSE(qbvh.intersectRay({0, 0, 0}, {1, 0, 0}, 0.0f, t, bary, triangle, kxQBVH::eAllSides));
     EXPECT_EQ(triangle, kNone);
 }
+
+TEST(QBVHRay, AFlatRayOnABoxFaceFollowsTheSseMinMaxRule)
+{
+    // The ray runs along x with no y component, exactly in the plane of the leaf box's
+    // lowest or highest y. On the lowest face (0 - 0) * inf is NaN in the first operand of
+    // min: the slab becomes [+inf, +inf] and the box is missed. On the highest face the NaN
+    // lands in the second operand of the near/far nesting and the slab is ignored.
+    std::vector<Wm4::Vector3<float>> p = {{0.5f, 0, -1}, {0.5f, 0, 1}, {0.5f, 1, 0}};
+    std::vector<unsigned int> idx = {0, 1, 2};
+    for (int t = 1; t < 8; ++t)
+    {
+        const float z = 50.0f + 5.0f * static_cast<float>(t);
+        p.insert(p.end(), {{0, 0, z}, {1, 0, z}, {0, 1, z}});
+        idx.insert(idx.end(), {3u * t, 3u * t + 1, 3u * t + 2});
+    }
+    auto mesh = makeMesh(p, idx);
+    MedianSplitOptions single;
+    single.maxLeafSize = 1;
+    kxQBVH qbvh;
+    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*mesh, single), *mesh);
+    ASSERT_GT(qbvh.getNodeCount(), 0u);
+    const Wm4::Vector3<float> along(1, 0, 0);
+    struct Case
+    {
+        float y;
+        bool hit;
+    };
+    for (const Case c : {Case{0.0f, false}, Case{0.5f, true}, Case{1.0f, true}})
+        for (bool reference : {false, true})
+        {
+            const RayAnswer a = shoot(qbvh, {0, c.y, 0}, along, 0.0f, kInf, 0, reference);
+            EXPECT_EQ(a.hit, c.hit) << "y " << c.y << (reference ? " scalar" : " simd");
+            if (a.hit)
+            {
+                EXPECT_EQ(a.triangle, 0u);
+                EXPECT_EQ(a.t, 0.5f);
+            }
+        }
+}
