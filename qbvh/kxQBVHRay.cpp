@@ -93,6 +93,7 @@ private:
     };
 
     int nodeOrder(uint32_t node, float t, Entry order[4]) const;
+    void prefetch(const Entry& e) const;
 
     const kxQBVH::tQBVHNode* mNodes;
     const kxQBVH::tSOATriangleEquations* mEquations;
@@ -159,6 +160,18 @@ void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
         }
 }
 
+// Child data is fetched while the nearer siblings are processed.
+template <class Rule>
+void Traversal<Rule>::prefetch(const Entry& e) const
+{
+    const char* p = e.count == kNone ? reinterpret_cast<const char*>(mNodes + e.ref)
+                                     : reinterpret_cast<const char*>(mEquations + e.ref);
+    kxSimd::prefetch(p);
+    kxSimd::prefetch(p + 64);
+    if (e.count != kNone)
+        kxSimd::prefetch(p + 128);
+}
+
 // Writes the slots to visit, nearest first, and returns how many. Keys are never NaN
 // (a slot is keyed only when near <= far), so a slot is visited exactly when its key is
 // below +infinity.
@@ -167,16 +180,14 @@ int Traversal<Rule>::nodeOrder(uint32_t index, float t, Entry order[4]) const
 {
     const kxQBVH::tQBVHNode& node = mNodes[index];
     const RayRecord& r = mRay;
-    vfloat4 nearA[3], farA[3];
-    for (int a = 0; a < 3; ++a)
-    {
-        const vfloat4 t1 = (vfloat4::load(node.bboxMin[a]) - r.org[a]) * r.inv[a];
-        const vfloat4 t2 = (vfloat4::load(node.bboxMax[a]) - r.org[a]) * r.inv[a];
-        nearA[a] = min(t1, t2);
-        farA[a] = max(t1, t2);
-    }
-    const vfloat4 nearT = max(nearA[2], max(nearA[1], max(nearA[0], mRule.lower(t))));
-    const vfloat4 farT = min(farA[2], min(farA[1], min(farA[0], Rule::upper(t))));
+    const vfloat4 x1 = (vfloat4::load(node.bboxMin[0]) - r.org[0]) * r.inv[0];
+    const vfloat4 x2 = (vfloat4::load(node.bboxMax[0]) - r.org[0]) * r.inv[0];
+    const vfloat4 y1 = (vfloat4::load(node.bboxMin[1]) - r.org[1]) * r.inv[1];
+    const vfloat4 y2 = (vfloat4::load(node.bboxMax[1]) - r.org[1]) * r.inv[1];
+    const vfloat4 z1 = (vfloat4::load(node.bboxMin[2]) - r.org[2]) * r.inv[2];
+    const vfloat4 z2 = (vfloat4::load(node.bboxMax[2]) - r.org[2]) * r.inv[2];
+    const vfloat4 nearT = max(min(z1, z2), max(min(y1, y2), max(min(x1, x2), mRule.lower(t))));
+    const vfloat4 farT = min(max(z1, z2), min(max(y1, y2), min(max(x1, x2), Rule::upper(t))));
     const vfloat4 zero(0.0f), inf(kInf);
     // Near when the box lies ahead, 0 when the origin is inside, far (negative) when the
     // whole box lies behind the origin.
@@ -242,7 +253,10 @@ void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
             if (n > 0 && top + n - 1 <= kStackSize)
             {
                 for (int i = n - 1; i > 0; --i)
+                {
+                    prefetch(order[i]);
                     stack[top++] = order[i];
+                }
                 current = order[0];
                 continue;
             }

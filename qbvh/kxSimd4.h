@@ -85,6 +85,12 @@ inline vuint4 select(vmask4 m, vuint4 a, vuint4 b)
     return vuint4(_mm_or_si128(_mm_and_si128(mi, a.v), _mm_andnot_si128(mi, b.v)));
 }
 
+/// Asks for the cache line holding p ahead of its use.
+inline void prefetch(const void* p)
+{
+    _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0);
+}
+
 /// The bit patterns of a as unsigned lanes.
 inline vuint4 asUint(vfloat4 a) { return vuint4(_mm_castps_si128(a.v)); }
 } // namespace kxSimd
