@@ -175,6 +175,8 @@ struct HullQuery
         if (planeCount == 0)
             return true;
         const kxQBVH::tQBVHNode& node = qbvh.getNodes()[index];
+        bool outside[4] = {false, false, false, false};
+        bool boxInside = false;
         for (int k = 0; k < 4; ++k)
         {
             float lowest = kInf;
@@ -184,25 +186,18 @@ struct HullQuery
                 const float x0 = node.bboxMin[0][k] * e.a[0], x1 = node.bboxMax[0][k] * e.a[0];
                 const float y0 = node.bboxMin[1][k] * e.b[0], y1 = node.bboxMax[1][k] * e.b[0];
                 const float z0 = node.bboxMin[2][k] * e.c[0], z1 = node.bboxMax[2][k] * e.c[0];
+                const float hi = maxOf(y0, y1) + maxOf(x0, x1) + (maxOf(z0, z1) + e.d[0]);
                 const float lo = minOf(y0, y1) + minOf(x0, x1) + (e.d[0] + minOf(z0, z1));
+                outside[k] = outside[k] || hi < 0.0f;
                 lowest = minOf(lowest, lo);
             }
-            if (lowest > 0.0f)
-                return true;
+            boxInside = boxInside || lowest > 0.0f;
         }
+        if (boxInside)
+            return true;
         for (int k = 0; k < 4; ++k)
         {
-            bool outside = false;
-            for (unsigned int p = 0; p < planeCount; ++p)
-            {
-                const kxQBVH::tSOASinglePlaneEqn& e = planes[p];
-                const float x0 = node.bboxMin[0][k] * e.a[0], x1 = node.bboxMax[0][k] * e.a[0];
-                const float y0 = node.bboxMin[1][k] * e.b[0], y1 = node.bboxMax[1][k] * e.b[0];
-                const float z0 = node.bboxMin[2][k] * e.c[0], z1 = node.bboxMax[2][k] * e.c[0];
-                const float hi = maxOf(y0, y1) + maxOf(x0, x1) + (maxOf(z0, z1) + e.d[0]);
-                outside = outside || hi < 0.0f;
-            }
-            if (outside)
+            if (outside[k])
                 continue;
             if (node.count[k] == kNone ? nodeTest(node.child[k]) : leafTest(node.child[k], node.count[k]))
                 return true;

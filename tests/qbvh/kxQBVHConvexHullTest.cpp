@@ -239,14 +239,12 @@ TEST(QBVHConvexHull, PaddingLanesCountAsTrianglesAtTheOrigin)
             cube.push_back(plane);
         }
     const PlaneSet set = makeSet(cube);
-    MedianSplitOptions oneLeaf;
-    oneLeaf.maxLeafSize = 8;
     for (int triangles : {5, 8})
     {
         std::vector<unsigned int> prefix(idx.begin(), idx.begin() + 3 * triangles);
         auto mesh = makeMesh(p, prefix);
         kxQBVH qbvh;
-        qbvh.buildFromBVH(kxQBVH::eTrianglesVertices, buildMedianSplitBVH(*mesh, oneLeaf), *mesh);
+        buildWithLeafSize(qbvh, kxQBVH::eTrianglesVertices, *mesh, 8);
         ASSERT_EQ(qbvh.getNodeCount(), 0u);
         EXPECT_EQ(bruteForce(*mesh, cube), 0);
         EXPECT_EQ(qbvh.intersectConvexHull(set.get(), 6), triangles == 5) << triangles << " triangles";
@@ -303,9 +301,8 @@ TEST(QBVHConvexHull, PlaneSetsBroadcastEachCoefficient)
 TEST(QBVHConvexHull, WithoutVerticesTheQueryLogsAndAnswersFalse)
 {
     std::mt19937 rng(4);
-    auto mesh = randomSoup(rng, 30);
     kxQBVH qbvh;
-    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*mesh), *mesh);
+    buildWithLeafSize(qbvh, kxQBVH::eTrianglesEquations, *randomSoup(rng, 30), 4);
     kx::kxCapturingLog log;
     log.install();
     EXPECT_FALSE(qbvh.intersectConvexHull(nullptr, 0));

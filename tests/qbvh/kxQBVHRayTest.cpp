@@ -214,41 +214,33 @@ TEST(QBVHRay, EqualHitsInOneLeafGoToTheLowerLaneBeforeTheEarlierGroup)
             idx.insert(idx.end(), {b, b + 1, b + 2});
         }
     }
-    auto mesh = makeMesh(p, idx);
-    MedianSplitOptions oneLeaf;
-    oneLeaf.maxLeafSize = 8;
-    kxQBVH qbvh;
-    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*mesh, oneLeaf), *mesh);
-    ASSERT_EQ(qbvh.getNodeCount(), 0u);
-    ASSERT_EQ(qbvh.getGroupCount(), 2u);
+    // Both queries meet the copies at distance 1, the symmetric one behind its origin.
+    auto nearest = [&](unsigned int expected) {
+        kxQBVH qbvh;
+        buildWithLeafSize(qbvh, kxQBVH::eTrianglesEquations, *makeMesh(p, idx), 8);
+        ASSERT_EQ(qbvh.getNodeCount(), 0u);
+        ASSERT_EQ(qbvh.getGroupCount(), 2u);
+        float t = kInf;
+        Wm4::Vector2<float> bary;
+        unsigned int triangle = kNone;
+        EXPECT_TRUE(qbvh.intersectRay({0.25f, 0.25f, 1.0f}, {0, 0, -1}, 0.0f, t, bary, triangle, kxQBVH::eAllSides));
+        EXPECT_EQ(triangle, expected);
+        EXPECT_EQ(t, 1.0f);
+        t = kInf;
+        EXPECT_TRUE(qbvh.intersectRaySymmetric({0.25f, 0.25f, -1.0f}, {0, 0, -1}, t, bary, triangle));
+        EXPECT_EQ(triangle, expected);
+        EXPECT_EQ(t, 1.0f);
+    };
+    nearest(5);
 
-    float t = kInf;
-    Wm4::Vector2<float> bary;
-    unsigned int triangle = 0;
-    ASSERT_TRUE(qbvh.intersectRay({0.25f, 0.25f, 1.0f}, {0, 0, -1}, 0.0f, t, bary, triangle, kxQBVH::eAllSides));
-    EXPECT_EQ(triangle, 5u);
-    EXPECT_EQ(t, 1.0f);
-
-    // Without the lane-1 copy, lane 2 of group 0 holds the only copy in a lower lane than 3.
+    // Without the lane-1 copy, lane 2 of group 0 beats lane 3 of group 1.
     idx[3 * 5] = 3, idx[3 * 5 + 1] = 4, idx[3 * 5 + 2] = 5;
-    auto mesh2 = makeMesh(p, idx);
-    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*mesh2, oneLeaf), *mesh2);
-    t = kInf;
-    ASSERT_TRUE(qbvh.intersectRay({0.25f, 0.25f, 1.0f}, {0, 0, -1}, 0.0f, t, bary, triangle, kxQBVH::eAllSides));
-    EXPECT_EQ(triangle, 2u);
+    nearest(2);
 
     // Same lane, two groups: the earlier group wins.
     idx[3 * 2] = 3, idx[3 * 2 + 1] = 4, idx[3 * 2 + 2] = 5;
     idx[3 * 6] = 0, idx[3 * 6 + 1] = 1, idx[3 * 6 + 2] = 2;
-    auto mesh3 = makeMesh(p, idx);
-    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*mesh3, oneLeaf), *mesh3);
-    t = kInf;
-    ASSERT_TRUE(qbvh.intersectRay({0.25f, 0.25f, 1.0f}, {0, 0, -1}, 0.0f, t, bary, triangle, kxQBVH::eAllSides));
-    EXPECT_EQ(triangle, 6u);
-    t = kInf;
-    ASSERT_TRUE(qbvh.intersectRaySymmetric({0.25f, 0.25f, -1.0f}, {0, 0, -1}, t, bary, triangle));
-    EXPECT_EQ(triangle, 6u);
-    EXPECT_EQ(t, 1.0f);
+    nearest(6);
 }
 
 TEST(QBVHRay, EqualHitsInTwoLeavesGoToTheLeafWhoseBoxTheRayEntersFirst)
@@ -376,11 +368,8 @@ TEST(QBVHRay, AFlatRayOnABoxFaceFollowsTheSseMinMaxRule)
         p.insert(p.end(), {{0, 0, z}, {1, 0, z}, {0, 1, z}});
         idx.insert(idx.end(), {3u * t, 3u * t + 1, 3u * t + 2});
     }
-    auto mesh = makeMesh(p, idx);
-    MedianSplitOptions single;
-    single.maxLeafSize = 1;
     kxQBVH qbvh;
-    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*mesh, single), *mesh);
+    buildWithLeafSize(qbvh, kxQBVH::eTrianglesEquations, *makeMesh(p, idx), 1);
     ASSERT_GT(qbvh.getNodeCount(), 0u);
     const Wm4::Vector3<float> along(1, 0, 0);
     struct Case

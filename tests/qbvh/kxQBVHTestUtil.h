@@ -3,6 +3,7 @@
 #ifndef KXQBVHTESTUTIL_H
 #define KXQBVHTESTUTIL_H
 
+#include "kxMedianSplitBVH.h"
 #include "kxQBVH.h"
 
 #include <cmath>
@@ -136,6 +137,14 @@ inline bool reachableWithMargin(const TriangleSlot& slot, const Wm4::Vector3<flo
             return false;
     }
     return true;
+}
+
+/// Builds qbvh over mesh through the median-split builder with the given leaf size.
+inline void buildWithLeafSize(kxQBVH& qbvh, unsigned int flags, const kx::kxTriMesh& mesh, unsigned int maxLeafSize)
+{
+    MedianSplitOptions options;
+    options.maxLeafSize = maxLeafSize;
+    qbvh.buildFromBVH(static_cast<kxQBVH::tQBVHDataFlags>(flags), buildMedianSplitBVH(mesh, options), mesh);
 }
 
 /// Random ray: from inside the box or from a shell around it, some directions with zero
