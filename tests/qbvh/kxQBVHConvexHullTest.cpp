@@ -283,21 +283,6 @@ TEST(QBVHConvexHull, ABoxInsideTheRegionAnswersWithoutLookingAtItsTriangles)
     }
 }
 
-TEST(QBVHConvexHull, PlaneSetsBroadcastEachCoefficient)
-{
-    const std::vector<Plane> planes = {Plane(1, 2, 3, 4), Plane(-0.5f, 0, kInf, -7)};
-    const PlaneSet set = makeSet(planes);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(set.get()) % 16, 0u);
-    for (size_t i = 0; i < planes.size(); ++i)
-        for (int k = 0; k < 4; ++k)
-        {
-            EXPECT_EQ(set.get()[i].a[k], planes[i][0]);
-            EXPECT_EQ(set.get()[i].b[k], planes[i][1]);
-            EXPECT_EQ(set.get()[i].c[k], planes[i][2]);
-            EXPECT_EQ(set.get()[i].d[k], planes[i][3]);
-        }
-}
-
 TEST(QBVHConvexHull, WithoutVerticesTheQueryLogsAndAnswersFalse)
 {
     std::mt19937 rng(4);
