@@ -25,5 +25,6 @@
 #include "kxGenericBVH.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"
+#include "kxTSharedArray.h"
 
 #endif
