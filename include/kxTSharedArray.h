@@ -47,10 +47,12 @@ public:
     void Save(kxBaseStream& stream) const override;
     /// True for an array of the same element type (or derived) whose base part compares
     /// equal, with the same quantity and every element within the element type's
-    /// tolerance.
+    /// tolerance. Elements of both arrays must be readable for the whole quantity.
     bool Equals(const kxRttiInterface* other) const override;
-    /// Copies into target, or into a new empty array when target is null. False when
-    /// target is not of this type. An array the target held before is not released.
+    /// Copies into target, or into a new array (owned by the caller) when target is null.
+    /// False when target is not of this type. The target always gets a new allocation of
+    /// quantity elements, even when this array's data is null; an array it held before is
+    /// not released.
     bool Clone(kxRttiInterface*& target) const override;
 
     kxObject* GetObjectByName(const std::string& name) override;

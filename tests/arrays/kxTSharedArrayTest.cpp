@@ -53,7 +53,7 @@ typedef ::testing::Types<Wm4::Vector3<float>, Wm4::Vector3<double>, Wm4::Quatern
 TYPED_TEST_SUITE(SharedArraySquaredDistance, SquaredDistanceTypes);
 } // namespace
 
-TEST(SharedArrayEquals, VectorsAndQuaternionsUseSquaredDistanceOtherTypesEveryScalar)
+TEST(SharedArrayEquals, VectorsAndQuaternionsUseSquaredDistanceIntsExactnessOthersEveryScalar)
 {
     typedef Wm4::Vector3<float> V;
     EXPECT_TRUE(Equal({V(1, 2, 3), V(-4, 5, 0)}, {V(1, 2, 3), V(-4, 5, 0.0005f)}));
@@ -72,6 +72,9 @@ TEST(SharedArrayEquals, VectorsAndQuaternionsUseSquaredDistanceOtherTypesEverySc
     EXPECT_TRUE(Equal({M(1, 2, 3, 4)}, {M(1, 2, 3, Ulps(4.0f, 2))}));
     EXPECT_FALSE(Equal({M(1, 2, 3, 4)}, {M(1, 2, 3, Ulps(4.0f, 3))}));
     EXPECT_FALSE(Equal({Wm4::ColorRGB(0.5f, 0.5f, 0.5f)}, {Wm4::ColorRGB(0.5f, 0.5005f, 0.5f)}));
+
+    EXPECT_TRUE(Equal({5, -7, 0x7FFFFFFF}, {5, -7, 0x7FFFFFFF}));
+    EXPECT_FALSE(Equal({5, -7, 0x7FFFFFFF}, {5, -7, 0x7FFFFFFE}));
 }
 
 TEST(SharedArrayEquals, FloatDifferencesAreComparedWithOneMillionthInDouble)
@@ -96,36 +99,33 @@ TYPED_TEST(SharedArraySquaredDistance, BoundaryCasesFollowTheSumInTheElementPrec
 {
     typedef typename Element<TypeParam>::Scalar Scalar;
     typedef typename std::conditional<std::is_same<Scalar, float>::value, double, long double>::type Wider;
-    constexpr int N = Element<TypeParam>::Count;
     std::mt19937 rng(3);
     std::uniform_real_distribution<Scalar> position(-0.01, 0.01);
     std::normal_distribution<double> direction(0.0, 1.0);
+    const int trials = 20000;
     int decisive = 0;
     int equal = 0;
-    const int trials = 20000;
     for (int trial = 0; trial < trials; ++trial)
     {
-        double offset[N];
+        double offset[ScalarCount<TypeParam>];
         double length = 0.0;
         for (double& o : offset)
         {
             o = direction(rng);
             length += o * o;
         }
-        const double scale = 1e-3 / std::sqrt(length);
         TypeParam a, b;
-        for (int k = 0; k < N; ++k)
-        {
-            Element<TypeParam>::At(a, k) = position(rng);
-            Element<TypeParam>::At(b, k) = Get(a, k) + static_cast<Scalar>(offset[k] * scale);
-        }
+        Scalar* x = ScalarsOf(a);
+        Scalar* y = ScalarsOf(b);
         Scalar sum = 0;
         Wider widerSum = 0;
-        for (int k = 0; k < N; ++k)
+        for (int k = 0; k < ScalarCount<TypeParam>; ++k)
         {
-            const Scalar d = Get(a, k) - Get(b, k);
+            x[k] = position(rng);
+            y[k] = x[k] + static_cast<Scalar>(offset[k] * 1e-3 / std::sqrt(length));
+            const Scalar d = x[k] - y[k];
             sum += d * d;
-            const Wider wd = static_cast<Wider>(Get(a, k)) - static_cast<Wider>(Get(b, k));
+            const Wider wd = static_cast<Wider>(x[k]) - static_cast<Wider>(y[k]);
             widerSum += wd * wd;
         }
         const bool expected = static_cast<double>(sum) < 1e-6;
@@ -140,13 +140,6 @@ TYPED_TEST(SharedArraySquaredDistance, BoundaryCasesFollowTheSumInTheElementPrec
     EXPECT_GT(decisive, 0);
     EXPECT_GT(equal, trials / 10);
     EXPECT_LT(equal, trials - trials / 10);
-}
-
-TEST(SharedArrayEquals, IntArraysMatchOnlyWhenIdentical)
-{
-    EXPECT_TRUE(Equal({5, -7, 0x7FFFFFFF}, {5, -7, 0x7FFFFFFF}));
-    EXPECT_FALSE(Equal({5, -7, 0x7FFFFFFF}, {5, -7, 0x7FFFFFFE}));
-    EXPECT_FALSE(Equal({5, -7, 0x7FFFFFFF}, {4, -7, 0x7FFFFFFF}));
 }
 
 TEST(SharedArrayEquals, RejectsNullOtherTypesAndOtherQuantitiesButAcceptsDerivedTypes)
@@ -185,10 +178,6 @@ TEST(SharedArrayCopy, CopiesAreDeepAndGetAFreshBase)
     EXPECT_NE(original->GetData(), copy.GetData());
     EXPECT_NE(original->GetID(), copy.GetID());
     EXPECT_EQ(0, copy.GetReferences());
-
-    const Wm4::Matrix3<double> before = copy[2];
-    (*original)[2](1, 1) += 1.0;
-    EXPECT_EQ(before, copy[2]);
 
     const kx::kxMatrix3dArray hollow(3, nullptr);
     const kx::kxMatrix3dArray hollowCopy(hollow);
@@ -287,20 +276,7 @@ TEST(SharedArrayObject, HasNoNameOfItsOwnAndFindsItselfByTheEmptyNameAndItsID)
     EXPECT_EQ(&array, object.GetObjectByName(""));
     EXPECT_EQ(nullptr, object.GetObjectByName("points"));
     EXPECT_EQ(&array, object.GetObjectByID(array.GetID()));
-    EXPECT_EQ(nullptr, object.GetObjectByID(array.GetID() + 1));
     std::vector<kx::kxObject*> found;
     object.GetAllObjectsByName("", found);
     EXPECT_EQ(std::vector<kx::kxObject*>{&array}, found);
-
-    // A name carried by the stream's object part is not taken over either.
-    kx::kxBaseStream stream;
-    stream.writeString("points");
-    const uint32_t id = 42;
-    const int32_t quantity = 0;
-    stream.writele(4, 1, &id);
-    stream.writele(4, 1, &quantity);
-    kx::kxIntArray loaded;
-    loaded.Load(stream);
-    EXPECT_FALSE(stream.Failed());
-    EXPECT_EQ("", loaded.GetName());
 }
