@@ -26,5 +26,6 @@
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"
 #include "kxQBVH.h"
+#include "kxTSharedArray.h"
 
 #endif
