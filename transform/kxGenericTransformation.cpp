@@ -79,10 +79,12 @@ Real adjugate(const Wm4::Matrix3<Real>& m, Wm4::Matrix3<Real>& adj)
 // The tolerance test is signed on purpose: every negative determinant not close to -1
 // counts as singular, like a tiny positive one.
 template <typename Real>
-Wm4::Matrix3<Real> invert3(const Wm4::Matrix3<Real>& m)
+Wm4::Matrix3<Real> invert3(const Wm4::Matrix3<Real>& m, Real* determinant = nullptr)
 {
     Wm4::Matrix3<Real> adj;
     const Real det = adjugate(m, adj);
+    if (determinant)
+        *determinant = det;
     if (det == Real(0))
         return Wm4::Matrix3<Real>::ZERO;
     const Real invDet = Real(1) / det;
@@ -91,6 +93,29 @@ Wm4::Matrix3<Real> invert3(const Wm4::Matrix3<Real>& m)
         return Wm4::Matrix3<Real>::ZERO;
     adj *= invDet;
     return adj;
+}
+
+template <typename Real>
+Wm4::Vector3<Real> unitOrZero(const Wm4::Vector3<Real>& v)
+{
+    const Real length = v.Length();
+    const Real invLength = Real(1) / length;
+    if (length == Real(0) || static_cast<double>(invLength) > DBL_MAX)
+        return Wm4::Vector3<Real>(Real(0), Real(0), Real(0));
+    return v * invLength;
+}
+
+// Adding a zero translation would turn -0 into +0, so the translation is skipped, not zeroed.
+template <typename Real, typename Linear>
+void applyEach(int count, const Wm4::Vector3<Real>* in, Wm4::Vector3<Real>* out, bool withTranslation,
+               const Wm4::Vector3<Real>& translate, Linear linear)
+{
+    if (withTranslation)
+        for (int i = 0; i < count; ++i)
+            out[i] = linear(in[i]) + translate;
+    else
+        for (int i = 0; i < count; ++i)
+            out[i] = linear(in[i]);
 }
 } // namespace
 
@@ -220,17 +245,11 @@ void kxGenericTransformation<Real>::ApplyForward(int count, const Vector3* in, V
         Wm4::System::Memcpy(out, bytes, in, bytes);
         return;
     }
-    const Vector3 t = withTranslation ? mTranslate : Vector3::ZERO;
     if (mIsRSMatrix)
-    {
-        for (int i = 0; i < count; ++i)
-            out[i] = mMatrix * componentProduct(mScale, in[i]) + t;
-    }
+        applyEach(count, in, out, withTranslation, mTranslate,
+                  [this](const Vector3& p) { return mMatrix * componentProduct(mScale, p); });
     else
-    {
-        for (int i = 0; i < count; ++i)
-            out[i] = mMatrix * in[i] + t;
-    }
+        applyEach(count, in, out, withTranslation, mTranslate, [this](const Vector3& p) { return mMatrix * p; });
 }
 
 template <typename Real>
@@ -354,19 +373,10 @@ void kxGenericTransformation<Real>::FromHomogeneousMatrix(const Matrix4& h, bool
     const Vector3 t = rowVectorConvention ? Vector3(h[3][0], h[3][1], h[3][2]) : Vector3(h[0][3], h[1][3], h[2][3]);
 
     for (int j = 0; j < 3; ++j)
-    {
-        const Real length = c[j].Length();
-        const Real invLength = Real(1) / length;
-        if (length == Real(0) || static_cast<double>(invLength) > DBL_MAX)
-            u[j] = Vector3(Real(0), Real(0), Real(0));
-        else
-            u[j] = c[j] * invLength;
-    }
+        u[j] = unitOrZero(c[j]);
 
-    const Matrix3 q(u[0], u[1], u[2], true);
-    Matrix3 adj;
-    const Real det = adjugate(q, adj);
-    const Matrix3 qInverse = invert3(q);
+    Real det;
+    const Matrix3 qInverse = invert3(Matrix3(u[0], u[1], u[2], true), &det);
     bool orthogonal = true;
     for (int i = 0; i < 3; ++i)
     {

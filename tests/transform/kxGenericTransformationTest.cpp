@@ -311,7 +311,7 @@ TYPED_TEST(GenericTransformation, MappedPlanesAndNormalsFitTheMappedGeometry)
     });
 }
 
-TYPED_TEST(GenericTransformation, IdentityPassesPointsThroughBitForBit)
+TYPED_TEST(GenericTransformation, IdentityPassesPointsThroughBitForBitAndBatchesMatchSingleCalls)
 {
     using Real = TypeParam;
     const Real inf = std::numeric_limits<Real>::infinity(), nan = std::numeric_limits<Real>::quiet_NaN();
@@ -339,6 +339,10 @@ TYPED_TEST(GenericTransformation, IdentityPassesPointsThroughBitForBit)
     scaled.ApplyForward(-1, in, out + 3, true);
     scaled.ApplyInverse(0, in, out + 3);
     EXPECT_TRUE(sameBits(out[3], sentinel));
+    const V3<Real> negative(Real(-0.0), Real(-1), Real(-2));
+    scaled.ApplyForward(1, &negative, out, false);
+    EXPECT_TRUE(sameBits(out[0], scaled.ApplyForward(negative, false)));
+    EXPECT_TRUE(std::signbit(out[0][0]));
 }
 
 TYPED_TEST(GenericTransformation, IdentityFlagMixesExactValueEqualityWithABitwiseMatrixTest)
