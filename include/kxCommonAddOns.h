@@ -26,5 +26,6 @@
 #include "kxGenericTransformation.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"
+#include "kxTSharedArray.h"
 
 #endif
