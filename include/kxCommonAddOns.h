@@ -23,6 +23,7 @@
 #include "kxCancelInterface.h"
 #include "kxCommonAddOnsVersion.h"
 #include "kxGenericBVH.h"
+#include "kxGenericTransformation.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"
 #include "kxQBVH.h"
