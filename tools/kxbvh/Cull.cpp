@@ -93,28 +93,23 @@ TileGrid cullTiles(const kxQBVH& qbvh, const Camera& camera, int tile, unsigned 
 
 void runCull(const CullOptions& options)
 {
-    checkWritable(options.output);
-    const Mesh mesh = openMesh(options.source);
-    Hierarchy hierarchy;
-    buildHierarchy(mesh, options.build, hierarchy);
-    const Camera camera(options.camera, mesh.bounds, mesh.mesh->GetVertexBuffer());
-    const unsigned threads = resolveThreads(options.threads);
-
+    Shot shot;
+    prepareShot(shot, options.output, options.source, options.build, options.camera, options.threads);
     double seconds = 0.0;
-    const TileGrid grid = cullTiles(hierarchy.qbvh, camera, options.tile, threads, seconds);
-    const Rendering rendering = renderImage(hierarchy.qbvh, mesh, camera, Shade::eNormal, kxQBVH::eAllSides, threads);
+    const TileGrid grid = cullTiles(shot.hierarchy.qbvh, *shot.camera, options.tile, shot.threads, seconds);
+    const Rendering rendering =
+        renderImage(shot.hierarchy.qbvh, shot.mesh, *shot.camera, Shade::eNormal, kxQBVH::eAllSides, shot.threads);
     writePng(drawMask(rendering.image, grid), options.output);
 
     const size_t tiles = grid.covered.size();
     const size_t covered = size_t(std::count(grid.covered.begin(), grid.covered.end(), 1));
-    std::printf("%s: %s triangles, BVH built in %s\n", mesh.name.c_str(), groupDigits(mesh.triangles).c_str(),
-                formatSeconds(hierarchy.times.total()).c_str());
-    std::printf("culled %dx%d tiles of %d px: %s of %s see geometry\n", grid.columns, grid.rows, grid.tile,
-                groupDigits(covered).c_str(), groupDigits(tiles).c_str());
-    std::printf("%s convex-hull queries in %s on %u thread%s = %s queries/s\n", groupDigits(tiles).c_str(),
-                formatSeconds(seconds).c_str(), threads, threads == 1 ? "" : "s",
-                formatRate(double(tiles) / seconds).c_str());
-    std::printf("camera: %s\n", cameraArguments(camera).c_str());
-    std::printf("wrote %s\n", options.output.c_str());
+    char figures[256];
+    std::snprintf(figures, sizeof figures,
+                  "culled %dx%d tiles of %d px: %s of %s see geometry\n"
+                  "%s convex-hull queries in %s on %u thread%s = %s queries/s",
+                  grid.columns, grid.rows, grid.tile, groupDigits(covered).c_str(), groupDigits(tiles).c_str(),
+                  groupDigits(tiles).c_str(), formatSeconds(seconds).c_str(), shot.threads,
+                  shot.threads == 1 ? "" : "s", formatRate(double(tiles) / seconds).c_str());
+    reportShot(shot, figures, options.output);
 }
 } // namespace kxbvh

@@ -109,33 +109,42 @@ Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera
     return result;
 }
 
-std::string cameraArguments(const Camera& camera)
+void prepareShot(Shot& shot, const std::string& output, const MeshSource& source, const BuildOptions& build,
+                 const CameraOptions& camera, unsigned threads)
+{
+    checkWritable(output);
+    shot.mesh = openMesh(source);
+    buildHierarchy(shot.mesh, build, shot.hierarchy);
+    shot.camera.emplace(camera, shot.mesh.bounds, shot.mesh.mesh->GetVertexBuffer());
+    shot.threads = resolveThreads(threads);
+}
+
+void reportShot(const Shot& shot, const std::string& figures, const std::string& output)
 {
     auto triple = [](const Vec3& v) {
         return formatFloat(v[0]) + "," + formatFloat(v[1]) + "," + formatFloat(v[2]);
     };
-    return "--view " + triple(camera.eye()) + " --at " + triple(camera.target());
+    std::printf("%s: %s triangles, BVH built in %s\n%s\ncamera: --view %s --at %s\nwrote %s\n", shot.mesh.name.c_str(),
+                groupDigits(shot.mesh.triangles).c_str(), formatSeconds(shot.hierarchy.times.total()).c_str(),
+                figures.c_str(), triple(shot.camera->eye()).c_str(), triple(shot.camera->target()).c_str(),
+                output.c_str());
 }
 
 void runRender(const RenderOptions& options)
 {
-    checkWritable(options.output);
-    const Mesh mesh = openMesh(options.source);
-    Hierarchy hierarchy;
-    buildHierarchy(mesh, options.build, hierarchy);
-    const Camera camera(options.camera, mesh.bounds, mesh.mesh->GetVertexBuffer());
-    const unsigned threads = resolveThreads(options.threads);
-    const Rendering rendering = renderImage(hierarchy.qbvh, mesh, camera, options.shade, options.side, threads);
+    Shot shot;
+    prepareShot(shot, options.output, options.source, options.build, options.camera, options.threads);
+    const Camera& camera = *shot.camera;
+    const Rendering rendering =
+        renderImage(shot.hierarchy.qbvh, shot.mesh, camera, options.shade, options.side, shot.threads);
     writePng(rendering.image, options.output);
 
     const uint64_t rays = uint64_t(camera.width()) * camera.height();
-    std::printf("%s: %s triangles, BVH built in %s\n", mesh.name.c_str(), groupDigits(mesh.triangles).c_str(),
-                formatSeconds(hierarchy.times.total()).c_str());
-    std::printf("rendered %dx%d: %s rays in %s on %u thread%s = %s rays/s, %.1f%% hit\n", camera.width(),
-                camera.height(), groupDigits(rays).c_str(), formatSeconds(rendering.seconds).c_str(), threads,
-                threads == 1 ? "" : "s", formatRate(rays / rendering.seconds).c_str(),
-                100.0 * double(rendering.hits) / double(rays));
-    std::printf("camera: %s\n", cameraArguments(camera).c_str());
-    std::printf("wrote %s\n", options.output.c_str());
+    char figures[256];
+    std::snprintf(figures, sizeof figures, "rendered %dx%d: %s rays in %s on %u thread%s = %s rays/s, %.1f%% hit",
+                  camera.width(), camera.height(), groupDigits(rays).c_str(), formatSeconds(rendering.seconds).c_str(),
+                  shot.threads, shot.threads == 1 ? "" : "s", formatRate(rays / rendering.seconds).c_str(),
+                  100.0 * double(rendering.hits) / double(rays));
+    reportShot(shot, figures, options.output);
 }
 } // namespace kxbvh

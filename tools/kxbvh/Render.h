@@ -7,6 +7,7 @@
 #include "Image.h"
 #include "MeshSource.h"
 
+#include <optional>
 #include <string>
 
 namespace kxbvh
@@ -39,8 +40,23 @@ struct Rendering
 Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera, Shade shade,
                       kxQBVH::tIntersectionPolicy side, unsigned threads);
 
-/// "--view x,y,z --at x,y,z", the options that reproduce this camera.
-std::string cameraArguments(const Camera& camera);
+/// What render and cull start from: a mesh, its hierarchy and a camera on it.
+struct Shot
+{
+    Mesh mesh;
+    Hierarchy hierarchy;
+    std::optional<Camera> camera;
+    unsigned threads = 1;
+};
+
+/// Checks that output can be written (before any long work), opens the mesh, builds the
+/// hierarchy and places the camera.
+void prepareShot(Shot& shot, const std::string& output, const MeshSource& source, const BuildOptions& build,
+                 const CameraOptions& camera, unsigned threads);
+
+/// The shot's mesh and build time on the first line, and at the end the camera, as the
+/// options that reproduce it, and the file written. `figures` goes in between.
+void reportShot(const Shot& shot, const std::string& figures, const std::string& output);
 
 void runRender(const RenderOptions& options);
 } // namespace kxbvh
