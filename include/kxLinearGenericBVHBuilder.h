@@ -42,6 +42,10 @@ public:
                const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits);
 
 private:
+    void gatherPrimitives(const tPrimitiveContainerInterface& container);
+    bool emitHierarchy(const tPrimitiveContainerInterface& container, kxGenericBVH& bvh,
+                       const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits);
+
     std::vector<uint32_t> mPrimitiveIndexes;
     kxBBox mSceneBox;
     uint32_t mQuantity;

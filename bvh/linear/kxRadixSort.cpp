@@ -1,0 +1,73 @@
+#include "kxRadixSort.h"
+
+#include "kxLinearBuildSupport.h"
+
+#include <algorithm>
+
+namespace kxLinearBVH
+{
+namespace
+{
+constexpr unsigned kDigitBits = 8;
+constexpr unsigned kDigitValues = 1u << kDigitBits;
+
+template <typename Key>
+inline unsigned digit(Key key, unsigned pass)
+{
+    return static_cast<unsigned>(key >> (pass * kDigitBits)) & (kDigitValues - 1u);
+}
+} // namespace
+
+template <typename Key>
+void radixSort(std::unique_ptr<Key[]>& keys, uint32_t* values, size_t n)
+{
+    constexpr unsigned kPasses = sizeof(Key);
+    if (n < 2)
+        return;
+
+    uint32_t histograms[kPasses][kDigitValues] = {};
+    for (size_t i = 0; i < n; ++i)
+    {
+        const Key key = keys[i];
+        for (unsigned pass = 0; pass < kPasses; ++pass)
+            ++histograms[pass][digit(key, pass)];
+    }
+
+    std::unique_ptr<Key[]> partnerKeys = uninitialisedArray<Key>(n);
+    std::unique_ptr<uint32_t[]> partnerValues = uninitialisedArray<uint32_t>(n);
+    Key* sourceKeys = keys.get();
+    Key* targetKeys = partnerKeys.get();
+    uint32_t* sourceValues = values;
+    uint32_t* targetValues = partnerValues.get();
+    for (unsigned pass = 0; pass < kPasses; ++pass)
+    {
+        uint32_t* offsets = histograms[pass];
+        if (offsets[digit(sourceKeys[0], pass)] == n)
+            continue;
+        uint32_t sum = 0;
+        for (unsigned d = 0; d < kDigitValues; ++d)
+        {
+            const uint32_t count = offsets[d];
+            offsets[d] = sum;
+            sum += count;
+        }
+        for (size_t i = 0; i < n; ++i)
+        {
+            const Key key = sourceKeys[i];
+            const uint32_t position = offsets[digit(key, pass)]++;
+            targetKeys[position] = key;
+            targetValues[position] = sourceValues[i];
+        }
+        std::swap(sourceKeys, targetKeys);
+        std::swap(sourceValues, targetValues);
+    }
+    if (sourceKeys != keys.get())
+    {
+        keys.swap(partnerKeys);
+        std::copy(sourceValues, sourceValues + n, values);
+    }
+}
+
+template void radixSort<uint32_t>(std::unique_ptr<uint32_t[]>&, uint32_t*, size_t);
+template void radixSort<uint64_t>(std::unique_ptr<uint64_t[]>&, uint32_t*, size_t);
+} // namespace kxLinearBVH

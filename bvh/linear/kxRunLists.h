@@ -1,0 +1,67 @@
+#ifndef KXRUNLISTS_H
+#define KXRUNLISTS_H
+
+#include "kxGenericBVH.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace kxLinearBVH
+{
+/// The runs of equal code prefixes of sorted Morton codes, level by level, and the
+/// level-by-level emission of the hierarchy they describe.
+///
+/// Level l (1..L) distinguishes code bit L - l; level 0 is the single run of all positions.
+/// A run of level l - 1 either stays whole at level l or splits in two where its codes
+/// differ in bit L - l. Each split is listed once, at its own level, with the bounds of the
+/// run it splits: a run of level l is a run of level l - 1, or one half of one, so the
+/// level's own splits are all emission needs. Records are numbered as a walk over every
+/// level's full run list would number them: levels in ascending order, positions in
+/// ascending order inside a level.
+class kxRunLists
+{
+public:
+    static constexpr unsigned kMaxLevels = 63;
+
+    /// levels = 3 * bits per axis, at most kMaxLevels.
+    explicit kxRunLists(unsigned levels);
+
+    /// Finds the level of every adjacent pair of sorted codes that differ, and counts each
+    /// level's new run ends.
+    template <typename Code>
+    void count(const Code* sortedCodes, uint32_t quantity);
+    /// Lists every level's splits, each with the run it splits. Needs count().
+    void list();
+
+    unsigned levels() const { return mLevels; }
+    /// Runs of the deepest level: the number of distinct codes (1 for no primitive).
+    uint64_t distinctCodes() const;
+    /// 8 bytes for every run end of every level 0..L, as if each level's complete list of
+    /// run ends were kept. Needs count().
+    uint64_t workingBufferBytes() const;
+
+    /// Splits the runs of level - 1 that split at level, giving each split the pair of
+    /// records at nextFree: both halves become leaves, the run's own record becomes inner.
+    /// Levels must be emitted in ascending order after record 0 was made the root leaf.
+    void emitLevel(unsigned level, kxGNode* nodes, uint32_t& nextFree);
+
+private:
+    struct Split
+    {
+        uint32_t position; // last position of the left half
+        uint32_t first;    // first position of the run it splits
+        uint32_t last;     // last position of the run it splits
+    };
+
+    unsigned mLevels;
+    uint32_t mQuantity = 0;
+    uint64_t mSplitsAt[kMaxLevels + 1] = {}; // entry 0 counts pairs of equal codes
+    uint64_t mListStart[kMaxLevels + 2] = {};
+    std::unique_ptr<uint8_t[]> mPairLevel;
+    std::unique_ptr<Split[]> mSplits;
+    // Node of the current run that ends at a position; other entries are stale.
+    std::unique_ptr<uint32_t[]> mRunNode;
+};
+} // namespace kxLinearBVH
+
+#endif

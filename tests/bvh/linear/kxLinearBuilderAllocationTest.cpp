@@ -1,0 +1,90 @@
+// Replaces the global allocator of this test program so that the n-th allocation of a
+// build can be made to fail.
+#include "kxCapturingLog.h"
+#include "kxLinearGenericBVHBuilder.h"
+#include "kxLinearTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+
+namespace
+{
+bool gCounting = false;
+uint64_t gAllocations = 0;
+uint64_t gFailAt = 0;
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    if (gCounting && ++gAllocations == gFailAt)
+        throw std::bad_alloc();
+    if (void* memory = std::malloc(size ? size : 1))
+        return memory;
+    throw std::bad_alloc();
+}
+
+// The replacement pair is malloc and free underneath, which the compiler cannot see.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+using namespace kxLinearTest;
+
+TEST(LinearBuilderFailure, AllocationFailureAtAnyPointPropagatesAndLeavesTheBuilderUsable)
+{
+    // Log lines allocate while they are emitted, where a failure would end the process;
+    // with the level off nothing is formatted.
+    kx::kxCapturingLog log;
+    log.setLevelEnabled(1, false);
+    log.install();
+
+    const std::vector<kxBBox> boxes = makeScenes(200, 4)[0].boxes;
+    const kxBoxListContainer container(boxes);
+    const Reference reference = buildReference(boxes, 20);
+    kxLinearGenericBVHBuilder builder;
+    for (unsigned bits : {8u, 20u})
+    {
+        gAllocations = 0;
+        gFailAt = 0;
+        {
+            kxGenericBVH bvh;
+            gCounting = true;
+            builder.build(container, bvh, nullptr, bits);
+            gCounting = false;
+        }
+        const uint64_t allocations = gAllocations;
+        ASSERT_GT(allocations, 5u);
+        for (uint64_t k = 1; k <= allocations; ++k)
+        {
+            SCOPED_TRACE("bits " + std::to_string(bits) + ", allocation " + std::to_string(k));
+            kxGenericBVH bvh;
+            gAllocations = 0;
+            gFailAt = k;
+            gCounting = true;
+            bool threw = false;
+            try
+            {
+                builder.build(container, bvh, nullptr, bits);
+            }
+            catch (const std::bad_alloc&)
+            {
+                threw = true;
+            }
+            gCounting = false;
+            EXPECT_TRUE(threw);
+        }
+    }
+    kxGenericBVH bvh;
+    ASSERT_TRUE(builder.build(container, bvh, nullptr, 20));
+    EXPECT_EQ(compareHierarchies(bvh, fusedReference(reference, 4)), "");
+}
