@@ -43,8 +43,6 @@ public:
 
 private:
     void gatherPrimitives(const tPrimitiveContainerInterface& container);
-    bool emitHierarchy(const tPrimitiveContainerInterface& container, kxGenericBVH& bvh,
-                       const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits);
 
     std::vector<uint32_t> mPrimitiveIndexes;
     kxBBox mSceneBox;

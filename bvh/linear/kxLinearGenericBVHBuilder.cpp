@@ -14,21 +14,68 @@ namespace
 {
 constexpr unsigned kMaxAxisBits = 21;
 
+struct Primitives
+{
+    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container;
+    const kxBBox& sceneBox;
+    uint32_t* indexes;
+    uint32_t quantity;
+};
+
 // Codes, sort and run counting; the codes die here. False when cancelled.
 template <typename Code>
-bool sortAndCountRuns(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-                      const kxBBox& sceneBox, uint32_t* primitiveIndexes, uint32_t quantity, unsigned axisBits,
-                      const kx::kxCancelInterfaceReadOnly* cancel, kxRunLists& runs)
+bool sortAndCountRuns(const Primitives& primitives, unsigned axisBits, const kx::kxCancelInterfaceReadOnly* cancel,
+                      kxRunLists& runs)
 {
-    std::unique_ptr<Code[]> codes = uninitialisedArray<Code>(quantity);
-    computeMortonCodes(container, quantity, kxMortonGrid(sceneBox, axisBits), codes.get());
+    kxWorkArray<Code> codes(primitives.quantity);
+    computeMortonCodes(primitives.container, primitives.quantity, kxMortonGrid(primitives.sceneBox, axisBits),
+                       codes.get());
     if (cancelled(cancel))
         return false;
-    radixSort(codes, primitiveIndexes, quantity);
+    radixSort(codes, primitives.indexes, primitives.quantity);
     if (cancelled(cancel))
         return false;
-    runs.count(codes.get(), quantity);
+    runs.count(codes.get(), primitives.quantity);
     return !cancelled(cancel);
+}
+
+// Sorts the primitives by code and writes the hierarchy's records level by level, boxes
+// aside, into the tree's records. False when cancelled.
+bool emitHierarchy(const Primitives& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
+                   unsigned bits, kxEmittedTree& tree)
+{
+    const unsigned axisBits = std::min(bits, kMaxAxisBits);
+    kxRunLists runs(3 * axisBits);
+    // Coarse grids sort 32-bit keys in half the passes.
+    const bool counted = bits <= 10 ? sortAndCountRuns<uint32_t>(primitives, axisBits, cancel, runs)
+                                    : sortAndCountRuns<uint64_t>(primitives, axisBits, cancel, runs);
+    if (counted)
+        runs.list();
+    // Written even after a cancel, then with nothing allocated.
+    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate "
+                     << humanizedBytes(counted ? runs.workingBufferBytes() : 0u) << "B of working buffer";
+    if (!counted || cancelled(cancel))
+        return false;
+
+    const uint64_t distinct = runs.distinctCodes();
+    // Every record but the spare is written below and by the refit: no default records.
+    tree.records = kxWorkArray<kxGNode>(2u * distinct);
+    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(distinct * 64u) << "B for "
+                     << 2u * distinct << " result nodes";
+    kxGNode* records = tree.records.get();
+    records[0].offset = kxGNode::eLeafMark;
+    records[0].count = primitives.quantity;
+
+    uint32_t nextFree = 1;
+    for (unsigned level = 1; level <= runs.levels(); ++level)
+    {
+        runs.emitLevel(level, records, nextFree);
+        if (cancelled(cancel))
+            return false;
+    }
+    bvh.mNodeCount = nextFree;
+    runs.finishEmission(tree);
+    return true;
 }
 } // namespace
 
@@ -52,20 +99,21 @@ bool kxLinearGenericBVHBuilder::build(const tPrimitiveContainerInterface& contai
                                       const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits)
 {
     gatherPrimitives(container);
-    if (!emitHierarchy(container, bvh, cancel, bits))
+    kxEmittedTree tree;
+    if (!emitHierarchy(Primitives{container, mSceneBox, mPrimitiveIndexes.data(), mQuantity}, bvh, cancel, bits, tree))
         return false;
-    if (!refit(bvh, container, mPrimitiveIndexes.data(), cancel) || cancelled(cancel))
+    if (!refit(tree, container, mPrimitiveIndexes.data(), cancel) || cancelled(cancel))
         return false;
     bvh.mPrimitiveIndices.swap(mPrimitiveIndexes);
     bvh.mPrimitiveCount = mQuantity;
-    fuseLeaves(bvh, mMaxPrimitivesPerLeaf, cancel);
+    fuseLeaves(tree, bvh, mMaxPrimitivesPerLeaf, cancel);
     return !cancelled(cancel);
 }
 
 void kxLinearGenericBVHBuilder::gatherPrimitives(const tPrimitiveContainerInterface& container)
 {
     mQuantity = container.getQuantity();
-    mPrimitiveIndexes.resize(mQuantity);
+    resizeWithHugePages(mPrimitiveIndexes, mQuantity);
     mSceneBox = kxBBox();
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(uint64_t{mQuantity} * 4u)
                      << "B for " << mQuantity << " primitives indexes";
@@ -74,41 +122,4 @@ void kxLinearGenericBVHBuilder::gatherPrimitives(const tPrimitiveContainerInterf
         mPrimitiveIndexes[i] = i;
         mSceneBox.extend(container.getBBox(i));
     }
-}
-
-bool kxLinearGenericBVHBuilder::emitHierarchy(const tPrimitiveContainerInterface& container, kxGenericBVH& bvh,
-                                              const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits)
-{
-    const unsigned axisBits = std::min(bits, kMaxAxisBits);
-    kxRunLists runs(3 * axisBits);
-    // Coarse grids sort 32-bit keys in half the passes.
-    const bool counted =
-        bits <= 10 ? sortAndCountRuns<uint32_t>(container, mSceneBox, mPrimitiveIndexes.data(), mQuantity,
-                                                axisBits, cancel, runs)
-                   : sortAndCountRuns<uint64_t>(container, mSceneBox, mPrimitiveIndexes.data(), mQuantity,
-                                                axisBits, cancel, runs);
-    if (counted)
-        runs.list();
-    // Written even after a cancel, then with nothing allocated.
-    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate "
-                     << humanizedBytes(counted ? runs.workingBufferBytes() : 0u) << "B of working buffer";
-    if (!counted || cancelled(cancel))
-        return false;
-
-    const uint64_t distinct = runs.distinctCodes();
-    bvh.mNodes.resize(2u * distinct);
-    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(distinct * 64u) << "B for "
-                     << 2u * distinct << " result nodes";
-    bvh.mNodes[0].offset = kxGNode::eLeafMark;
-    bvh.mNodes[0].count = mQuantity;
-
-    uint32_t nextFree = 1;
-    for (unsigned level = 1; level <= runs.levels(); ++level)
-    {
-        runs.emitLevel(level, bvh.mNodes.data(), nextFree);
-        if (cancelled(cancel))
-            return false;
-    }
-    bvh.mNodeCount = nextFree;
-    return true;
 }

@@ -19,7 +19,7 @@ inline unsigned digit(Key key, unsigned pass)
 } // namespace
 
 template <typename Key>
-void radixSort(std::unique_ptr<Key[]>& keys, uint32_t* values, size_t n)
+void radixSort(kxWorkArray<Key>& keys, uint32_t* values, size_t n)
 {
     constexpr unsigned kPasses = sizeof(Key);
     if (n < 2)
@@ -33,8 +33,8 @@ void radixSort(std::unique_ptr<Key[]>& keys, uint32_t* values, size_t n)
             ++histograms[pass][digit(key, pass)];
     }
 
-    std::unique_ptr<Key[]> partnerKeys = uninitialisedArray<Key>(n);
-    std::unique_ptr<uint32_t[]> partnerValues = uninitialisedArray<uint32_t>(n);
+    kxWorkArray<Key> partnerKeys(n);
+    kxWorkArray<uint32_t> partnerValues(n);
     Key* sourceKeys = keys.get();
     Key* targetKeys = partnerKeys.get();
     uint32_t* sourceValues = values;
@@ -68,6 +68,6 @@ void radixSort(std::unique_ptr<Key[]>& keys, uint32_t* values, size_t n)
     }
 }
 
-template void radixSort<uint32_t>(std::unique_ptr<uint32_t[]>&, uint32_t*, size_t);
-template void radixSort<uint64_t>(std::unique_ptr<uint64_t[]>&, uint32_t*, size_t);
+template void radixSort<uint32_t>(kxWorkArray<uint32_t>&, uint32_t*, size_t);
+template void radixSort<uint64_t>(kxWorkArray<uint64_t>&, uint32_t*, size_t);
 } // namespace kxLinearBVH

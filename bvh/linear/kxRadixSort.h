@@ -1,9 +1,10 @@
 #ifndef KXRADIXSORT_H
 #define KXRADIXSORT_H
 
+#include "kxLinearBuildSupport.h"
+
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
 namespace kxLinearBVH
 {
@@ -13,7 +14,7 @@ namespace kxLinearBVH
 /// same for every key is skipped. On return keys and values hold the sorted sequence (keys
 /// may have been exchanged with a partner array). Equal keys keep their order.
 template <typename Key>
-void radixSort(std::unique_ptr<Key[]>& keys, uint32_t* values, size_t n);
+void radixSort(kxWorkArray<Key>& keys, uint32_t* values, size_t n);
 } // namespace kxLinearBVH
 
 #endif

@@ -22,7 +22,7 @@ void kxRunLists::count(const Code* sortedCodes, uint32_t quantity)
     if (quantity < 2)
         return;
     const uint32_t pairs = quantity - 1u;
-    mPairLevel = uninitialisedArray<uint8_t>(pairs);
+    mPairLevel = kxWorkArray<uint8_t>(pairs);
     for (uint32_t j = 0; j < pairs; ++j)
     {
         const Code difference = sortedCodes[j] ^ sortedCodes[j + 1];
@@ -63,8 +63,9 @@ void kxRunLists::list()
         mListStart[level + 1] = mListStart[level] + mSplitsAt[level];
         cursor[level] = mListStart[level];
     }
-    mSplits = uninitialisedArray<Split>(distinctCodes() - 1u);
-    mRunNode = uninitialisedArray<uint32_t>(mQuantity);
+    mSplits = kxWorkArray<Split>(distinctCodes() - 1u);
+    mParentOfPair = kxWorkArray<uint32_t>(distinctCodes() - 1u);
+    mRunNode = kxWorkArray<uint32_t>(mQuantity);
     if (mQuantity == 0)
         return;
     mRunNode[mQuantity - 1u] = 0;
@@ -96,19 +97,23 @@ void kxRunLists::list()
     }
     while (depth > 0)
         mSplits[open[--depth].slot].last = mQuantity - 1u;
-    mPairLevel.reset();
 }
 
 void kxRunLists::emitLevel(unsigned level, kxGNode* nodes, uint32_t& nextFree)
 {
     const uint32_t axis = kAxisOfLevel[level % 3];
     const Split* end = mSplits.get() + mListStart[level + 1];
-    for (const Split* split = mSplits.get() + mListStart[level]; split != end; ++split)
+    const Split* begin = mSplits.get() + mListStart[level];
+    for (const Split* split = begin; split != end; ++split)
     {
+        if (end - split > kPrefetchDistance)
+            prefetchForWrite(nodes + mRunNode[split[kPrefetchDistance].last]);
         const uint32_t left = nextFree;
         const uint32_t right = left + 1u;
         nextFree += 2;
-        kxGNode& parent = nodes[mRunNode[split->last]];
+        const uint32_t parentRecord = mRunNode[split->last];
+        mParentOfPair[left >> 1] = parentRecord;
+        kxGNode& parent = nodes[parentRecord];
         parent.offset = (left & kxGNode::eIndexMask) | axis;
         parent.count = right;
         nodes[left].offset = split->first | kxGNode::eLeafMark;
@@ -118,5 +123,29 @@ void kxRunLists::emitLevel(unsigned level, kxGNode* nodes, uint32_t& nextFree)
         mRunNode[split->position] = left;
         mRunNode[split->last] = right;
     }
+}
+
+void kxRunLists::finishEmission(kxEmittedTree& tree)
+{
+    tree.leafCount = distinctCodes();
+    tree.leaves = kxWorkArray<uint32_t>(tree.leafCount);
+    if (mQuantity == 0)
+    {
+        tree.leaves[0] = 0;
+    }
+    else
+    {
+        // The leaves are the runs of the deepest level: they end wherever adjacent codes
+        // differ, and at the last position.
+        uint64_t leaf = 0;
+        for (uint32_t j = 0; j + 1u < mQuantity; ++j)
+            if (mPairLevel[j] != 0)
+                tree.leaves[leaf++] = mRunNode[j];
+        tree.leaves[leaf] = mRunNode[mQuantity - 1u];
+    }
+    tree.parentOfPair = std::move(mParentOfPair);
+    mPairLevel.reset();
+    mSplits.reset();
+    mRunNode.reset();
 }
 } // namespace kxLinearBVH

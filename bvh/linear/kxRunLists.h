@@ -2,12 +2,25 @@
 #define KXRUNLISTS_H
 
 #include "kxGenericBVH.h"
+#include "kxLinearBuildSupport.h"
 
 #include <cstdint>
-#include <memory>
 
 namespace kxLinearBVH
 {
+/// An emitted hierarchy on its way into a kxGenericBVH, and how its records hang together
+/// for the bottom-up passes that follow emission. Records 0 .. 2 * leafCount - 2 are the
+/// tree; the last record is a spare that is never written. Child pairs are numbered in
+/// allocation order: pair q holds records 2q + 1 and 2q + 2, and a pair's children pairs
+/// come after it, so descending pair order is bottom-up and reads children in array order.
+struct kxEmittedTree
+{
+    uint64_t leafCount = 0;
+    kxWorkArray<kxGNode> records;       // 2 * leafCount
+    kxWorkArray<uint32_t> leaves;       // leaf records by ascending position
+    kxWorkArray<uint32_t> parentOfPair; // leafCount - 1 entries
+};
+
 /// The runs of equal code prefixes of sorted Morton codes, level by level, and the
 /// level-by-level emission of the hierarchy they describe.
 ///
@@ -44,6 +57,8 @@ public:
     /// records at nextFree: both halves become leaves, the run's own record becomes inner.
     /// Levels must be emitted in ascending order after record 0 was made the root leaf.
     void emitLevel(unsigned level, kxGNode* nodes, uint32_t& nextFree);
+    /// Records the tree's shape once every level is emitted; the lists are released.
+    void finishEmission(kxEmittedTree& tree);
 
 private:
     struct Split
@@ -57,10 +72,11 @@ private:
     uint32_t mQuantity = 0;
     uint64_t mSplitsAt[kMaxLevels + 1] = {}; // entry 0 counts pairs of equal codes
     uint64_t mListStart[kMaxLevels + 2] = {};
-    std::unique_ptr<uint8_t[]> mPairLevel;
-    std::unique_ptr<Split[]> mSplits;
+    kxWorkArray<uint8_t> mPairLevel;
+    kxWorkArray<Split> mSplits;
     // Node of the current run that ends at a position; other entries are stale.
-    std::unique_ptr<uint32_t[]> mRunNode;
+    kxWorkArray<uint32_t> mRunNode;
+    kxWorkArray<uint32_t> mParentOfPair;
 };
 } // namespace kxLinearBVH
 
