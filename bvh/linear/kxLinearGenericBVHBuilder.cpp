@@ -39,8 +39,8 @@ bool sortAndCountRuns(const Primitives& primitives, unsigned axisBits, const kx:
     return !cancelled(cancel);
 }
 
-// Sorts the primitives by code and writes the hierarchy's records level by level, boxes
-// aside, into the tree's records. False when cancelled.
+// Sorts the primitives by code and writes the words of the hierarchy's records level by
+// level into the tree. False when cancelled.
 bool emitHierarchy(const Primitives& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
                    unsigned bits, kxEmittedTree& tree)
 {
@@ -58,11 +58,10 @@ bool emitHierarchy(const Primitives& primitives, kxGenericBVH& bvh, const kx::kx
         return false;
 
     const uint64_t distinct = runs.distinctCodes();
-    // Every record but the spare is written below and by the refit: no default records.
-    tree.records = kxWorkArray<kxGNode>(2u * distinct);
+    tree.records = kxWorkArray<kxNodeWords>(2u * distinct);
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(distinct * 64u) << "B for "
                      << 2u * distinct << " result nodes";
-    kxGNode* records = tree.records.get();
+    kxNodeWords* records = tree.records.get();
     records[0].offset = kxGNode::eLeafMark;
     records[0].count = primitives.quantity;
 
@@ -102,11 +101,14 @@ bool kxLinearGenericBVHBuilder::build(const tPrimitiveContainerInterface& contai
     kxEmittedTree tree;
     if (!emitHierarchy(Primitives{container, mSceneBox, mPrimitiveIndexes.data(), mQuantity}, bvh, cancel, bits, tree))
         return false;
-    if (!refit(tree, container, mPrimitiveIndexes.data(), cancel) || cancelled(cancel))
+    std::vector<kxGNode> nodes;
+    if (!fuseLeaves(tree, mMaxPrimitivesPerLeaf, cancel, nodes) ||
+        !refit(tree, nodes, container, mPrimitiveIndexes.data(), cancel) || cancelled(cancel))
         return false;
+    kxBuildLogLine() << "fuse " << 2u * tree.leafCount << " into " << nodes.size();
+    bvh.mNodes.swap(nodes);
     bvh.mPrimitiveIndices.swap(mPrimitiveIndexes);
     bvh.mPrimitiveCount = mQuantity;
-    fuseLeaves(tree, bvh, mMaxPrimitivesPerLeaf, cancel);
     return !cancelled(cancel);
 }
 

@@ -3,37 +3,45 @@
 #include "kxLinearBuildSupport.h"
 
 #include <algorithm>
-#include <vector>
 
 namespace kxLinearBVH
 {
 namespace
 {
-inline bool isLeaf(const kxGNode& node)
+template <typename Node>
+inline bool isLeaf(const Node& node)
 {
     return node.offset >= kxGNode::eLeafMark;
 }
 
-inline uint32_t leftChild(const kxGNode& node)
+template <typename Node>
+inline uint32_t leftChild(const Node& node)
 {
     return node.offset & kxGNode::eIndexMask;
 }
 
-inline uint32_t rightChild(const kxGNode& node)
+template <typename Node>
+inline uint32_t rightChild(const Node& node)
 {
     return node.count & kxGNode::eRightChildMask;
+}
+
+inline bool survives(const uint32_t* newNumber, uint64_t record)
+{
+    return newNumber[record] != newNumber[record + 1];
 }
 
 // Marks every record that survives with 1 at entry record + 1, fusing small subtrees on
 // the way up. An inner child has more primitives than the limit (or it would have been
 // fused), so a parent can only fuse when both children are leaves.
-bool markLiveRecords(kxGNode* nodes, const kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, uint32_t* live,
-                     const kx::kxCancelInterfaceReadOnly* cancel)
+bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, uint32_t* live,
+                   const kx::kxCancelInterfaceReadOnly* cancel)
 {
+    kxNodeWords* records = tree.records.get();
     for (uint64_t pair = tree.leafCount - 1u; pair-- > 0;)
     {
         if (pair >= kPrefetchDistance)
-            prefetchForWrite(nodes + tree.parentOfPair[pair - kPrefetchDistance]);
+            prefetchForWrite(records + tree.parentOfPair[pair - kPrefetchDistance]);
         const uint64_t left = 2u * pair + 1u;
         const uint64_t right = left + 1u;
         if (cancelled(cancel))
@@ -42,18 +50,18 @@ bool markLiveRecords(kxGNode* nodes, const kxEmittedTree& tree, uint32_t maxPrim
         if (cancelled(cancel))
             return false;
         live[right + 1u] = 1;
-        const kxGNode& leftNode = nodes[left];
-        const kxGNode& rightNode = nodes[right];
-        if (!isLeaf(leftNode) || !isLeaf(rightNode))
+        const kxNodeWords leftWords = records[left];
+        const kxNodeWords rightWords = records[right];
+        if (!isLeaf(leftWords) || !isLeaf(rightWords))
             continue;
-        const uint64_t sum = static_cast<uint64_t>(leftNode.count) + rightNode.count;
+        const uint64_t sum = static_cast<uint64_t>(leftWords.count) + rightWords.count;
         if (sum > maxPrimitivesPerLeaf)
             continue;
         live[left + 1u] = 0;
         live[right + 1u] = 0;
-        const uint32_t leftFirst = leftNode.offset & kxGNode::eIndexMask;
-        const uint32_t rightFirst = rightNode.offset & kxGNode::eIndexMask;
-        kxGNode& parent = nodes[tree.parentOfPair[pair]];
+        const uint32_t leftFirst = leftWords.offset & kxGNode::eIndexMask;
+        const uint32_t rightFirst = rightWords.offset & kxGNode::eIndexMask;
+        kxNodeWords& parent = records[tree.parentOfPair[pair]];
         parent.offset = (leftFirst < rightFirst ? leftFirst : rightFirst) | kxGNode::eLeafMark;
         parent.count = static_cast<uint32_t>(sum);
     }
@@ -63,28 +71,38 @@ bool markLiveRecords(kxGNode* nodes, const kxEmittedTree& tree, uint32_t maxPrim
     return true;
 }
 
-// Copies the surviving records into nodes, renumbered: once live holds its running sum,
-// live[k] is the new number of record k.
-void compactRecords(const kxGNode* records, size_t recordCount, uint32_t* live, std::vector<kxGNode>& nodes)
+void copySurvivors(const kxEmittedTree& tree, std::vector<kxGNode>& nodes)
 {
-    for (size_t k = 1; k <= recordCount; ++k)
-        live[k] += live[k - 1];
-    nodes.reserve(live[recordCount]);
+    const kxNodeWords* records = tree.records.get();
+    const uint32_t* newNumber = tree.newNumber.get();
+    const uint64_t recordCount = 2u * tree.leafCount;
+    nodes.reserve(newNumber[recordCount]);
     adviseHugePages(nodes.data(), nodes.capacity() * sizeof(kxGNode));
-    for (size_t k = 0; k < recordCount; ++k)
+    for (uint64_t k = 0; k < recordCount; ++k)
     {
-        if (live[k] == live[k + 1])
+        if (!survives(newNumber, k))
             continue;
         if (k + kPrefetchDistance < recordCount && !isLeaf(records[k + kPrefetchDistance]))
-            prefetchForRead(live + leftChild(records[k + kPrefetchDistance]));
-        kxGNode node = records[k];
+            prefetchForRead(newNumber + leftChild(records[k + kPrefetchDistance]));
+        kxGNode node;
+        node.offset = records[k].offset;
+        node.count = records[k].count;
         if (!isLeaf(node))
         {
-            node.offset = (live[leftChild(node)] & kxGNode::eIndexMask) | (node.offset & kxGNode::eKindMask);
-            node.count = live[rightChild(node)];
+            node.offset = (newNumber[leftChild(node)] & kxGNode::eIndexMask) | (node.offset & kxGNode::eKindMask);
+            node.count = newNumber[rightChild(node)];
         }
         nodes.push_back(node);
     }
+}
+
+// The record that survives for an emitted leaf: the leaf itself, or the ancestor it was
+// fused into.
+uint32_t survivorOf(const kxEmittedTree& tree, uint32_t record)
+{
+    while (!survives(tree.newNumber.get(), record))
+        record = tree.parentOfPair[(record - 1u) >> 1];
+    return tree.newNumber[record];
 }
 
 // Written component by component: a box assembled on the stack and copied whole would be
@@ -108,17 +126,33 @@ inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 }
 } // namespace
 
-bool refit(kxEmittedTree& tree, const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
+bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel,
+                std::vector<kxGNode>& nodes)
+{
+    const uint64_t recordCount = 2u * tree.leafCount;
+    tree.newNumber = kxWorkArray<uint32_t>(recordCount + 1u);
+    uint32_t* live = tree.newNumber.get();
+    std::fill(live, live + recordCount + 1u, 0u);
+    if (!markSurvivors(tree, maxPrimitivesPerLeaf, live, cancel) || cancelled(cancel))
+        return false;
+    for (uint64_t k = 1; k <= recordCount; ++k)
+        live[k] += live[k - 1];
+    copySurvivors(tree, nodes);
+    return !cancelled(cancel);
+}
+
+bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
+           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
            const uint32_t* primitiveIndexes, const kx::kxCancelInterfaceReadOnly* cancel)
 {
-    kxGNode* records = tree.records.get();
-    for (uint64_t leaf = 0; leaf < tree.leafCount; ++leaf)
+    const kxNodeWords* records = tree.records.get();
+    for (uint64_t leaf = 0; leaf < tree.leafCount;)
     {
         if (leaf + kPrefetchDistance < tree.leafCount)
-            prefetchForWrite(records + tree.leaves[leaf + kPrefetchDistance]);
+            prefetchForRead(tree.newNumber.get() + tree.leaves[leaf + kPrefetchDistance]);
         if (cancelled(cancel))
             return false;
-        kxGNode& node = records[tree.leaves[leaf]];
+        kxGNode& node = nodes[survivorOf(tree, tree.leaves[leaf])];
         kxBBox box;
         const uint32_t* primitive = primitiveIndexes + (node.offset & kxGNode::eIndexMask);
         for (uint32_t i = 0; i < node.count; ++i)
@@ -128,32 +162,21 @@ bool refit(kxEmittedTree& tree, const kxLinearGenericBVHBuilder::tPrimitiveConta
                 return false;
         }
         storeBox(node.bbox, box);
+        // Step over the emitted leaves it covers.
+        uint64_t covered = 0;
+        do
+            covered += records[tree.leaves[leaf++]].count;
+        while (covered < node.count);
     }
-    for (uint64_t pair = tree.leafCount - 1u; pair-- > 0;)
+    for (size_t k = nodes.size(); k-- > 0;)
     {
-        if (pair >= kPrefetchDistance)
-            prefetchForWrite(records + tree.parentOfPair[pair - kPrefetchDistance]);
+        kxGNode& node = nodes[k];
+        if (isLeaf(node))
+            continue;
         if (cancelled(cancel))
             return false;
-        storeUnion(records[tree.parentOfPair[pair]].bbox, records[2u * pair + 1u].bbox, records[2u * pair + 2u].bbox);
+        storeUnion(node.bbox, nodes[leftChild(node)].bbox, nodes[rightChild(node)].bbox);
     }
-    return true;
-}
-
-bool fuseLeaves(kxEmittedTree& tree, kxGenericBVH& bvh, uint32_t maxPrimitivesPerLeaf,
-                const kx::kxCancelInterfaceReadOnly* cancel)
-{
-    const size_t recordCount = 2u * tree.leafCount;
-    kxWorkArray<uint32_t> live(recordCount + 1);
-    std::fill(live.get(), live.get() + recordCount + 1, 0u);
-    if (!markLiveRecords(tree.records.get(), tree, maxPrimitivesPerLeaf, live.get(), cancel) || cancelled(cancel))
-        return false;
-    std::vector<kxGNode> nodes;
-    compactRecords(tree.records.get(), recordCount, live.get(), nodes);
-    if (cancelled(cancel))
-        return false;
-    kxBuildLogLine() << "fuse " << recordCount << " into " << nodes.size();
-    bvh.mNodes.swap(nodes);
     return true;
 }
 } // namespace kxLinearBVH

@@ -7,27 +7,33 @@
 #include "kxRunLists.h"
 
 #include <cstdint>
+#include <vector>
 
 namespace kxLinearBVH
 {
-// Both passes walk a freshly emitted hierarchy through the shape that emission recorded
-// instead of recursing from the root: in array order the children of neighbouring
-// records lie far apart, and a recursive walk would miss the cache on almost every
-// record. They poll as often as a walk that polls on every record.
+// Fusing decides on primitive counts alone, so it runs before the boxes exist, and only
+// the records that survive it get a box. A fused leaf's box, the union of its primitives'
+// boxes in position order, is bit for bit the union of its children's: minimum and
+// maximum are exact and keep the first of equal values either way.
+//
+// Both passes follow the shape that emission recorded instead of recursing from the root:
+// in array order the children of neighbouring records lie far apart, and a recursive walk
+// would miss the cache on almost every record.
 
-/// Computes the box of every record bottom-up: a leaf gets the union of its primitives'
-/// boxes (the empty box for no primitive), visited by ascending position so that the
-/// container is read in code order; an inner record gets the union of its children's.
-/// Polls on every record and after every primitive box; false when cancelled.
-bool refit(kxEmittedTree& tree, const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
+/// Collapses every subtree of at most maxPrimitivesPerLeaf primitives into one leaf and
+/// copies the surviving records, renumbered contiguously in their old order, into nodes
+/// (exactly sized, boxes empty). Polls on every emitted record, after the count and after
+/// renumbering; false when cancelled.
+bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel,
+                std::vector<kxGNode>& nodes);
+
+/// Gives every record of the fused tree its box: a leaf the union of its primitives' boxes
+/// (the empty box for none), leaves visited by ascending position so that the container is
+/// read in code order; an inner record the union of its children's. Polls on every record
+/// and after every primitive box; false when cancelled.
+bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
+           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
            const uint32_t* primitiveIndexes, const kx::kxCancelInterfaceReadOnly* cancel);
-
-/// Collapses every subtree of at most maxPrimitivesPerLeaf primitives into one leaf,
-/// renumbers the surviving records contiguously in their old order and makes them, exactly
-/// sized, the node array of bvh; logs "fuse <emitted records> into <kept records>". The
-/// node count is left alone. False when cancelled; bvh's node array is then untouched.
-bool fuseLeaves(kxEmittedTree& tree, kxGenericBVH& bvh, uint32_t maxPrimitivesPerLeaf,
-                const kx::kxCancelInterfaceReadOnly* cancel);
 } // namespace kxLinearBVH
 
 #endif

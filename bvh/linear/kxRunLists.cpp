@@ -99,7 +99,7 @@ void kxRunLists::list()
         mSplits[open[--depth].slot].last = mQuantity - 1u;
 }
 
-void kxRunLists::emitLevel(unsigned level, kxGNode* nodes, uint32_t& nextFree)
+void kxRunLists::emitLevel(unsigned level, kxNodeWords* records, uint32_t& nextFree)
 {
     const uint32_t axis = kAxisOfLevel[level % 3];
     const Split* end = mSplits.get() + mListStart[level + 1];
@@ -107,19 +107,18 @@ void kxRunLists::emitLevel(unsigned level, kxGNode* nodes, uint32_t& nextFree)
     for (const Split* split = begin; split != end; ++split)
     {
         if (end - split > kPrefetchDistance)
-            prefetchForWrite(nodes + mRunNode[split[kPrefetchDistance].last]);
+            prefetchForWrite(records + mRunNode[split[kPrefetchDistance].last]);
         const uint32_t left = nextFree;
         const uint32_t right = left + 1u;
         nextFree += 2;
-        const uint32_t parentRecord = mRunNode[split->last];
-        mParentOfPair[left >> 1] = parentRecord;
-        kxGNode& parent = nodes[parentRecord];
-        parent.offset = (left & kxGNode::eIndexMask) | axis;
-        parent.count = right;
-        nodes[left].offset = split->first | kxGNode::eLeafMark;
-        nodes[left].count = split->position - split->first + 1u;
-        nodes[right].offset = (split->position + 1u) | kxGNode::eLeafMark;
-        nodes[right].count = split->last - split->position;
+        const uint32_t parent = mRunNode[split->last];
+        mParentOfPair[left >> 1] = parent;
+        records[parent].offset = (left & kxGNode::eIndexMask) | axis;
+        records[parent].count = right;
+        records[left].offset = split->first | kxGNode::eLeafMark;
+        records[left].count = split->position - split->first + 1u;
+        records[right].offset = (split->position + 1u) | kxGNode::eLeafMark;
+        records[right].count = split->last - split->position;
         mRunNode[split->position] = left;
         mRunNode[split->last] = right;
     }

@@ -8,17 +8,27 @@
 
 namespace kxLinearBVH
 {
+/// The offset and count words of a node record (kxGNode), without its box.
+struct kxNodeWords
+{
+    uint32_t offset;
+    uint32_t count;
+};
+
 /// An emitted hierarchy on its way into a kxGenericBVH, and how its records hang together
-/// for the bottom-up passes that follow emission. Records 0 .. 2 * leafCount - 2 are the
-/// tree; the last record is a spare that is never written. Child pairs are numbered in
-/// allocation order: pair q holds records 2q + 1 and 2q + 2, and a pair's children pairs
-/// come after it, so descending pair order is bottom-up and reads children in array order.
+/// for the passes that follow emission. Records 0 .. 2 * leafCount - 2 are the tree; the
+/// last record is a spare that is never written. Child pairs are numbered in allocation
+/// order: pair q holds records 2q + 1 and 2q + 2, and a pair's children pairs come after
+/// it, so descending pair order is bottom-up and reads children in array order.
 struct kxEmittedTree
 {
     uint64_t leafCount = 0;
-    kxWorkArray<kxGNode> records;       // 2 * leafCount
+    kxWorkArray<kxNodeWords> records;   // 2 * leafCount
     kxWorkArray<uint32_t> leaves;       // leaf records by ascending position
     kxWorkArray<uint32_t> parentOfPair; // leafCount - 1 entries
+    // Filled by fusing, 2 * leafCount + 1 entries: entry k is the number record k keeps,
+    // and record k survives when entries k and k + 1 differ.
+    kxWorkArray<uint32_t> newNumber;
 };
 
 /// The runs of equal code prefixes of sorted Morton codes, level by level, and the
@@ -56,7 +66,7 @@ public:
     /// Splits the runs of level - 1 that split at level, giving each split the pair of
     /// records at nextFree: both halves become leaves, the run's own record becomes inner.
     /// Levels must be emitted in ascending order after record 0 was made the root leaf.
-    void emitLevel(unsigned level, kxGNode* nodes, uint32_t& nextFree);
+    void emitLevel(unsigned level, kxNodeWords* records, uint32_t& nextFree);
     /// Records the tree's shape once every level is emitted; the lists are released.
     void finishEmission(kxEmittedTree& tree);
 

@@ -51,39 +51,40 @@ TEST(LinearBuilderFailure, AllocationFailureAtAnyPointPropagatesAndLeavesTheBuil
     const std::vector<kxBBox> boxes = makeScenes(200, 4)[0].boxes;
     const kxBoxListContainer container(boxes);
     const Reference reference = buildReference(boxes, 20);
-    kxLinearGenericBVHBuilder builder;
+    const auto buildFailingAt = [&](kxLinearGenericBVHBuilder& builder, unsigned bits, uint64_t allocation) {
+        kxGenericBVH bvh;
+        gAllocations = 0;
+        gFailAt = allocation;
+        gCounting = true;
+        bool threw = false;
+        try
+        {
+            builder.build(container, bvh, nullptr, bits);
+        }
+        catch (const std::bad_alloc&)
+        {
+            threw = true;
+        }
+        gCounting = false;
+        return threw;
+    };
     for (unsigned bits : {8u, 20u})
     {
-        gAllocations = 0;
-        gFailAt = 0;
-        {
-            kxGenericBVH bvh;
-            gCounting = true;
-            builder.build(container, bvh, nullptr, bits);
-            gCounting = false;
-        }
+        // A fresh builder each time: one that failed keeps its index array and allocates
+        // once less next time.
+        kxLinearGenericBVHBuilder counting;
+        ASSERT_FALSE(buildFailingAt(counting, bits, 0));
         const uint64_t allocations = gAllocations;
         ASSERT_GT(allocations, 5u);
         for (uint64_t k = 1; k <= allocations; ++k)
         {
-            SCOPED_TRACE("bits " + std::to_string(bits) + ", allocation " + std::to_string(k));
-            kxGenericBVH bvh;
-            gAllocations = 0;
-            gFailAt = k;
-            gCounting = true;
-            bool threw = false;
-            try
-            {
-                builder.build(container, bvh, nullptr, bits);
-            }
-            catch (const std::bad_alloc&)
-            {
-                threw = true;
-            }
-            gCounting = false;
-            EXPECT_TRUE(threw);
+            kxLinearGenericBVHBuilder builder;
+            EXPECT_TRUE(buildFailingAt(builder, bits, k)) << "bits " << bits << ", allocation " << k;
         }
     }
+
+    kxLinearGenericBVHBuilder builder;
+    ASSERT_TRUE(buildFailingAt(builder, 20, 8));
     kxGenericBVH bvh;
     ASSERT_TRUE(builder.build(container, bvh, nullptr, 20));
     EXPECT_EQ(compareHierarchies(bvh, fusedReference(reference, 4)), "");
