@@ -105,6 +105,46 @@ uint32_t survivorOf(const kxEmittedTree& tree, uint32_t record)
     return tree.newNumber[record];
 }
 
+// Hands out the container's boxes of the primitives at ascending positions. Each box is
+// asked for a few positions ahead and prefetched, so that the cache misses of boxes
+// scattered over the container overlap; every box is still asked for once, in order.
+class kxBoxStream
+{
+public:
+    kxBoxStream(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
+                const uint32_t* primitiveIndexes, uint32_t quantity)
+        : mContainer(container), mIndexes(primitiveIndexes), mQuantity(quantity)
+    {
+        for (uint32_t position = 0; position < quantity && position < kAhead; ++position)
+            request(position);
+    }
+
+    const kxBBox& next()
+    {
+        const kxBBox& box = *mAhead[mPosition % kAhead];
+        if (mPosition + kAhead < mQuantity)
+            request(mPosition + kAhead);
+        ++mPosition;
+        return box;
+    }
+
+private:
+    static constexpr uint32_t kAhead = kPrefetchDistance;
+
+    void request(uint32_t position)
+    {
+        const kxBBox& box = mContainer.getBBox(mIndexes[position]);
+        prefetchForRead(&box);
+        mAhead[position % kAhead] = &box;
+    }
+
+    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& mContainer;
+    const uint32_t* mIndexes;
+    uint32_t mQuantity;
+    uint32_t mPosition = 0;
+    const kxBBox* mAhead[kAhead];
+};
+
 // Written component by component: a box assembled on the stack and copied whole would be
 // reloaded in wider pieces than it was stored, which stalls.
 inline void storeBox(kxBBox& target, const kxBBox& box)
@@ -145,28 +185,31 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
            const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
            const uint32_t* primitiveIndexes, const kx::kxCancelInterfaceReadOnly* cancel)
 {
-    const kxNodeWords* records = tree.records.get();
+    const uint32_t* newNumber = tree.newNumber.get();
+    const kxLeafRun* leaves = tree.leaves.get();
+    kxBoxStream boxes(container, primitiveIndexes, leaves[tree.leafCount - 1u].end);
     for (uint64_t leaf = 0; leaf < tree.leafCount;)
     {
+        if (leaf + 2u * kPrefetchDistance < tree.leafCount)
+            prefetchForRead(newNumber + leaves[leaf + 2u * kPrefetchDistance].record);
         if (leaf + kPrefetchDistance < tree.leafCount)
-            prefetchForRead(tree.newNumber.get() + tree.leaves[leaf + kPrefetchDistance]);
+            prefetchForWrite(nodes.data() + newNumber[leaves[leaf + kPrefetchDistance].record]);
         if (cancelled(cancel))
             return false;
-        kxGNode& node = nodes[survivorOf(tree, tree.leaves[leaf])];
+        kxGNode& node = nodes[survivorOf(tree, leaves[leaf].record)];
         kxBBox box;
-        const uint32_t* primitive = primitiveIndexes + (node.offset & kxGNode::eIndexMask);
         for (uint32_t i = 0; i < node.count; ++i)
         {
-            box.extend(container.getBBox(primitive[i]));
+            box.extend(boxes.next());
             if (cancelled(cancel))
                 return false;
         }
         storeBox(node.bbox, box);
         // Step over the emitted leaves it covers.
-        uint64_t covered = 0;
+        const uint32_t end = (node.offset & kxGNode::eIndexMask) + node.count;
         do
-            covered += records[tree.leaves[leaf++]].count;
-        while (covered < node.count);
+            ++leaf;
+        while (leaf < tree.leafCount && leaves[leaf].end <= end);
     }
     for (size_t k = nodes.size(); k-- > 0;)
     {

@@ -127,10 +127,10 @@ void kxRunLists::emitLevel(unsigned level, kxNodeWords* records, uint32_t& nextF
 void kxRunLists::finishEmission(kxEmittedTree& tree)
 {
     tree.leafCount = distinctCodes();
-    tree.leaves = kxWorkArray<uint32_t>(tree.leafCount);
+    tree.leaves = kxWorkArray<kxLeafRun>(tree.leafCount);
     if (mQuantity == 0)
     {
-        tree.leaves[0] = 0;
+        tree.leaves[0] = {0, 0};
     }
     else
     {
@@ -139,8 +139,8 @@ void kxRunLists::finishEmission(kxEmittedTree& tree)
         uint64_t leaf = 0;
         for (uint32_t j = 0; j + 1u < mQuantity; ++j)
             if (mPairLevel[j] != 0)
-                tree.leaves[leaf++] = mRunNode[j];
-        tree.leaves[leaf] = mRunNode[mQuantity - 1u];
+                tree.leaves[leaf++] = {mRunNode[j], j + 1u};
+        tree.leaves[leaf] = {mRunNode[mQuantity - 1u], mQuantity};
     }
     tree.parentOfPair = std::move(mParentOfPair);
     mPairLevel.reset();

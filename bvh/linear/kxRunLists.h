@@ -15,6 +15,13 @@ struct kxNodeWords
     uint32_t count;
 };
 
+/// An emitted leaf: its record and one past its last position.
+struct kxLeafRun
+{
+    uint32_t record;
+    uint32_t end;
+};
+
 /// An emitted hierarchy on its way into a kxGenericBVH, and how its records hang together
 /// for the passes that follow emission. Records 0 .. 2 * leafCount - 2 are the tree; the
 /// last record is a spare that is never written. Child pairs are numbered in allocation
@@ -24,7 +31,7 @@ struct kxEmittedTree
 {
     uint64_t leafCount = 0;
     kxWorkArray<kxNodeWords> records;   // 2 * leafCount
-    kxWorkArray<uint32_t> leaves;       // leaf records by ascending position
+    kxWorkArray<kxLeafRun> leaves;      // by ascending position
     kxWorkArray<uint32_t> parentOfPair; // leafCount - 1 entries
     // Filled by fusing, 2 * leafCount + 1 entries: entry k is the number record k keeps,
     // and record k survives when entries k and k + 1 differ.
