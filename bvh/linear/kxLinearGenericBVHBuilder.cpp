@@ -102,8 +102,8 @@ bool kxLinearGenericBVHBuilder::build(const tPrimitiveContainerInterface& contai
     if (!emitHierarchy(Primitives{container, mSceneBox, mPrimitiveIndexes.data(), mQuantity}, bvh, cancel, bits, tree))
         return false;
     std::vector<kxGNode> nodes;
-    if (!fuseLeaves(tree, mMaxPrimitivesPerLeaf, cancel, nodes) ||
-        !refit(tree, nodes, container, mPrimitiveIndexes.data(), cancel) || cancelled(cancel))
+    if (!fuseLeaves(tree, mQuantity, mMaxPrimitivesPerLeaf, cancel, nodes) ||
+        !refit(tree, nodes, container, mPrimitiveIndexes.data(), mQuantity, cancel) || cancelled(cancel))
         return false;
     kxBuildLogLine() << "fuse " << 2u * tree.leafCount << " into " << nodes.size();
     bvh.mNodes.swap(nodes);

@@ -71,8 +71,9 @@ bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, uint32_t*
     return true;
 }
 
-void copySurvivors(const kxEmittedTree& tree, std::vector<kxGNode>& nodes)
+void copySurvivors(kxEmittedTree& tree, uint32_t quantity, std::vector<kxGNode>& nodes)
 {
+    tree.leafAt = kxWorkArray<kxLeafSpan>(quantity);
     const kxNodeWords* records = tree.records.get();
     const uint32_t* newNumber = tree.newNumber.get();
     const uint64_t recordCount = 2u * tree.leafCount;
@@ -87,22 +88,18 @@ void copySurvivors(const kxEmittedTree& tree, std::vector<kxGNode>& nodes)
         kxGNode node;
         node.offset = records[k].offset;
         node.count = records[k].count;
-        if (!isLeaf(node))
+        if (isLeaf(node))
+        {
+            if (node.count > 0)
+                tree.leafAt[node.offset & kxGNode::eIndexMask] = {static_cast<uint32_t>(nodes.size()), node.count};
+        }
+        else
         {
             node.offset = (newNumber[leftChild(node)] & kxGNode::eIndexMask) | (node.offset & kxGNode::eKindMask);
             node.count = newNumber[rightChild(node)];
         }
         nodes.push_back(node);
     }
-}
-
-// The record that survives for an emitted leaf: the leaf itself, or the ancestor it was
-// fused into.
-uint32_t survivorOf(const kxEmittedTree& tree, uint32_t record)
-{
-    while (!survives(tree.newNumber.get(), record))
-        record = tree.parentOfPair[(record - 1u) >> 1];
-    return tree.newNumber[record];
 }
 
 // Hands out the container's boxes of the primitives at ascending positions. Each box is
@@ -166,8 +163,8 @@ inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 }
 } // namespace
 
-bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel,
-                std::vector<kxGNode>& nodes)
+bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPerLeaf,
+                const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
 {
     const uint64_t recordCount = 2u * tree.leafCount;
     tree.newNumber = kxWorkArray<uint32_t>(recordCount + 1u);
@@ -177,39 +174,41 @@ bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kx
         return false;
     for (uint64_t k = 1; k <= recordCount; ++k)
         live[k] += live[k - 1];
-    copySurvivors(tree, nodes);
+    copySurvivors(tree, quantity, nodes);
     return !cancelled(cancel);
 }
 
 bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
            const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-           const uint32_t* primitiveIndexes, const kx::kxCancelInterfaceReadOnly* cancel)
+           const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
 {
-    const uint32_t* newNumber = tree.newNumber.get();
-    const kxLeafRun* leaves = tree.leaves.get();
-    kxBoxStream boxes(container, primitiveIndexes, leaves[tree.leafCount - 1u].end);
-    for (uint64_t leaf = 0; leaf < tree.leafCount;)
+    // The only leaf without primitives is the root of an empty tree; its box stays empty.
+    if (quantity == 0)
+        return !cancelled(cancel);
+    const kxLeafSpan* leafAt = tree.leafAt.get();
+    kxBoxStream boxes(container, primitiveIndexes, quantity);
+    uint32_t ahead = 0;
+    for (unsigned i = 0; i < kPrefetchDistance && ahead < quantity; ++i)
+        ahead += leafAt[ahead].count;
+    for (uint32_t position = 0; position < quantity;)
     {
-        if (leaf + 2u * kPrefetchDistance < tree.leafCount)
-            prefetchForRead(newNumber + leaves[leaf + 2u * kPrefetchDistance].record);
-        if (leaf + kPrefetchDistance < tree.leafCount)
-            prefetchForWrite(nodes.data() + newNumber[leaves[leaf + kPrefetchDistance].record]);
+        if (ahead < quantity)
+        {
+            prefetchForWrite(nodes.data() + leafAt[ahead].record);
+            ahead += leafAt[ahead].count;
+        }
         if (cancelled(cancel))
             return false;
-        kxGNode& node = nodes[survivorOf(tree, leaves[leaf].record)];
+        const kxLeafSpan leaf = leafAt[position];
         kxBBox box;
-        for (uint32_t i = 0; i < node.count; ++i)
+        for (uint32_t i = 0; i < leaf.count; ++i)
         {
             box.extend(boxes.next());
             if (cancelled(cancel))
                 return false;
         }
-        storeBox(node.bbox, box);
-        // Step over the emitted leaves it covers.
-        const uint32_t end = (node.offset & kxGNode::eIndexMask) + node.count;
-        do
-            ++leaf;
-        while (leaf < tree.leafCount && leaves[leaf].end <= end);
+        storeBox(nodes[leaf.record].bbox, box);
+        position += leaf.count;
     }
     for (size_t k = nodes.size(); k-- > 0;)
     {

@@ -24,8 +24,8 @@ namespace kxLinearBVH
 /// copies the surviving records, renumbered contiguously in their old order, into nodes
 /// (exactly sized, boxes empty). Polls on every emitted record, after the count and after
 /// renumbering; false when cancelled.
-bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel,
-                std::vector<kxGNode>& nodes);
+bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPerLeaf,
+                const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes);
 
 /// Gives every record of the fused tree its box: a leaf the union of its primitives' boxes
 /// (the empty box for none), leaves visited by ascending position so that the container is
@@ -33,7 +33,7 @@ bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kx
 /// and after every primitive box; false when cancelled.
 bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
            const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-           const uint32_t* primitiveIndexes, const kx::kxCancelInterfaceReadOnly* cancel);
+           const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel);
 } // namespace kxLinearBVH
 
 #endif

@@ -97,6 +97,7 @@ void kxRunLists::list()
     }
     while (depth > 0)
         mSplits[open[--depth].slot].last = mQuantity - 1u;
+    mPairLevel.reset();
 }
 
 void kxRunLists::emitLevel(unsigned level, kxNodeWords* records, uint32_t& nextFree)
@@ -127,23 +128,7 @@ void kxRunLists::emitLevel(unsigned level, kxNodeWords* records, uint32_t& nextF
 void kxRunLists::finishEmission(kxEmittedTree& tree)
 {
     tree.leafCount = distinctCodes();
-    tree.leaves = kxWorkArray<kxLeafRun>(tree.leafCount);
-    if (mQuantity == 0)
-    {
-        tree.leaves[0] = {0, 0};
-    }
-    else
-    {
-        // The leaves are the runs of the deepest level: they end wherever adjacent codes
-        // differ, and at the last position.
-        uint64_t leaf = 0;
-        for (uint32_t j = 0; j + 1u < mQuantity; ++j)
-            if (mPairLevel[j] != 0)
-                tree.leaves[leaf++] = {mRunNode[j], j + 1u};
-        tree.leaves[leaf] = {mRunNode[mQuantity - 1u], mQuantity};
-    }
     tree.parentOfPair = std::move(mParentOfPair);
-    mPairLevel.reset();
     mSplits.reset();
     mRunNode.reset();
 }

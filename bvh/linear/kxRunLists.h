@@ -15,11 +15,11 @@ struct kxNodeWords
     uint32_t count;
 };
 
-/// An emitted leaf: its record and one past its last position.
-struct kxLeafRun
+/// A leaf of the fused tree: its record and its number of primitives.
+struct kxLeafSpan
 {
     uint32_t record;
-    uint32_t end;
+    uint32_t count;
 };
 
 /// An emitted hierarchy on its way into a kxGenericBVH, and how its records hang together
@@ -31,11 +31,13 @@ struct kxEmittedTree
 {
     uint64_t leafCount = 0;
     kxWorkArray<kxNodeWords> records;   // 2 * leafCount
-    kxWorkArray<kxLeafRun> leaves;      // by ascending position
     kxWorkArray<uint32_t> parentOfPair; // leafCount - 1 entries
     // Filled by fusing, 2 * leafCount + 1 entries: entry k is the number record k keeps,
     // and record k survives when entries k and k + 1 differ.
     kxWorkArray<uint32_t> newNumber;
+    // Filled by fusing: the leaf of the fused tree that starts at a position; the entries
+    // of positions where no leaf starts are not written.
+    kxWorkArray<kxLeafSpan> leafAt;
 };
 
 /// The runs of equal code prefixes of sorted Morton codes, level by level, and the
@@ -74,7 +76,7 @@ public:
     /// records at nextFree: both halves become leaves, the run's own record becomes inner.
     /// Levels must be emitted in ascending order after record 0 was made the root leaf.
     void emitLevel(unsigned level, kxNodeWords* records, uint32_t& nextFree);
-    /// Records the tree's shape once every level is emitted; the lists are released.
+    /// Hands the parents of the child pairs over to the tree; the lists are released.
     void finishEmission(kxEmittedTree& tree);
 
 private:
