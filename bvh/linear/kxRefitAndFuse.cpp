@@ -85,20 +85,22 @@ void copySurvivors(kxEmittedTree& tree, uint32_t quantity, std::vector<kxGNode>&
             continue;
         if (k + kPrefetchDistance < recordCount && !isLeaf(records[k + kPrefetchDistance]))
             prefetchForRead(newNumber + leftChild(records[k + kPrefetchDistance]));
-        kxGNode node;
-        node.offset = records[k].offset;
-        node.count = records[k].count;
-        if (isLeaf(node))
+        kxNodeWords words = records[k];
+        if (isLeaf(words))
         {
-            if (node.count > 0)
-                tree.leafAt[node.offset & kxGNode::eIndexMask] = {static_cast<uint32_t>(nodes.size()), node.count};
+            if (words.count > 0)
+                tree.leafAt[words.offset & kxGNode::eIndexMask] = {static_cast<uint32_t>(nodes.size()), words.count};
         }
         else
         {
-            node.offset = (newNumber[leftChild(node)] & kxGNode::eIndexMask) | (node.offset & kxGNode::eKindMask);
-            node.count = newNumber[rightChild(node)];
+            words.offset = (newNumber[leftChild(words)] & kxGNode::eIndexMask) | (words.offset & kxGNode::eKindMask);
+            words.count = newNumber[rightChild(words)];
         }
-        nodes.push_back(node);
+        // Built in place: a record assembled aside and copied would be reloaded in wider
+        // pieces than it was stored, which stalls.
+        kxGNode& node = nodes.emplace_back();
+        node.offset = words.offset;
+        node.count = words.count;
     }
 }
 
