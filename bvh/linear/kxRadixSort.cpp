@@ -3,6 +3,7 @@
 #include "kxLinearBuildSupport.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kxLinearBVH
 {
@@ -16,6 +17,12 @@ inline unsigned digit(Key key, unsigned pass)
 {
     return static_cast<unsigned>(key >> (pass * kDigitBits)) & (kDigitValues - 1u);
 }
+template <typename Key, unsigned... Pass>
+inline void countDigits(Key key, uint32_t (&histograms)[sizeof(Key)][kDigitValues],
+                        std::integer_sequence<unsigned, Pass...>)
+{
+    (++histograms[Pass][digit(key, Pass)], ...);
+}
 } // namespace
 
 template <typename Key>
@@ -27,11 +34,7 @@ void radixSort(kxWorkArray<Key>& keys, uint32_t* values, size_t n)
 
     uint32_t histograms[kPasses][kDigitValues] = {};
     for (size_t i = 0; i < n; ++i)
-    {
-        const Key key = keys[i];
-        for (unsigned pass = 0; pass < kPasses; ++pass)
-            ++histograms[pass][digit(key, pass)];
-    }
+        countDigits(keys[i], histograms, std::make_integer_sequence<unsigned, kPasses>());
 
     kxWorkArray<Key> partnerKeys(n);
     kxWorkArray<uint32_t> partnerValues(n);

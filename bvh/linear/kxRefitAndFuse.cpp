@@ -26,66 +26,63 @@ inline uint32_t rightChild(const Node& node)
     return node.count & kxGNode::eRightChildMask;
 }
 
-inline bool survives(const uint32_t* newNumber, uint64_t record)
-{
-    return newNumber[record] != newNumber[record + 1];
-}
-
-// Marks every record that survives with 1 at entry record + 1, fusing small subtrees on
-// the way up. An inner child has more primitives than the limit (or it would have been
-// fused), so a parent can only fuse when both children are leaves.
-bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, uint32_t* live,
-                   const kx::kxCancelInterfaceReadOnly* cancel)
+// Marks every child pair that survives with 1, fusing small subtrees on the way up. The
+// two records of a pair always survive or vanish together. An inner child has more
+// primitives than the limit (or it would have been fused), so a parent can only fuse when
+// both children are leaves; its children pair, fused before if they were inner, goes.
+bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel)
 {
     kxNodeWords* records = tree.records.get();
+    uint32_t* survives = tree.pairRank.get();
     for (uint64_t pair = tree.leafCount - 1u; pair-- > 0;)
     {
         if (pair >= kPrefetchDistance)
             prefetchForWrite(records + tree.parentOfPair[pair - kPrefetchDistance]);
-        const uint64_t left = 2u * pair + 1u;
-        const uint64_t right = left + 1u;
-        if (cancelled(cancel))
+        // One poll for each record of the pair.
+        if (cancelled(cancel) || cancelled(cancel))
             return false;
-        live[left + 1u] = 1;
-        if (cancelled(cancel))
-            return false;
-        live[right + 1u] = 1;
-        const kxNodeWords leftWords = records[left];
-        const kxNodeWords rightWords = records[right];
-        if (!isLeaf(leftWords) || !isLeaf(rightWords))
+        const kxNodeWords left = records[2u * pair + 1u];
+        const kxNodeWords right = records[2u * pair + 2u];
+        const uint64_t sum = static_cast<uint64_t>(left.count) + right.count;
+        const bool fuse = isLeaf(left) && isLeaf(right) && sum <= maxPrimitivesPerLeaf;
+        survives[pair] = fuse ? 0u : 1u;
+        if (!fuse)
             continue;
-        const uint64_t sum = static_cast<uint64_t>(leftWords.count) + rightWords.count;
-        if (sum > maxPrimitivesPerLeaf)
-            continue;
-        live[left + 1u] = 0;
-        live[right + 1u] = 0;
-        const uint32_t leftFirst = leftWords.offset & kxGNode::eIndexMask;
-        const uint32_t rightFirst = rightWords.offset & kxGNode::eIndexMask;
+        const uint32_t leftFirst = left.offset & kxGNode::eIndexMask;
+        const uint32_t rightFirst = right.offset & kxGNode::eIndexMask;
         kxNodeWords& parent = records[tree.parentOfPair[pair]];
         parent.offset = (leftFirst < rightFirst ? leftFirst : rightFirst) | kxGNode::eLeafMark;
         parent.count = static_cast<uint32_t>(sum);
     }
-    if (cancelled(cancel))
-        return false;
-    live[1] = 1;
-    return true;
+    return !cancelled(cancel);
 }
 
+// Turns the survival marks into ranks: entry q becomes the number of surviving pairs
+// before pair q, and the last entry their total.
+void rankSurvivingPairs(kxEmittedTree& tree)
+{
+    uint32_t* rank = tree.pairRank.get();
+    uint32_t sum = 0;
+    for (uint64_t pair = 0; pair < tree.leafCount; ++pair)
+    {
+        const uint32_t survives = pair + 1u < tree.leafCount ? rank[pair] : 0u;
+        rank[pair] = sum;
+        sum += survives;
+    }
+}
+
+// Copies the root and the surviving pairs, renumbered, into nodes. A surviving pair of
+// rank r becomes records 2r + 1 and 2r + 2.
 void copySurvivors(kxEmittedTree& tree, uint32_t quantity, std::vector<kxGNode>& nodes)
 {
     tree.leafAt = kxWorkArray<kxLeafSpan>(quantity);
     const kxNodeWords* records = tree.records.get();
-    const uint32_t* newNumber = tree.newNumber.get();
-    const uint64_t recordCount = 2u * tree.leafCount;
-    nodes.reserve(newNumber[recordCount]);
+    const uint32_t* rank = tree.pairRank.get();
+    const uint64_t pairs = tree.leafCount - 1u;
+    nodes.reserve(1u + 2u * uint64_t{rank[pairs]});
     adviseHugePages(nodes.data(), nodes.capacity() * sizeof(kxGNode));
-    for (uint64_t k = 0; k < recordCount; ++k)
-    {
-        if (!survives(newNumber, k))
-            continue;
-        if (k + kPrefetchDistance < recordCount && !isLeaf(records[k + kPrefetchDistance]))
-            prefetchForRead(newNumber + leftChild(records[k + kPrefetchDistance]));
-        kxNodeWords words = records[k];
+    const auto copy = [&](uint64_t record) {
+        kxNodeWords words = records[record];
         if (isLeaf(words))
         {
             if (words.count > 0)
@@ -93,14 +90,23 @@ void copySurvivors(kxEmittedTree& tree, uint32_t quantity, std::vector<kxGNode>&
         }
         else
         {
-            words.offset = (newNumber[leftChild(words)] & kxGNode::eIndexMask) | (words.offset & kxGNode::eKindMask);
-            words.count = newNumber[rightChild(words)];
+            const uint32_t left = 1u + 2u * rank[(leftChild(words) - 1u) >> 1];
+            words.offset = (left & kxGNode::eIndexMask) | (words.offset & kxGNode::eKindMask);
+            words.count = left + 1u;
         }
         // Built in place: a record assembled aside and copied would be reloaded in wider
         // pieces than it was stored, which stalls.
         kxGNode& node = nodes.emplace_back();
         node.offset = words.offset;
         node.count = words.count;
+    };
+    copy(0);
+    for (uint64_t pair = 0; pair < pairs; ++pair)
+    {
+        if (rank[pair] == rank[pair + 1u])
+            continue;
+        copy(2u * pair + 1u);
+        copy(2u * pair + 2u);
     }
 }
 
@@ -168,14 +174,10 @@ inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPerLeaf,
                 const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
 {
-    const uint64_t recordCount = 2u * tree.leafCount;
-    tree.newNumber = kxWorkArray<uint32_t>(recordCount + 1u);
-    uint32_t* live = tree.newNumber.get();
-    std::fill(live, live + recordCount + 1u, 0u);
-    if (!markSurvivors(tree, maxPrimitivesPerLeaf, live, cancel) || cancelled(cancel))
+    tree.pairRank = kxWorkArray<uint32_t>(tree.leafCount);
+    if (!markSurvivors(tree, maxPrimitivesPerLeaf, cancel) || cancelled(cancel))
         return false;
-    for (uint64_t k = 1; k <= recordCount; ++k)
-        live[k] += live[k - 1];
+    rankSurvivingPairs(tree);
     copySurvivors(tree, quantity, nodes);
     return !cancelled(cancel);
 }

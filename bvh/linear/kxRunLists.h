@@ -32,9 +32,9 @@ struct kxEmittedTree
     uint64_t leafCount = 0;
     kxWorkArray<kxNodeWords> records;   // 2 * leafCount
     kxWorkArray<uint32_t> parentOfPair; // leafCount - 1 entries
-    // Filled by fusing, 2 * leafCount + 1 entries: entry k is the number record k keeps,
-    // and record k survives when entries k and k + 1 differ.
-    kxWorkArray<uint32_t> newNumber;
+    // Filled by fusing, leafCount entries: entry q is the number of child pairs before
+    // pair q that survive, and pair q survives when entries q and q + 1 differ.
+    kxWorkArray<uint32_t> pairRank;
     // Filled by fusing: the leaf of the fused tree that starts at a position; the entries
     // of positions where no leaf starts are not written.
     kxWorkArray<kxLeafSpan> leafAt;
