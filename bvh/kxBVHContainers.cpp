@@ -21,13 +21,17 @@ void kxBVHTriangleContainer::computeBoxes()
     // Widened with its sign: a quantity of -3 or less asks for an impossible size and
     // fails with the standard length error, as a corrupt count should.
     const int64_t triangles = n / 3;
-    mBoxes.resize(static_cast<size_t>(triangles));
-    if (n < 3)
+    if (triangles <= 0)
+    {
+        mBoxes.resize(static_cast<size_t>(triangles));
         return;
+    }
+    // Each box starts empty and is extended in place: one pass over the array.
+    mBoxes.reserve(static_cast<size_t>(triangles));
     const unsigned int* index = mIndices->GetData();
     for (int64_t t = 0; t < triangles; ++t, index += 3)
     {
-        kxBBox& box = mBoxes[static_cast<size_t>(t)];
+        kxBBox& box = mBoxes.emplace_back();
         box.extend(mVertices->Position3(static_cast<int>(index[0])));
         box.extend(mVertices->Position3(static_cast<int>(index[1])));
         box.extend(mVertices->Position3(static_cast<int>(index[2])));

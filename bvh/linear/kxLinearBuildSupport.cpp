@@ -10,7 +10,7 @@ namespace
 {
 constexpr size_t kHugePage = size_t{1} << 21;
 // Below this, rounding up to whole huge pages would waste more than it saves.
-constexpr size_t kHugeArrayBytes = 4 * kHugePage;
+constexpr size_t kHugeArrayBytes = 2 * kHugePage;
 } // namespace
 
 void adviseHugePages(const void* data, size_t bytes)
@@ -22,23 +22,20 @@ void adviseHugePages(const void* data, size_t bytes)
         madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }
 
-void* allocateWorkMemory(size_t bytes)
+kxBuildArena::kxBuildArena(size_t capacity) : mCapacity(capacity)
 {
-    if (bytes < kHugeArrayBytes)
-        return ::operator new(bytes);
-    const size_t rounded = (bytes + kHugePage - 1) & ~(kHugePage - 1);
-    void* memory = ::operator new(rounded, std::align_val_t(kHugePage));
-    adviseHugePages(memory, rounded);
-    return memory;
+    if (capacity < kHugeArrayBytes)
+    {
+        mBlock = static_cast<unsigned char*>(::operator new(capacity, std::align_val_t(kAlignment)));
+        return;
+    }
+    mCapacity = (capacity + kHugePage - 1) & ~(kHugePage - 1);
+    mBlock = static_cast<unsigned char*>(::operator new(mCapacity, std::align_val_t(kHugePage)));
+    adviseHugePages(mBlock, mCapacity);
 }
 
-void releaseWorkMemory(void* memory, size_t bytes) noexcept
+kxBuildArena::~kxBuildArena()
 {
-    if (!memory)
-        return;
-    if (bytes < kHugeArrayBytes)
-        ::operator delete(memory);
-    else
-        ::operator delete(memory, std::align_val_t(kHugePage));
+    ::operator delete(mBlock, std::align_val_t(mCapacity < kHugeArrayBytes ? kAlignment : kHugePage));
 }
 } // namespace kxLinearBVH

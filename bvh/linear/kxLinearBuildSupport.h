@@ -5,10 +5,10 @@
 #include "kxLogObject.h"
 #include "kxStringUtils.h"
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace kxLinearBVH
@@ -18,47 +18,42 @@ namespace kxLinearBVH
 /// them in costs about as much as the work done in them.
 void adviseHugePages(const void* data, size_t bytes);
 
-void* allocateWorkMemory(size_t bytes);
-void releaseWorkMemory(void* memory, size_t bytes) noexcept;
-
-/// A work array of trivial elements that are written before they are read: no zero fill,
-/// huge pages when large. Allocation failures throw std::bad_alloc.
-template <typename T>
-class kxWorkArray
+/// The work memory of one build: a single block handed out in stack order, so that a phase
+/// reuses the pages that the phases before it have given back, and large enough blocks are
+/// backed by huge pages. Arrays come uninitialised and 64-byte aligned. The block is
+/// released with the arena, on every path.
+class kxBuildArena
 {
 public:
-    kxWorkArray() = default;
-    explicit kxWorkArray(size_t n)
-        : mData(static_cast<T*>(allocateWorkMemory(n * sizeof(T)))), mBytes(n * sizeof(T))
-    {
-    }
-    ~kxWorkArray() { reset(); }
-    kxWorkArray(kxWorkArray&& other) noexcept { swap(other); }
-    kxWorkArray& operator=(kxWorkArray&& other) noexcept
-    {
-        kxWorkArray(std::move(other)).swap(*this);
-        return *this;
-    }
-    kxWorkArray(const kxWorkArray&) = delete;
-    kxWorkArray& operator=(const kxWorkArray&) = delete;
+    /// Rounds an array size up to the alignment; add these up to size an arena.
+    static size_t footprint(size_t bytes) { return (bytes + kAlignment - 1u) & ~(kAlignment - 1u); }
 
-    T* get() const { return mData; }
-    T& operator[](size_t i) const { return mData[i]; }
-    void reset()
+    explicit kxBuildArena(size_t capacity);
+    ~kxBuildArena();
+    kxBuildArena(const kxBuildArena&) = delete;
+    kxBuildArena& operator=(const kxBuildArena&) = delete;
+
+    /// n elements of a trivial type; the arena must have been sized for them.
+    template <typename T>
+    T* allocate(size_t n)
     {
-        releaseWorkMemory(mData, mBytes);
-        mData = nullptr;
-        mBytes = 0;
+        const size_t bytes = footprint(n * sizeof(T));
+        assert(mTop + bytes <= mCapacity && "work arena sized too small");
+        T* array = reinterpret_cast<T*>(mBlock + mTop);
+        mTop += bytes;
+        return array;
     }
-    void swap(kxWorkArray& other) noexcept
-    {
-        std::swap(mData, other.mData);
-        std::swap(mBytes, other.mBytes);
-    }
+
+    /// Everything allocated after top() returned it is given back by release(it).
+    size_t top() const { return mTop; }
+    void release(size_t top) { mTop = top; }
 
 private:
-    T* mData = nullptr;
-    size_t mBytes = 0;
+    static constexpr size_t kAlignment = 64;
+
+    unsigned char* mBlock;
+    size_t mCapacity;
+    size_t mTop = 0;
 };
 
 /// Gives v n elements like resize, with its new storage advised for huge pages.

@@ -4,7 +4,7 @@
 #include "kxMortonCodes.h"
 #include "kxRadixSort.h"
 #include "kxRefitAndFuse.h"
-#include "kxRunLists.h"
+#include "kxRunLevels.h"
 
 #include <algorithm>
 
@@ -22,35 +22,42 @@ struct Primitives
     uint32_t quantity;
 };
 
+// The run levels lie at the bottom of the arena, below first the codes and the sort's
+// partners and then, in the same space, the emitted tree.
+template <typename Code>
+size_t workMemory(uint32_t quantity)
+{
+    const size_t sorting = kxBuildArena::footprint(quantity * sizeof(Code)) + radixSortFootprint<Code>(quantity);
+    return kxRunLevels::footprint(quantity) + std::max(sorting, kxEmittedTree::footprint(quantity));
+}
+
 // Codes, sort and run counting; the codes die here. False when cancelled.
 template <typename Code>
-bool sortAndCountRuns(const Primitives& primitives, unsigned axisBits, const kx::kxCancelInterfaceReadOnly* cancel,
-                      kxRunLists& runs)
+bool sortAndCountRuns(const Primitives& primitives, unsigned axisBits, kxBuildArena& arena,
+                      const kx::kxCancelInterfaceReadOnly* cancel, kxRunLevels& runs)
 {
-    kxWorkArray<Code> codes(primitives.quantity);
-    computeMortonCodes(primitives.container, primitives.quantity, kxMortonGrid(primitives.sceneBox, axisBits),
-                       codes.get());
+    const size_t top = arena.top();
+    Code* codes = arena.allocate<Code>(primitives.quantity);
+    computeMortonCodes(primitives.container, primitives.quantity, kxMortonGrid(primitives.sceneBox, axisBits), codes);
     if (cancelled(cancel))
         return false;
-    radixSort(codes, primitives.indexes, primitives.quantity);
+    radixSort(codes, primitives.indexes, primitives.quantity, arena);
     if (cancelled(cancel))
         return false;
-    runs.count(codes.get(), primitives.quantity);
+    runs.count(codes);
+    arena.release(top);
     return !cancelled(cancel);
 }
 
-// Sorts the primitives by code and writes the words of the hierarchy's records level by
-// level into the tree. False when cancelled.
+// Sorts the primitives by code and writes the words of the hierarchy's records into the
+// tree. False when cancelled.
+template <typename Code>
 bool emitHierarchy(const Primitives& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
-                   unsigned bits, kxEmittedTree& tree)
+                   unsigned bits, kxBuildArena& arena, kxEmittedTree& tree)
 {
     const unsigned axisBits = std::min(bits, kMaxAxisBits);
-    kxRunLists runs(3 * axisBits);
-    // Coarse grids sort 32-bit keys in half the passes.
-    const bool counted = bits <= 10 ? sortAndCountRuns<uint32_t>(primitives, axisBits, cancel, runs)
-                                    : sortAndCountRuns<uint64_t>(primitives, axisBits, cancel, runs);
-    if (counted)
-        runs.list();
+    kxRunLevels runs(3 * axisBits, primitives.quantity, arena);
+    const bool counted = sortAndCountRuns<Code>(primitives, axisBits, arena, cancel, runs);
     // Written even after a cancel, then with nothing allocated.
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate "
                      << humanizedBytes(counted ? runs.workingBufferBytes() : 0u) << "B of working buffer";
@@ -58,23 +65,24 @@ bool emitHierarchy(const Primitives& primitives, kxGenericBVH& bvh, const kx::kx
         return false;
 
     const uint64_t distinct = runs.distinctCodes();
-    tree.records = kxWorkArray<kxNodeWords>(2u * distinct);
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(distinct * 64u) << "B for "
                      << 2u * distinct << " result nodes";
-    kxNodeWords* records = tree.records.get();
-    records[0].offset = kxGNode::eLeafMark;
-    records[0].count = primitives.quantity;
-
-    uint32_t nextFree = 1;
-    for (unsigned level = 1; level <= runs.levels(); ++level)
-    {
-        runs.emitLevel(level, records, nextFree);
-        if (cancelled(cancel))
-            return false;
-    }
-    bvh.mNodeCount = nextFree;
-    runs.finishEmission(tree);
+    if (!runs.emit(tree, arena, cancel))
+        return false;
+    bvh.mNodeCount = static_cast<uint32_t>(2u * distinct - 1u);
     return true;
+}
+
+// Emission, fusing and refit over one arena. False when cancelled.
+template <typename Code>
+bool buildWithCodes(const Primitives& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
+                    unsigned bits, uint32_t maxPrimitivesPerLeaf, std::vector<kxGNode>& nodes)
+{
+    kxBuildArena arena(workMemory<Code>(primitives.quantity));
+    kxEmittedTree tree;
+    return emitHierarchy<Code>(primitives, bvh, cancel, bits, arena, tree) &&
+           fuseLeaves(tree, primitives.quantity, maxPrimitivesPerLeaf, arena, cancel, nodes) &&
+           refit(tree, nodes, primitives.container, primitives.indexes, primitives.quantity, cancel);
 }
 } // namespace
 
@@ -98,14 +106,16 @@ bool kxLinearGenericBVHBuilder::build(const tPrimitiveContainerInterface& contai
                                       const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits)
 {
     gatherPrimitives(container);
-    kxEmittedTree tree;
-    if (!emitHierarchy(Primitives{container, mSceneBox, mPrimitiveIndexes.data(), mQuantity}, bvh, cancel, bits, tree))
-        return false;
+    const Primitives primitives{container, mSceneBox, mPrimitiveIndexes.data(), mQuantity};
     std::vector<kxGNode> nodes;
-    if (!fuseLeaves(tree, mQuantity, mMaxPrimitivesPerLeaf, cancel, nodes) ||
-        !refit(tree, nodes, container, mPrimitiveIndexes.data(), mQuantity, cancel) || cancelled(cancel))
+    // Coarse grids sort 32-bit keys in half the passes.
+    const bool built =
+        bits <= 10 ? buildWithCodes<uint32_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes)
+                   : buildWithCodes<uint64_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes);
+    if (!built || cancelled(cancel))
         return false;
-    kxBuildLogLine() << "fuse " << 2u * tree.leafCount << " into " << nodes.size();
+    // Emission sized the records for the emitted ones and a spare.
+    kxBuildLogLine() << "fuse " << uint64_t{bvh.mNodeCount} + 1u << " into " << nodes.size();
     bvh.mNodes.swap(nodes);
     bvh.mPrimitiveIndices.swap(mPrimitiveIndexes);
     bvh.mPrimitiveCount = mQuantity;

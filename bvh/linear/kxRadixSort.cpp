@@ -26,7 +26,7 @@ inline void countDigits(Key key, uint32_t (&histograms)[sizeof(Key)][kDigitValue
 } // namespace
 
 template <typename Key>
-void radixSort(kxWorkArray<Key>& keys, uint32_t* values, size_t n)
+void radixSort(Key* keys, uint32_t* values, size_t n, kxBuildArena& arena)
 {
     constexpr unsigned kPasses = sizeof(Key);
     if (n < 2)
@@ -36,12 +36,11 @@ void radixSort(kxWorkArray<Key>& keys, uint32_t* values, size_t n)
     for (size_t i = 0; i < n; ++i)
         countDigits(keys[i], histograms, std::make_integer_sequence<unsigned, kPasses>());
 
-    kxWorkArray<Key> partnerKeys(n);
-    kxWorkArray<uint32_t> partnerValues(n);
-    Key* sourceKeys = keys.get();
-    Key* targetKeys = partnerKeys.get();
+    const size_t top = arena.top();
+    Key* sourceKeys = keys;
+    Key* targetKeys = arena.allocate<Key>(n);
     uint32_t* sourceValues = values;
-    uint32_t* targetValues = partnerValues.get();
+    uint32_t* targetValues = arena.allocate<uint32_t>(n);
     for (unsigned pass = 0; pass < kPasses; ++pass)
     {
         uint32_t* offsets = histograms[pass];
@@ -64,13 +63,15 @@ void radixSort(kxWorkArray<Key>& keys, uint32_t* values, size_t n)
         std::swap(sourceKeys, targetKeys);
         std::swap(sourceValues, targetValues);
     }
-    if (sourceKeys != keys.get())
+    // Only after a skipped pass can the result lie in the partners.
+    if (sourceKeys != keys)
     {
-        keys.swap(partnerKeys);
+        std::copy(sourceKeys, sourceKeys + n, keys);
         std::copy(sourceValues, sourceValues + n, values);
     }
+    arena.release(top);
 }
 
-template void radixSort<uint32_t>(kxWorkArray<uint32_t>&, uint32_t*, size_t);
-template void radixSort<uint64_t>(kxWorkArray<uint64_t>&, uint32_t*, size_t);
+template void radixSort<uint32_t>(uint32_t*, uint32_t*, size_t, kxBuildArena&);
+template void radixSort<uint64_t>(uint64_t*, uint32_t*, size_t, kxBuildArena&);
 } // namespace kxLinearBVH

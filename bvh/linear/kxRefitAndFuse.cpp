@@ -32,8 +32,8 @@ inline uint32_t rightChild(const Node& node)
 // both children are leaves; its children pair, fused before if they were inner, goes.
 bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel)
 {
-    kxNodeWords* records = tree.records.get();
-    uint32_t* survives = tree.pairRank.get();
+    kxNodeWords* records = tree.records;
+    uint32_t* survives = tree.pairRank;
     for (uint64_t pair = tree.leafCount - 1u; pair-- > 0;)
     {
         if (pair >= kPrefetchDistance)
@@ -61,7 +61,7 @@ bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx:
 // before pair q, and the last entry their total.
 void rankSurvivingPairs(kxEmittedTree& tree)
 {
-    uint32_t* rank = tree.pairRank.get();
+    uint32_t* rank = tree.pairRank;
     uint32_t sum = 0;
     for (uint64_t pair = 0; pair < tree.leafCount; ++pair)
     {
@@ -73,11 +73,10 @@ void rankSurvivingPairs(kxEmittedTree& tree)
 
 // Copies the root and the surviving pairs, renumbered, into nodes. A surviving pair of
 // rank r becomes records 2r + 1 and 2r + 2.
-void copySurvivors(kxEmittedTree& tree, uint32_t quantity, std::vector<kxGNode>& nodes)
+void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
 {
-    tree.leafAt = kxWorkArray<kxLeafSpan>(quantity);
-    const kxNodeWords* records = tree.records.get();
-    const uint32_t* rank = tree.pairRank.get();
+    const kxNodeWords* records = tree.records;
+    const uint32_t* rank = tree.pairRank;
     const uint64_t pairs = tree.leafCount - 1u;
     nodes.reserve(1u + 2u * uint64_t{rank[pairs]});
     adviseHugePages(nodes.data(), nodes.capacity() * sizeof(kxGNode));
@@ -171,14 +170,15 @@ inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 }
 } // namespace
 
-bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPerLeaf,
+bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
                 const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
 {
-    tree.pairRank = kxWorkArray<uint32_t>(tree.leafCount);
+    tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
+    tree.leafAt = arena.allocate<kxLeafSpan>(quantity);
     if (!markSurvivors(tree, maxPrimitivesPerLeaf, cancel) || cancelled(cancel))
         return false;
     rankSurvivingPairs(tree);
-    copySurvivors(tree, quantity, nodes);
+    copySurvivors(tree, nodes);
     return !cancelled(cancel);
 }
 
@@ -189,7 +189,7 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
     // The only leaf without primitives is the root of an empty tree; its box stays empty.
     if (quantity == 0)
         return !cancelled(cancel);
-    const kxLeafSpan* leafAt = tree.leafAt.get();
+    const kxLeafSpan* leafAt = tree.leafAt;
     kxBoxStream boxes(container, primitiveIndexes, quantity);
     uint32_t ahead = 0;
     for (unsigned i = 0; i < kPrefetchDistance && ahead < quantity; ++i)

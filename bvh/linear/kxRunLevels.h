@@ -1,6 +1,7 @@
-#ifndef KXRUNLISTS_H
-#define KXRUNLISTS_H
+#ifndef KXRUNLEVELS_H
+#define KXRUNLEVELS_H
 
+#include "kxCancelInterface.h"
 #include "kxGenericBVH.h"
 #include "kxLinearBuildSupport.h"
 
@@ -30,40 +31,45 @@ struct kxLeafSpan
 struct kxEmittedTree
 {
     uint64_t leafCount = 0;
-    kxWorkArray<kxNodeWords> records;   // 2 * leafCount
-    kxWorkArray<uint32_t> parentOfPair; // leafCount - 1 entries
+    kxNodeWords* records = nullptr;   // 2 * leafCount
+    uint32_t* parentOfPair = nullptr; // leafCount - 1 entries
     // Filled by fusing, leafCount entries: entry q is the number of child pairs before
     // pair q that survive, and pair q survives when entries q and q + 1 differ.
-    kxWorkArray<uint32_t> pairRank;
+    uint32_t* pairRank = nullptr;
     // Filled by fusing: the leaf of the fused tree that starts at a position; the entries
     // of positions where no leaf starts are not written.
-    kxWorkArray<kxLeafSpan> leafAt;
+    kxLeafSpan* leafAt = nullptr;
+
+    /// The arena space of a tree over quantity primitives, at most.
+    static size_t footprint(uint32_t quantity);
 };
 
 /// The runs of equal code prefixes of sorted Morton codes, level by level, and the
-/// level-by-level emission of the hierarchy they describe.
+/// hierarchy they describe.
 ///
 /// Level l (1..L) distinguishes code bit L - l; level 0 is the single run of all positions.
 /// A run of level l - 1 either stays whole at level l or splits in two where its codes
-/// differ in bit L - l. Each split is listed once, at its own level, with the bounds of the
-/// run it splits: a run of level l is a run of level l - 1, or one half of one, so the
-/// level's own splits are all emission needs. Records are numbered as a walk over every
-/// level's full run list would number them: levels in ascending order, positions in
-/// ascending order inside a level.
-class kxRunLists
+/// differ in bit L - l, between the positions j and j + 1 whose codes differ first in
+/// that bit: every adjacent pair of differing codes is the split of exactly one run, at the
+/// level of its highest differing bit. Emission gives each split the next free pair of
+/// records, levels in ascending order and positions in ascending order inside a level;
+/// both halves start as leaves and the run's own record becomes inner, split on the axis
+/// of the level (z, y, x, z, ...).
+class kxRunLevels
 {
 public:
     static constexpr unsigned kMaxLevels = 63;
 
-    /// levels = 3 * bits per axis, at most kMaxLevels.
-    explicit kxRunLists(unsigned levels);
+    /// levels = 3 * bits per axis, at most kMaxLevels. Takes its memory for quantity
+    /// primitives from the arena at once, below everything the sort will take.
+    kxRunLevels(unsigned levels, uint32_t quantity, kxBuildArena& arena);
+    /// The arena space of quantity primitives.
+    static size_t footprint(uint32_t quantity);
 
     /// Finds the level of every adjacent pair of sorted codes that differ, and counts each
-    /// level's new run ends.
+    /// level's splits.
     template <typename Code>
-    void count(const Code* sortedCodes, uint32_t quantity);
-    /// Lists every level's splits, each with the run it splits. Needs count().
-    void list();
+    void count(const Code* sortedCodes);
 
     unsigned levels() const { return mLevels; }
     /// Runs of the deepest level: the number of distinct codes (1 for no primitive).
@@ -72,30 +78,17 @@ public:
     /// run ends were kept. Needs count().
     uint64_t workingBufferBytes() const;
 
-    /// Splits the runs of level - 1 that split at level, giving each split the pair of
-    /// records at nextFree: both halves become leaves, the run's own record becomes inner.
-    /// Levels must be emitted in ascending order after record 0 was made the root leaf.
-    void emitLevel(unsigned level, kxNodeWords* records, uint32_t& nextFree);
-    /// Hands the parents of the child pairs over to the tree; the lists are released.
-    void finishEmission(kxEmittedTree& tree);
+    /// Writes the words of every record of the tree into tree.records (2 * distinctCodes()
+    /// of them) and the parent of every child pair, taking both from the arena. The records
+    /// are those that emitting level after level would leave; they are found in one sweep
+    /// over the positions, polling levels() times on the way. False when cancelled.
+    bool emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCancelInterfaceReadOnly* cancel);
 
 private:
-    struct Split
-    {
-        uint32_t position; // last position of the left half
-        uint32_t first;    // first position of the run it splits
-        uint32_t last;     // last position of the run it splits
-    };
-
     unsigned mLevels;
     uint32_t mQuantity = 0;
     uint64_t mSplitsAt[kMaxLevels + 1] = {}; // entry 0 counts pairs of equal codes
-    uint64_t mListStart[kMaxLevels + 2] = {};
-    kxWorkArray<uint8_t> mPairLevel;
-    kxWorkArray<Split> mSplits;
-    // Node of the current run that ends at a position; other entries are stale.
-    kxWorkArray<uint32_t> mRunNode;
-    kxWorkArray<uint32_t> mParentOfPair;
+    uint8_t* mPairLevel;
 };
 } // namespace kxLinearBVH
 
