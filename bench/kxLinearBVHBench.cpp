@@ -210,7 +210,7 @@ public:
         {
             const double build = time("linear_build/", size), fromMesh = time("linear_from_mesh/", size);
             const double embree = time("embree_low/", size);
-            if (build <= 0.0)
+            if (build <= 0.0 || fromMesh <= 0.0)
                 continue;
             std::printf("%-6s %14.2f %14.2f %14.2f", size.label, build, fromMesh, embree);
             if (embree > 0.0)

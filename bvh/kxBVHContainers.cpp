@@ -1,5 +1,7 @@
 #include "kxBVHContainers.h"
 
+#include "kxHugePages.h"
+
 kxLinearGenericBVHBuilder::tPrimitiveContainerInterface::~tPrimitiveContainerInterface() = default;
 
 kxBVHTriangleContainer::kxBVHTriangleContainer(const kx::kxVertexBuffer* vertices, const kx::kxIndexBuffer* indices)
@@ -27,7 +29,7 @@ void kxBVHTriangleContainer::computeBoxes()
         return;
     }
     // Each box starts empty and is extended in place: one pass over the array.
-    mBoxes.reserve(static_cast<size_t>(triangles));
+    kxMemory::reserveWithHugePages(mBoxes, static_cast<size_t>(triangles));
     const unsigned int* index = mIndices->GetData();
     for (int64_t t = 0; t < triangles; ++t, index += 3)
     {

@@ -1,6 +1,7 @@
 #ifndef KXLINEARBUILDSUPPORT_H
 #define KXLINEARBUILDSUPPORT_H
 
+#include "../kxHugePages.h"
 #include "kxCancelInterface.h"
 #include "kxLogObject.h"
 #include "kxStringUtils.h"
@@ -13,11 +14,6 @@
 
 namespace kxLinearBVH
 {
-/// Asks the kernel to back the 2 MiB-aligned part of [data, data + bytes) with huge pages.
-/// A build touches every page of its big arrays exactly once; with small pages, faulting
-/// them in costs about as much as the work done in them.
-void adviseHugePages(const void* data, size_t bytes);
-
 /// The work memory of one build: a single block handed out in stack order, so that a phase
 /// reuses the pages that the phases before it have given back, and large enough blocks are
 /// backed by huge pages. Arrays come uninitialised and 64-byte aligned. The block is
@@ -55,18 +51,6 @@ private:
     size_t mCapacity;
     size_t mTop = 0;
 };
-
-/// Gives v n elements like resize, with its new storage advised for huge pages.
-template <typename T>
-void resizeWithHugePages(std::vector<T>& v, size_t n)
-{
-    if (v.capacity() < n)
-    {
-        v.reserve(n);
-        adviseHugePages(v.data(), v.capacity() * sizeof(T));
-    }
-    v.resize(n);
-}
 
 /// Records and boxes of a level-ordered tree are visited far from each other: fetch them
 /// this many steps ahead.

@@ -125,7 +125,8 @@ bool kxLinearGenericBVHBuilder::build(const tPrimitiveContainerInterface& contai
 void kxLinearGenericBVHBuilder::gatherPrimitives(const tPrimitiveContainerInterface& container)
 {
     mQuantity = container.getQuantity();
-    resizeWithHugePages(mPrimitiveIndexes, mQuantity);
+    kxMemory::reserveWithHugePages(mPrimitiveIndexes, mQuantity);
+    mPrimitiveIndexes.resize(mQuantity);
     mSceneBox = kxBBox();
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(uint64_t{mQuantity} * 4u)
                      << "B for " << mQuantity << " primitives indexes";

@@ -78,8 +78,7 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
     const kxNodeWords* records = tree.records;
     const uint32_t* rank = tree.pairRank;
     const uint64_t pairs = tree.leafCount - 1u;
-    nodes.reserve(1u + 2u * uint64_t{rank[pairs]});
-    adviseHugePages(nodes.data(), nodes.capacity() * sizeof(kxGNode));
+    kxMemory::reserveWithHugePages(nodes, 1u + 2u * uint64_t{rank[pairs]});
     const auto copy = [&](uint64_t record) {
         kxNodeWords words = records[record];
         if (isLeaf(words))
