@@ -22,10 +22,9 @@ kx::kxPointer<kx::kxTriMesh> makeBumpyTorus(uint32_t triangles)
             const double bump = 0.06 * std::sin(7.0 * u) * std::cos(5.0 * v) + 0.02 * std::sin(23.0 * u + 11.0 * v) +
                                 0.005 * std::sin(97.0 * u) * std::sin(61.0 * v);
             const double r = minor * (1.0 + bump);
-            vertices->Position3(static_cast<int>(i * columns + j)) =
-                Wm4::Vector3<float>(static_cast<float>((major + r * std::cos(v)) * std::cos(u)),
-                                    static_cast<float>((major + r * std::cos(v)) * std::sin(u)),
-                                    static_cast<float>(r * std::sin(v)));
+            vertices->Position3(static_cast<int>(i * columns + j)) = Wm4::Vector3<float>(
+                static_cast<float>((major + r * std::cos(v)) * std::cos(u)),
+                static_cast<float>((major + r * std::cos(v)) * std::sin(u)), static_cast<float>(r * std::sin(v)));
         }
     }
 

@@ -120,7 +120,8 @@ void linearBuild(benchmark::State& state, uint32_t triangles, bool fromMesh)
 {
     const kx::kxTriMesh& mesh = meshOf(triangles);
     const kxBVHTriangleContainer prepared(mesh);
-    const auto build = [&] {
+    const auto build = [&]
+    {
         kxLinearGenericBVHBuilder builder;
         kxGenericBVH bvh;
         if (fromMesh)
@@ -155,12 +156,14 @@ void embreeLowBuild(benchmark::State& state, uint32_t triangles)
     RTCDevice device = rtcNewDevice("threads=1");
     rtcSetDeviceMemoryMonitorFunction(
         device,
-        [](void*, ssize_t bytes, bool) {
+        [](void*, ssize_t bytes, bool)
+        {
             account(bytes);
             return true;
         },
         nullptr);
-    const auto build = [&] {
+    const auto build = [&]
+    {
         RTCScene scene = rtcNewScene(device);
         rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_LOW);
         RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
@@ -248,16 +251,19 @@ int main(int argc, char** argv)
         benchmark::RegisterBenchmark((std::string("linear_build/") + size.label).c_str(),
                                      [triangles](benchmark::State& state) { linearBuild(state, triangles, false); })
             ->Unit(benchmark::kMillisecond)
-            ->ComputeStatistics("min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
+            ->ComputeStatistics("min",
+                                [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
         benchmark::RegisterBenchmark((std::string("linear_from_mesh/") + size.label).c_str(),
                                      [triangles](benchmark::State& state) { linearBuild(state, triangles, true); })
             ->Unit(benchmark::kMillisecond)
-            ->ComputeStatistics("min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
+            ->ComputeStatistics("min",
+                                [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
 #ifdef KX_BENCH_WITH_EMBREE
         benchmark::RegisterBenchmark((std::string("embree_low/") + size.label).c_str(),
                                      [triangles](benchmark::State& state) { embreeLowBuild(state, triangles); })
             ->Unit(benchmark::kMillisecond)
-            ->ComputeStatistics("min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
+            ->ComputeStatistics("min",
+                                [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
 #endif
     }
     std::vector<char*> arguments(argv, argv + argc);

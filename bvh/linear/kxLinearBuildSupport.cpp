@@ -1,5 +1,7 @@
 #include "kxLinearBuildSupport.h"
 
+#include "../kxHugePages.h"
+
 #include <new>
 
 namespace kxLinearBVH

@@ -1,7 +1,6 @@
 #ifndef KXLINEARBUILDSUPPORT_H
 #define KXLINEARBUILDSUPPORT_H
 
-#include "../kxHugePages.h"
 #include "kxCancelInterface.h"
 #include "kxLogObject.h"
 #include "kxStringUtils.h"
@@ -10,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace kxLinearBVH
 {

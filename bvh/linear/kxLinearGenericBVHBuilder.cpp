@@ -1,5 +1,6 @@
 #include "kxLinearGenericBVHBuilder.h"
 
+#include "../kxHugePages.h"
 #include "kxLinearBuildSupport.h"
 #include "kxMortonCodes.h"
 #include "kxRadixSort.h"
@@ -86,9 +87,7 @@ bool buildWithCodes(const Primitives& primitives, kxGenericBVH& bvh, const kx::k
 }
 } // namespace
 
-kxLinearGenericBVHBuilder::kxLinearGenericBVHBuilder() : mQuantity(0), mMaxPrimitivesPerLeaf(4)
-{
-}
+kxLinearGenericBVHBuilder::kxLinearGenericBVHBuilder() : mQuantity(0), mMaxPrimitivesPerLeaf(4) {}
 
 kxLinearGenericBVHBuilder::~kxLinearGenericBVHBuilder() = default;
 
@@ -109,9 +108,9 @@ bool kxLinearGenericBVHBuilder::build(const tPrimitiveContainerInterface& contai
     const Primitives primitives{container, mSceneBox, mPrimitiveIndexes.data(), mQuantity};
     std::vector<kxGNode> nodes;
     // Coarse grids sort 32-bit keys in half the passes.
-    const bool built =
-        bits <= 10 ? buildWithCodes<uint32_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes)
-                   : buildWithCodes<uint64_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes);
+    const bool built = bits <= 10
+                           ? buildWithCodes<uint32_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes)
+                           : buildWithCodes<uint64_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes);
     if (!built || cancelled(cancel))
         return false;
     // Emission sized the records for the emitted ones and a spare.
@@ -128,8 +127,8 @@ void kxLinearGenericBVHBuilder::gatherPrimitives(const tPrimitiveContainerInterf
     kxMemory::reserveWithHugePages(mPrimitiveIndexes, mQuantity);
     mPrimitiveIndexes.resize(mQuantity);
     mSceneBox = kxBBox();
-    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(uint64_t{mQuantity} * 4u)
-                     << "B for " << mQuantity << " primitives indexes";
+    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(uint64_t{mQuantity} * 4u) << "B for "
+                     << mQuantity << " primitives indexes";
     for (uint32_t i = 0; i < mQuantity; ++i)
     {
         mPrimitiveIndexes[i] = i;

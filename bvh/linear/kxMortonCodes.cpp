@@ -1,6 +1,5 @@
 #include "kxMortonCodes.h"
 
-
 namespace kxLinearBVH
 {
 kxMortonGrid::kxMortonGrid(const kxBBox& scene, unsigned axisBits)
@@ -37,8 +36,8 @@ uint64_t mortonCode<uint64_t>(uint32_t x, uint32_t y, uint32_t z)
 } // namespace
 
 template <typename Code>
-void computeMortonCodes(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-                        uint32_t quantity, const kxMortonGrid& grid, Code* codes)
+void computeMortonCodes(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, uint32_t quantity,
+                        const kxMortonGrid& grid, Code* codes)
 {
     for (uint32_t i = 0; i < quantity; ++i)
     {
@@ -47,8 +46,8 @@ void computeMortonCodes(const kxLinearGenericBVHBuilder::tPrimitiveContainerInte
     }
 }
 
-template void computeMortonCodes<uint32_t>(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&,
-                                           uint32_t, const kxMortonGrid&, uint32_t*);
-template void computeMortonCodes<uint64_t>(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&,
-                                           uint32_t, const kxMortonGrid&, uint64_t*);
+template void computeMortonCodes<uint32_t>(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&, uint32_t,
+                                           const kxMortonGrid&, uint32_t*);
+template void computeMortonCodes<uint64_t>(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&, uint32_t,
+                                           const kxMortonGrid&, uint64_t*);
 } // namespace kxLinearBVH

@@ -18,7 +18,8 @@ struct kxMortonGrid
 
     /// The cell of coordinate p on one axis: truncated to 64 bits, low 32 bits kept, clamped
     /// to the last cell. NaN and out-of-range products (a flat scene, an empty box) land on
-    /// x86's integer indefinite, whose low half is 0.
+    /// x86's integer indefinite, whose low half is 0; a product of -1 or less wraps around
+    /// and ends in the last cell. Both are kept on purpose.
     uint32_t cell(float p, int axis) const
     {
         const int64_t q = _mm_cvttss_si64(_mm_set_ss((p - origin[axis]) * scale));
@@ -66,8 +67,8 @@ inline uint64_t mortonCode64(uint64_t x, uint64_t y, uint64_t z)
 
 /// codes[i] = Morton code of the centre of primitive i's box, for i below quantity.
 template <typename Code>
-void computeMortonCodes(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-                        uint32_t quantity, const kxMortonGrid& grid, Code* codes);
+void computeMortonCodes(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, uint32_t quantity,
+                        const kxMortonGrid& grid, Code* codes);
 } // namespace kxLinearBVH
 
 #endif

@@ -2,6 +2,8 @@
 
 #include "kxLinearBuildSupport.h"
 
+#include "../kxHugePages.h"
+
 #include <algorithm>
 
 namespace kxLinearBVH
@@ -26,10 +28,10 @@ inline uint32_t rightChild(const Node& node)
     return node.count & kxGNode::eRightChildMask;
 }
 
-// Marks every child pair that survives with 1, fusing small subtrees on the way up. The
-// two records of a pair always survive or vanish together. An inner child has more
-// primitives than the limit (or it would have been fused), so a parent can only fuse when
-// both children are leaves; its children pair, fused before if they were inner, goes.
+// Marks every child pair that survives with 1, fusing small subtrees on the way up; the
+// two records of a pair survive or vanish together. Pairs below a pair come after it, so
+// a child that had more than the limit below it is still inner here, and a parent can
+// only fuse when both children are leaves (emitted, or fused just before).
 bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel)
 {
     kxNodeWords* records = tree.records;
@@ -79,7 +81,8 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
     const uint32_t* rank = tree.pairRank;
     const uint64_t pairs = tree.leafCount - 1u;
     kxMemory::reserveWithHugePages(nodes, 1u + 2u * uint64_t{rank[pairs]});
-    const auto copy = [&](uint64_t record) {
+    const auto copy = [&](uint64_t record)
+    {
         kxNodeWords words = records[record];
         if (isLeaf(words))
         {
@@ -159,6 +162,7 @@ inline void storeBox(kxBBox& target, const kxBBox& box)
     }
 }
 
+// left extended by right, with the comparisons of kxBBox::extend.
 inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 {
     for (int a = 0; a < 3; ++a)
@@ -182,8 +186,8 @@ bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPe
 }
 
 bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
-           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-           const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
+           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, const uint32_t* primitiveIndexes,
+           uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
 {
     // The only leaf without primitives is the root of an empty tree; its box stays empty.
     if (quantity == 0)

@@ -32,8 +32,8 @@ bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPe
 /// read in code order; an inner record the union of its children's. Polls on every record
 /// and after every primitive box; false when cancelled.
 bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
-           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-           const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel);
+           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, const uint32_t* primitiveIndexes,
+           uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel);
 } // namespace kxLinearBVH
 
 #endif

@@ -97,7 +97,8 @@ bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCan
     // nearest split of a lower level on its left to the nearest one on its right.
     OpenSplit open[kMaxLevels + 1];
     unsigned depth = 0;
-    const auto close = [&](const OpenSplit& split, uint32_t record) {
+    const auto close = [&](const OpenSplit& split, uint32_t record)
+    {
         records[record].offset = (split.children & kxGNode::eIndexMask) | kAxisOfLevel[split.level % 3];
         records[record].count = split.children + 1u;
         parentOfPair[split.children >> 1] = record;
@@ -121,16 +122,17 @@ bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCan
             records[leaf].offset = runStart | kxGNode::eLeafMark;
             records[leaf].count = j + 1u - runStart;
             runStart = j + 1u;
-            // Deeper splits end here: each is the right half of the one below it, the
-            // last one the left half of this split.
+            // The runs of deeper splits end here. Each cut the right half of the split below
+            // it when that one is deeper too, else the left half of this split.
             while (depth > 0 && open[depth - 1].level > level)
             {
                 --depth;
-                close(open[depth], depth > 0 && open[depth - 1].level > level ? open[depth - 1].children + 1u : children);
+                const bool belowIsDeeper = depth > 0 && open[depth - 1].level > level;
+                close(open[depth], belowIsDeeper ? open[depth - 1].children + 1u : children);
             }
             open[depth++] = {children, level};
         }
-        // One poll per level, as often as emitting level after level would poll.
+        // One poll per level, spread over the sweep: as often as emitting level after level.
         if (part + 1u < mLevels && cancelled(cancel))
             return false;
     }

@@ -76,7 +76,8 @@ TEST(LinearBuilderFailure, AllocationFailureAtAnyPointPropagatesAndLeavesTheBuil
     const std::vector<kxBBox> boxes = makeScenes(200, 4)[0].boxes;
     const kxBoxListContainer container(boxes);
     const Reference reference = buildReference(boxes, 20);
-    const auto buildFailingAt = [&](kxLinearGenericBVHBuilder& builder, unsigned bits, uint64_t allocation) {
+    const auto buildFailingAt = [&](kxLinearGenericBVHBuilder& builder, unsigned bits, uint64_t allocation)
+    {
         kxGenericBVH bvh;
         gAllocations = 0;
         gFailAt = allocation;

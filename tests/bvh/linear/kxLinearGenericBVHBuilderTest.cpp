@@ -106,7 +106,8 @@ TEST(LinearBuilder, DegenerateInputsGiveASingleRootLeaf)
     quiet.install();
     kxLinearGenericBVHBuilder builder;
     builder.setMaxPrimitivesPerLeaf(1);
-    const std::vector<kxBBox> equal(50, kxBBox(Wm4::Vector3<float>(1.0f, 2.0f, 3.0f), Wm4::Vector3<float>(1.0f, 2.0f, 3.0f)));
+    const std::vector<kxBBox> equal(
+        50, kxBBox(Wm4::Vector3<float>(1.0f, 2.0f, 3.0f), Wm4::Vector3<float>(1.0f, 2.0f, 3.0f)));
     const std::vector<kxBBox> spread = makeScenes(50, 11)[0].boxes;
     struct Case
     {
@@ -196,16 +197,15 @@ TEST(LinearBuilder, WorkingBufferLineCountsTheRunsOfEveryLevel)
         kxGenericBVH bvh;
         ASSERT_TRUE(builder.build(kxBoxListContainer(boxes), bvh, nullptr, bits));
         const Reference reference = buildReference(boxes, bits);
-        const auto humanized = [](uint64_t bytes) {
-            return kx::kxStringUtils::humanizeNumberGeneric<unsigned long>(bytes, 3, 1, true, true, false);
-        };
+        const auto humanized = [](uint64_t bytes)
+        { return kx::kxStringUtils::humanizeNumberGeneric<unsigned long>(bytes, 3, 1, true, true, false); };
         const std::vector<std::string> lines = log.messages();
         ASSERT_EQ(lines.size(), 4u);
         EXPECT_EQ(lines[1], "kxLinearGenericBVHBuilder : allocate " + humanized(8 * reference.runListEntries) +
                                 "B of working buffer");
         EXPECT_EQ(lines[2], "kxLinearGenericBVHBuilder : allocate " + humanized(64 * reference.distinctCodes) +
                                 "B for " + std::to_string(2 * reference.distinctCodes) + " result nodes");
-        EXPECT_EQ(lines[3], "fuse " + std::to_string(2 * reference.distinctCodes) + " into " +
-                                std::to_string(bvh.mNodes.size()));
+        EXPECT_EQ(lines[3],
+                  "fuse " + std::to_string(2 * reference.distinctCodes) + " into " + std::to_string(bvh.mNodes.size()));
     }
 }

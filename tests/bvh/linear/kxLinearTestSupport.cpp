@@ -62,7 +62,8 @@ std::vector<uint64_t> referenceCodes(const std::vector<kxBBox>& boxes, unsigned 
     kxBBox scene;
     for (const kxBBox& box : boxes)
         scene.extend(box);
-    const float side = std::max({scene.max[0] - scene.min[0], scene.max[1] - scene.min[1], scene.max[2] - scene.min[2]});
+    const float side =
+        std::max({scene.max[0] - scene.min[0], scene.max[1] - scene.min[1], scene.max[2] - scene.min[2]});
     const float cells = static_cast<float>(1u << axisBits);
     const uint32_t lastCell = (1u << axisBits) - 1u;
     const float scale = cells / side;
@@ -190,7 +191,8 @@ std::vector<Scene> makeScenes(uint32_t quantity, uint32_t seed)
     for (uint32_t i = 0; i < quantity; ++i)
     {
         const kxBBox& c = centres[i % centres.size()];
-        clustered.push_back(boxAround(c.min[0] + spread(random), c.min[1] + spread(random), c.min[2] + spread(random), 1e-4f));
+        clustered.push_back(
+            boxAround(c.min[0] + spread(random), c.min[1] + spread(random), c.min[2] + spread(random), 1e-4f));
     }
     scenes.push_back({"clustered", clustered});
 
@@ -252,9 +254,11 @@ Reference buildReference(const std::vector<kxBBox>& boxes, unsigned bits)
     for (size_t i = 0; i < runs.size(); ++i)
         if (runs[i].left >= 0)
             inner.push_back(i);
-    std::stable_sort(inner.begin(), inner.end(), [&](size_t a, size_t b) {
-        return runs[a].level != runs[b].level ? runs[a].level < runs[b].level : runs[a].first < runs[b].first;
-    });
+    std::stable_sort(inner.begin(), inner.end(),
+                     [&](size_t a, size_t b) {
+                         return runs[a].level != runs[b].level ? runs[a].level < runs[b].level
+                                                               : runs[a].first < runs[b].first;
+                     });
     uint32_t nextFree = 1;
     for (size_t i : inner)
     {
@@ -331,7 +335,8 @@ uint32_t checkSubtree(const kxGenericBVH& bvh, uint32_t k, uint32_t first, const
         const uint32_t right = node.count & 0x0FFFFFFFu;
         if (right != left + 1)
             problem = "right child of " + std::to_string(k) + " is not left + 1";
-        const uint32_t leftCount = checkSubtree(bvh, left, first, boxes, codes, limit, visited, leafOfPosition, problem);
+        const uint32_t leftCount =
+            checkSubtree(bvh, left, first, boxes, codes, limit, visited, leafOfPosition, problem);
         count = leftCount +
                 checkSubtree(bvh, right, first + leftCount, boxes, codes, limit, visited, leafOfPosition, problem);
         if (problem.empty() && count <= limit)

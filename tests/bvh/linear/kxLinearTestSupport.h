@@ -63,12 +63,12 @@ std::vector<Scene> makeScenes(uint32_t quantity, uint32_t seed);
 /// code bit, numbered level by level, refitted and fused recursively.
 struct Reference
 {
-    std::vector<uint64_t> codes;      // per primitive
-    std::vector<uint32_t> order;      // primitive numbers by ascending code
-    std::vector<kxGNode> emitted;     // after emission and refit, before fusing
-    uint32_t nodeCount = 0;           // records emitted
+    std::vector<uint64_t> codes;  // per primitive
+    std::vector<uint32_t> order;  // primitive numbers by ascending code
+    std::vector<kxGNode> emitted; // after emission and refit, before fusing
+    uint32_t nodeCount = 0;       // records emitted
     uint64_t distinctCodes = 0;
-    uint64_t runListEntries = 0;      // runs of every level 0..L, added up
+    uint64_t runListEntries = 0; // runs of every level 0..L, added up
 };
 
 Reference buildReference(const std::vector<kxBBox>& boxes, unsigned bits);
