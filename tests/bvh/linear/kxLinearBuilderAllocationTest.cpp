@@ -15,10 +15,7 @@ namespace
 bool gCounting = false;
 uint64_t gAllocations = 0;
 uint64_t gFailAt = 0;
-} // namespace
 
-namespace
-{
 void* allocate(std::size_t size, std::size_t alignment)
 {
     if (gCounting && ++gAllocations == gFailAt)
@@ -28,37 +25,102 @@ void* allocate(std::size_t size, std::size_t alignment)
         return memory;
     throw std::bad_alloc();
 }
+
+void* allocateOrNull(std::size_t size, std::size_t alignment) noexcept
+{
+    try
+    {
+        return allocate(size, alignment);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return nullptr;
+    }
+}
 } // namespace
 
+// Every form, so that all memory comes from and returns to the same place.
 void* operator new(std::size_t size)
 {
     return allocate(size, alignof(std::max_align_t));
 }
-
+void* operator new[](std::size_t size)
+{
+    return allocate(size, alignof(std::max_align_t));
+}
 void* operator new(std::size_t size, std::align_val_t alignment)
 {
     return allocate(size, static_cast<std::size_t>(alignment));
 }
+void* operator new[](std::size_t size, std::align_val_t alignment)
+{
+    return allocate(size, static_cast<std::size_t>(alignment));
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return allocateOrNull(size, alignof(std::max_align_t));
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
+{
+    return allocateOrNull(size, alignof(std::max_align_t));
+}
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept
+{
+    return allocateOrNull(size, static_cast<std::size_t>(alignment));
+}
+void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept
+{
+    return allocateOrNull(size, static_cast<std::size_t>(alignment));
+}
 
-// The replacement pair is malloc and free underneath, which the compiler cannot see.
+// The replacements are malloc and free underneath, which the compiler cannot see.
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 
 void operator delete(void* memory) noexcept
 {
     std::free(memory);
 }
-
+void operator delete[](void* memory) noexcept
+{
+    std::free(memory);
+}
 void operator delete(void* memory, std::size_t) noexcept
 {
     std::free(memory);
 }
-
+void operator delete[](void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
 void operator delete(void* memory, std::align_val_t) noexcept
 {
     std::free(memory);
 }
-
+void operator delete[](void* memory, std::align_val_t) noexcept
+{
+    std::free(memory);
+}
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept
+{
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept
+{
+    std::free(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t, const std::nothrow_t&) noexcept
+{
+    std::free(memory);
+}
+void operator delete[](void* memory, std::align_val_t, const std::nothrow_t&) noexcept
 {
     std::free(memory);
 }
