@@ -111,31 +111,6 @@ TEST(Object, IdsAreUniqueAndLookupsAnswerForThisObjectOnly)
     EXPECT_EQ(found, std::vector<kx::kxObject*>{&o});
 }
 
-TEST(Object, ControllersAreAListOfHeldReferences)
-{
-    kx::kxObject owner;
-    kx::kxPointer<kx::kxController> first(new kx::kxController), second(new kx::kxController);
-    owner.AttachController(first);
-    owner.AttachController(second);
-    owner.AttachController(first);
-    owner.AttachController(nullptr);
-    EXPECT_EQ(owner.GetControllerQuantity(), 2);
-    EXPECT_EQ(first->GetReferences(), 2);
-    EXPECT_EQ(owner.GetController(1), second.get());
-    EXPECT_EQ(owner.GetController(2), nullptr);
-    owner.DetachController(first);
-    EXPECT_EQ(first->GetReferences(), 1);
-    EXPECT_EQ(owner.GetController(0), second.get());
-    owner.SetControllerQuantity(3);
-    owner.SetController(2, first);
-    EXPECT_EQ(owner.GetController(1), nullptr);
-    EXPECT_EQ(owner.GetController(2), first.get());
-    owner.DetachAllControllers();
-    EXPECT_EQ(owner.GetControllerQuantity(), 0);
-    EXPECT_EQ(first->GetReferences(), 1);
-    EXPECT_EQ(second->GetReferences(), 1);
-}
-
 TEST(Object, ObjectPartIsNameLengthNameBytesThenId)
 {
     kx::kxObject unnamed;

@@ -121,21 +121,6 @@ TEST(CancelInterface, AdditionalSourceIsConsultedLastAndNeverWritten)
     EXPECT_FALSE(readOnly.shouldCancel());
 }
 
-TEST(CancelInterface, ProxiesAreUsableThroughTheirInterfaces)
-{
-    kx::kxCancelInterfaceProxy writable;
-    kx::kxCancelInterface& asWritable = writable;
-    const kx::kxCancelInterfaceReadOnly& asReadOnly = writable;
-    EXPECT_FALSE(asReadOnly.shouldCancel());
-    asWritable.cancel();
-    EXPECT_TRUE(asReadOnly.shouldCancel());
-
-    kx::kxCancelInterfaceReadOnly* owned = new kx::kxCancelInterfaceProxyReadOnly(nullptr, &writable);
-    EXPECT_TRUE(owned->shouldCancel());
-    delete owned; // through the base: must not touch the parent
-    EXPECT_TRUE(writable.shouldCancel());
-}
-
 TEST(CancelInterface, ACancelFromAnotherThreadIsSeenByThePollingThread)
 {
     kx::kxCancelInterfaceProxy root;
