@@ -1,9 +1,9 @@
 #include "kxCapturingLog.h"
 #include "kxLogObject.h"
+#include "kxStandardOutputCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <iostream>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -12,19 +12,6 @@
 
 namespace
 {
-// Redirects std::cout into a string for its lifetime.
-class StandardOutputCapture
-{
-public:
-    StandardOutputCapture() : mPrevious(std::cout.rdbuf(mBuffer.rdbuf())) {}
-    ~StandardOutputCapture() { std::cout.rdbuf(mPrevious); }
-    std::string text() const { return mBuffer.str(); }
-
-private:
-    std::ostringstream mBuffer;
-    std::streambuf* mPrevious;
-};
-
 std::vector<std::pair<kx::kxLog::LogEntry, bool>> gSystemLog;
 
 // Stands in for syslog(3) while alive.
@@ -77,7 +64,7 @@ TEST(LogObject, LineReachesTheInstanceWithEveryFieldFilled)
     ASSERT_EQ(kx::kxLog::msInstance, nullptr);
     kx::kxCapturingLog log;
     log.install();
-    StandardOutputCapture out;
+    kxStandardOutputCapture out;
     const uint64_t before = kx::kxSystemUtils::GetMSecElapsedSinceEpoch();
     {
         kx::kxLogObject line(1);
@@ -138,7 +125,7 @@ TEST(LogObject, DisabledLineFormatsNothingAndEmitsNothing)
         log.install();
         log.setLevelEnabled(4, false);
         SystemLogCapture systemLog;
-        StandardOutputCapture out;
+        kxStandardOutputCapture out;
         {
             kx::kxLogObject line(4);
             line.setCategory("bvh");
@@ -153,7 +140,7 @@ TEST(LogObject, DisabledLineFormatsNothingAndEmitsNothing)
     {
         // Level 6 is disabled without any log instance too.
         ASSERT_EQ(kx::kxLog::msInstance, nullptr);
-        StandardOutputCapture out;
+        kxStandardOutputCapture out;
         kx::kxLogObject(6) << Expensive{&formatted};
         EXPECT_EQ(out.text(), "");
     }
@@ -164,7 +151,7 @@ TEST(LogObject, WithoutAnInstanceTheLineGoesToStandardOutput)
 {
     ASSERT_EQ(kx::kxLog::msInstance, nullptr);
     int formatted = 0;
-    StandardOutputCapture out;
+    kxStandardOutputCapture out;
     const uint64_t before = kx::kxSystemUtils::GetMSecElapsedSinceEpoch();
     {
         kx::kxLogObject line(3);
@@ -191,7 +178,7 @@ TEST(LogObject, WithoutAnInstanceTheLineGoesToStandardOutput)
 TEST(LogObject, SystemLogTextSendsTheLineToTheSystemLogAndTheInstance)
 {
     SystemLogCapture systemLog;
-    StandardOutputCapture out;
+    kxStandardOutputCapture out;
     {
         kx::kxCapturingLog log;
         log.install();
@@ -234,7 +221,7 @@ TEST(LogObject, SystemLogTextSendsTheLineToTheSystemLogAndTheInstance)
 TEST(LogObject, EmptyMessagesAreDropped)
 {
     SystemLogCapture systemLog;
-    StandardOutputCapture out;
+    kxStandardOutputCapture out;
     {
         kx::kxCapturingLog log;
         log.install();
