@@ -23,7 +23,10 @@
 #include "kxCancelInterface.h"
 #include "kxCommonAddOnsVersion.h"
 #include "kxGenericBVH.h"
+#include "kxGenericTransformation.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"
+#include "kxQBVH.h"
+#include "kxTSharedArray.h"
 
 #endif
