@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <utility>
 
 namespace kxLinearBVH
 {
@@ -32,28 +33,31 @@ constexpr std::array<uint8_t, 64> makeHighestBitTable64()
 constexpr std::array<uint8_t, 32> kHighestBitTable32 = makeHighestBitTable32();
 constexpr std::array<uint8_t, 64> kHighestBitTable64 = makeHighestBitTable64();
 
-/// Index of the highest set bit; x must not be 0.
-inline unsigned highestBit(uint32_t x)
+template <typename Word, unsigned... Step>
+inline Word smearRight(Word x, std::integer_sequence<unsigned, Step...>)
 {
-    x |= x >> 1;
-    x |= x >> 2;
-    x |= x >> 4;
-    x |= x >> 8;
-    x |= x >> 16;
-    return kHighestBitTable32[(x * kDeBruijn32) >> 27];
+    ((x |= x >> (1u << Step)), ...);
+    return x;
 }
 
-/// Index of the highest set bit; x must not be 0.
+/// Sets every bit below the highest set bit: shifts by 1, 2, 4, ... up to half the word.
+template <typename Word>
+inline Word smearRight(Word x)
+{
+    return smearRight(x, std::make_integer_sequence<unsigned, sizeof(Word) == 8 ? 6 : 5>());
+}
+
+/// Index of the highest set bit, without a loop over bits; x must not be 0.
+inline unsigned highestBit(uint32_t x)
+{
+    return kHighestBitTable32[(smearRight(x) * kDeBruijn32) >> 27];
+}
+
+/// Index of the highest set bit, without a loop over bits; x must not be 0.
 inline unsigned highestBit(uint64_t x)
 {
-    x |= x >> 1;
-    x |= x >> 2;
-    x |= x >> 4;
-    x |= x >> 8;
-    x |= x >> 16;
-    x |= x >> 32;
-    x ^= x >> 1;
-    return kHighestBitTable64[(x * kDeBruijn64) >> 58];
+    x = smearRight(x);
+    return kHighestBitTable64[((x ^ (x >> 1)) * kDeBruijn64) >> 58];
 }
 } // namespace kxLinearBVH
 
