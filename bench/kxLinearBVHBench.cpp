@@ -199,42 +199,60 @@ public:
         {
             const bool single = run.run_type == Run::RT_Iteration;
             const bool fastest = run.run_type == Run::RT_Aggregate && run.aggregate_name == "min";
-            if (!run.error_occurred && (single || fastest))
-                mMilliseconds[run.run_name.str()] = std::min(time(run.run_name.str()), run.GetAdjustedCPUTime());
+            if (run.error_occurred || !(single || fastest))
+                continue;
+            Result& result = mResults[run.run_name.str()];
+            result.milliseconds = std::min(result.milliseconds, run.GetAdjustedCPUTime());
+            const auto peak = run.counters.find("peak_MiB");
+            if (peak != run.counters.end())
+                result.peakMiB = peak->second.value;
         }
     }
 
     void Finalize() override
     {
         ConsoleReporter::Finalize();
-        std::printf("\n%-6s %14s %14s %14s %22s %22s\n", "mesh", "build ms", "mesh+build ms", "Embree ms",
-                    "Embree/build speedup", "Embree/mesh+build");
+        std::printf("\n%-5s | %-26s | %-26s | %-26s | %s\n", "mesh", "build (ms, Mtri/s, MiB)",
+                    "mesh+build (ms, Mtri/s, MiB)", "Embree (ms, Mtri/s, MiB)", "Embree time / ours");
         for (const Size& size : kSizes)
         {
-            const double build = time("linear_build/", size), fromMesh = time("linear_from_mesh/", size);
-            const double embree = time("embree_low/", size);
-            if (build <= 0.0 || fromMesh <= 0.0)
+            const Result* build = find("linear_build/", size);
+            const Result* fromMesh = find("linear_from_mesh/", size);
+            const Result* embree = find("embree_low/", size);
+            if (!build || !fromMesh)
                 continue;
-            std::printf("%-6s %14.2f %14.2f %14.2f", size.label, build, fromMesh, embree);
-            if (embree > 0.0)
-                std::printf(" %21.2fx %21.2fx", embree / build, embree / fromMesh);
+            const double triangles = triangleCount(meshOf(size.triangles));
+            std::printf("%-5s | %s | %s | %s |", size.label, describe(*build, triangles).c_str(),
+                        describe(*fromMesh, triangles).c_str(), embree ? describe(*embree, triangles).c_str() : "-");
+            if (embree)
+                std::printf(" build %.2fx, mesh+build %.2fx", embree->milliseconds / build->milliseconds,
+                            embree->milliseconds / fromMesh->milliseconds);
             std::printf("\n");
         }
     }
 
 private:
-    double time(const std::string& name) const
+    struct Result
     {
-        const auto found = mMilliseconds.find(name);
-        return found == mMilliseconds.end() ? 1e300 : found->second;
-    }
-    double time(const std::string& prefix, const Size& size) const
+        double milliseconds = 1e300;
+        double peakMiB = 0.0;
+    };
+
+    const Result* find(const std::string& prefix, const Size& size) const
     {
-        const double t = time(prefix + size.label);
-        return t < 1e300 ? t : 0.0;
+        const auto found = mResults.find(prefix + size.label);
+        return found == mResults.end() ? nullptr : &found->second;
     }
 
-    std::map<std::string, double> mMilliseconds;
+    static std::string describe(const Result& result, double triangles)
+    {
+        char text[64];
+        std::snprintf(text, sizeof(text), "%8.2f %6.2f %8.1f", result.milliseconds,
+                      triangles / result.milliseconds / 1000.0, result.peakMiB);
+        return text;
+    }
+
+    std::map<std::string, Result> mResults;
 };
 } // namespace
 

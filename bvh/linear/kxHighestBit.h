@@ -44,7 +44,7 @@ inline Word smearRight(Word x, std::integer_sequence<unsigned, Step...>)
 template <typename Word>
 inline Word smearRight(Word x)
 {
-    return smearRight(x, std::make_integer_sequence<unsigned, sizeof(Word) == 8 ? 6 : 5>());
+    return smearRight(x, std::make_integer_sequence < unsigned, sizeof(Word) == 8 ? 6 : 5 > ());
 }
 
 /// Index of the highest set bit, without a loop over bits; x must not be 0.

@@ -82,7 +82,7 @@ bool buildWithCodes(const Primitives& primitives, kxGenericBVH& bvh, const kx::k
     kxBuildArena arena(workMemory<Code>(primitives.quantity));
     kxEmittedTree tree;
     return emitHierarchy<Code>(primitives, bvh, cancel, bits, arena, tree) &&
-           fuseLeaves(tree, primitives.quantity, maxPrimitivesPerLeaf, arena, cancel, nodes) &&
+           fuseLeaves(tree, maxPrimitivesPerLeaf, arena, cancel, nodes) &&
            refit(tree, nodes, primitives.container, primitives.indexes, primitives.quantity, cancel);
 }
 } // namespace

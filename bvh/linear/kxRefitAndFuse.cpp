@@ -86,8 +86,8 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
         kxNodeWords words = records[record];
         if (isLeaf(words))
         {
-            if (words.count > 0)
-                tree.leafAt[words.offset & kxGNode::eIndexMask] = {static_cast<uint32_t>(nodes.size()), words.count};
+            const uint32_t first = words.offset & kxGNode::eIndexMask;
+            std::fill(tree.leafAt + first, tree.leafAt + first + words.count, static_cast<uint32_t>(nodes.size()));
         }
         else
         {
@@ -173,13 +173,14 @@ inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 }
 } // namespace
 
-bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
+bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
                 const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
 {
     tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
-    tree.leafAt = arena.allocate<kxLeafSpan>(quantity);
     if (!markSurvivors(tree, maxPrimitivesPerLeaf, cancel) || cancelled(cancel))
         return false;
+    tree.leafAt = tree.parentOfPair;
+    tree.parentOfPair = nullptr;
     rankSurvivingPairs(tree);
     copySurvivors(tree, nodes);
     return !cancelled(cancel);
@@ -192,30 +193,24 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
     // The only leaf without primitives is the root of an empty tree; its box stays empty.
     if (quantity == 0)
         return !cancelled(cancel);
-    const kxLeafSpan* leafAt = tree.leafAt;
+    const uint32_t* leafAt = tree.leafAt;
     kxBoxStream boxes(container, primitiveIndexes, quantity);
-    uint32_t ahead = 0;
-    for (unsigned i = 0; i < kPrefetchDistance && ahead < quantity; ++i)
-        ahead += leafAt[ahead].count;
     for (uint32_t position = 0; position < quantity;)
     {
-        if (ahead < quantity)
-        {
-            prefetchForWrite(nodes.data() + leafAt[ahead].record);
-            ahead += leafAt[ahead].count;
-        }
+        if (position + kPrefetchDistance < quantity)
+            prefetchForWrite(nodes.data() + leafAt[position + kPrefetchDistance]);
         if (cancelled(cancel))
             return false;
-        const kxLeafSpan leaf = leafAt[position];
+        kxGNode& node = nodes[leafAt[position]];
         kxBBox box;
-        for (uint32_t i = 0; i < leaf.count; ++i)
+        for (uint32_t i = 0; i < node.count; ++i)
         {
             box.extend(boxes.next());
             if (cancelled(cancel))
                 return false;
         }
-        storeBox(nodes[leaf.record].bbox, box);
-        position += leaf.count;
+        storeBox(node.bbox, box);
+        position += node.count;
     }
     for (size_t k = nodes.size(); k-- > 0;)
     {

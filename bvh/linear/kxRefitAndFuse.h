@@ -24,7 +24,7 @@ namespace kxLinearBVH
 /// copies the surviving records, renumbered contiguously in their old order, into nodes
 /// (exactly sized, boxes empty). Polls on every emitted record, after the count and after
 /// renumbering; false when cancelled.
-bool fuseLeaves(kxEmittedTree& tree, uint32_t quantity, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
+bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
                 const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes);
 
 /// Gives every record of the fused tree its box: a leaf the union of its primitives' boxes

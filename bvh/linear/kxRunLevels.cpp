@@ -22,8 +22,7 @@ size_t kxEmittedTree::footprint(uint32_t quantity)
 {
     const size_t leaves = quantity > 0 ? quantity : 1u;
     return kxBuildArena::footprint(2u * leaves * sizeof(kxNodeWords)) +
-           kxBuildArena::footprint((leaves - 1u) * sizeof(uint32_t)) +
-           kxBuildArena::footprint(leaves * sizeof(uint32_t)) + kxBuildArena::footprint(quantity * sizeof(kxLeafSpan));
+           kxBuildArena::footprint(quantity * sizeof(uint32_t)) + kxBuildArena::footprint(leaves * sizeof(uint32_t));
 }
 
 kxRunLevels::kxRunLevels(unsigned levels, uint32_t quantity, kxBuildArena& arena)
@@ -78,7 +77,8 @@ bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCan
 {
     tree.leafCount = distinctCodes();
     tree.records = arena.allocate<kxNodeWords>(2u * tree.leafCount);
-    tree.parentOfPair = arena.allocate<uint32_t>(tree.leafCount - 1u);
+    // There are fewer pairs than primitives: the room is sized for the leaf table.
+    tree.parentOfPair = arena.allocate<uint32_t>(mQuantity);
     kxNodeWords* records = tree.records;
     uint32_t* parentOfPair = tree.parentOfPair;
 

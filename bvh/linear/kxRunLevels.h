@@ -16,13 +16,6 @@ struct kxNodeWords
     uint32_t count;
 };
 
-/// A leaf of the fused tree: its record and its number of primitives.
-struct kxLeafSpan
-{
-    uint32_t record;
-    uint32_t count;
-};
-
 /// An emitted hierarchy on its way into a kxGenericBVH, and how its records hang together
 /// for the passes that follow emission. Records 0 .. 2 * leafCount - 2 are the tree; the
 /// last record is a spare that is never written. Child pairs are numbered in allocation
@@ -31,14 +24,14 @@ struct kxLeafSpan
 struct kxEmittedTree
 {
     uint64_t leafCount = 0;
-    kxNodeWords* records = nullptr;   // 2 * leafCount
-    uint32_t* parentOfPair = nullptr; // leafCount - 1 entries
+    kxNodeWords* records = nullptr; // 2 * leafCount
+    // leafCount - 1 entries, in room for one per primitive. Once fusing has decided, the
+    // room holds instead the number of the fused tree's leaf at each position (leafAt).
+    uint32_t* parentOfPair = nullptr;
+    uint32_t* leafAt = nullptr;
     // Filled by fusing, leafCount entries: entry q is the number of child pairs before
     // pair q that survive, and pair q survives when entries q and q + 1 differ.
     uint32_t* pairRank = nullptr;
-    // Filled by fusing: the leaf of the fused tree that starts at a position; the entries
-    // of positions where no leaf starts are not written.
-    kxLeafSpan* leafAt = nullptr;
 
     /// The arena space of a tree over quantity primitives, at most.
     static size_t footprint(uint32_t quantity);
