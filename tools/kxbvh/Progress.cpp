@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace kxbvh
@@ -68,9 +69,13 @@ void Progress::draw()
         std::chrono::duration<double>(std::chrono::steady_clock::now() - mStart).count();
     if (mTotal == 0)
     {
-        // Time turns the spinner even when the work reports nothing for a while.
-        const uint64_t frame = mTicks.load(std::memory_order_relaxed) + static_cast<uint64_t>(seconds * 10.0);
-        std::fprintf(stderr, "\r\033[K%s %s  %.1f s", kSpinner[frame % kSpinnerFrames], mLabel.c_str(), seconds);
+        // Work that reports activity turns the spinner only while it does, so a stall shows;
+        // work that never reports turns it with time.
+        const uint64_t ticks = mTicks.load(std::memory_order_relaxed);
+        if (ticks == 0 || ticks != mLastTicks)
+            ++mFrame;
+        mLastTicks = ticks;
+        std::fprintf(stderr, "\r\033[K%s %s  %.1f s", kSpinner[mFrame % kSpinnerFrames], mLabel.c_str(), seconds);
     }
     else
     {

@@ -46,6 +46,8 @@ private:
     uint64_t mTotal;
     std::atomic<uint64_t> mDone{0};
     mutable std::atomic<uint64_t> mTicks{0};
+    uint64_t mLastTicks = 0;  // drawing thread only
+    uint64_t mFrame = 0;
     std::chrono::steady_clock::time_point mStart;
     bool mVisible;
     bool mStop = false;
