@@ -95,6 +95,8 @@ private:
     uint32_t mSectionZ;
     const kxBVHCostFunctor* mCost;
     kxDefaultSAH mDefaultCost;
+    // Keys travel with the permutation so that every radix pass reads them in order.
+    std::vector<float> mMedianKeyScratch;
 };
 
 #endif

@@ -1,4 +1,5 @@
 #include "kxGenericBVHBuilder.h"
+#include "kxSAHInternal.h"
 
 #include <utility>
 
@@ -57,6 +58,7 @@ void kxGenericBVHBuilder::prepare(const kxLinearGenericBVHBuilder::tPrimitiveCon
     mMedianPermutation.resize(n);
     mMedianScratch.resize(n);
     mMedianKeys.resize(n);
+    mMedianKeyScratch.resize(n);
     mBinCounts.resize(3u * mBinCount);
     mLeftBoxes.resize(3u * mBinCount);
     mRightBoxes.resize(3u * mBinCount);
@@ -78,6 +80,7 @@ void kxGenericBVHBuilder::build(const kxLinearGenericBVHBuilder::tPrimitiveConta
     release(mMedianPermutation);
     release(mMedianScratch);
     release(mMedianKeys);
+    release(mMedianKeyScratch);
 }
 
 void kxGenericBVHBuilder::makeLeaf(kxGNode& node, unsigned int start, unsigned int count) const
@@ -126,13 +129,13 @@ void kxGenericBVHBuilder::splitNode(unsigned int node, kxGenericBVH& bvh, unsign
         const float c = (box.min[a] + box.max[a]) * 0.5f;
         if (pos >= c)
         {
-            left.extend(box);
+            kx::detail::grow(left, box);
             ++front;
         }
         else
         {
             // The entry brought in from the back is examined next.
-            right.extend(box);
+            kx::detail::grow(right, box);
             std::swap(mIndices[front], mIndices[back]);
             --back;
         }

@@ -44,9 +44,12 @@ void kxGenericBVHBuilder::radixSortKeys(unsigned int n)
     for (unsigned int i = 0; i < n; ++i)
         mMedianPermutation[i] = i;
 
-    // Four passes, so the result lands back in the permutation array.
+    // Four passes, so the result lands back in the permutation array (and the keys, now
+    // sorted, back in the key array).
     uint32_t* source = mMedianPermutation.data();
     uint32_t* destination = mMedianScratch.data();
+    float* sourceKeys = mMedianKeys.data();
+    float* destinationKeys = mMedianKeyScratch.data();
     for (int pass = 0; pass < 4; ++pass)
     {
         const int shift = 8 * pass;
@@ -60,9 +63,12 @@ void kxGenericBVHBuilder::radixSortKeys(unsigned int n)
         }
         for (unsigned int i = 0; i < n; ++i)
         {
-            const uint32_t e = source[i];
-            destination[offset[(keyBits(mMedianKeys[e]) >> shift) & 0xFFu]++] = e;
+            const uint32_t k = keyBits(sourceKeys[i]);
+            const uint32_t slot = offset[(k >> shift) & 0xFFu]++;
+            std::memcpy(&destinationKeys[slot], &k, sizeof k);
+            destination[slot] = source[i];
         }
         std::swap(source, destination);
+        std::swap(sourceKeys, destinationKeys);
     }
 }

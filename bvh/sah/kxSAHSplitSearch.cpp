@@ -1,21 +1,8 @@
 #include "kxGenericBVHBuilder.h"
+#include "kxSAHInternal.h"
 
 #include <algorithm>
 #include <limits>
-
-namespace
-{
-// Truncation toward zero to 64 bits, low 32 bits kept. NaN and out-of-range values give
-// the integer indefinite 0x8000000000000000, whose low half is 0: an axis of zero extent
-// (0 * infinity) puts everything in bin 0.
-inline uint32_t truncateToLow32(float v)
-{
-    constexpr float kTwo63 = 9223372036854775808.0f;
-    if (v >= -kTwo63 && v < kTwo63)
-        return static_cast<uint32_t>(static_cast<uint64_t>(static_cast<int64_t>(v)));
-    return 0u;
-}
-} // namespace
 
 void kxGenericBVHBuilder::computeBinning(const kxGNode& node, unsigned int start, unsigned int count)
 {
@@ -31,13 +18,14 @@ void kxGenericBVHBuilder::computeBinning(const kxGNode& node, unsigned int start
     for (unsigned int p = start; p < start + count; ++p)
     {
         const kxBBox& b = mPrimitiveBoxes[mIndices[p]];
+#pragma GCC unroll 3
         for (int a = 0; a < 3; ++a)
         {
             const float c = (b.min[a] + b.max[a]) * 0.5f;
-            const uint32_t j = std::min(bins - 1u, truncateToLow32((c - node.bbox.min[a]) * scale[a]));
+            const uint32_t j = std::min(bins - 1u, kx::detail::truncateToLow32((c - node.bbox.min[a]) * scale[a]));
             const uint32_t e = section[a] + j;
             ++mBinCounts[e];
-            mLeftBoxes[e].extend(b);
+            kx::detail::grow(mLeftBoxes[e], b);
         }
     }
     // Left and right boxes of a bin receive the same boxes in the same order.
@@ -50,8 +38,8 @@ void kxGenericBVHBuilder::computeBinning(const kxGNode& node, unsigned int start
         for (uint32_t s : section)
         {
             mBinCounts[s + j] += mBinCounts[s + j - 1];
-            mLeftBoxes[s + j].extend(mLeftBoxes[s + j - 1]);
-            mRightBoxes[s + bins - 1 - j].extend(mRightBoxes[s + bins - j]);
+            kx::detail::grow(mLeftBoxes[s + j], mLeftBoxes[s + j - 1]);
+            kx::detail::grow(mRightBoxes[s + bins - 1 - j], mRightBoxes[s + bins - j]);
         }
     }
 }
