@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
 
 namespace
 {
@@ -198,41 +197,6 @@ TEST(GenericBVHBuilder, PrepareAndManualDriveEqualBuild)
         EXPECT_EQ(built.mNodes[k].offset, manual.mNodes[k].offset);
         EXPECT_EQ(built.mNodes[k].count, manual.mNodes[k].count);
     }
-}
-
-TEST(GenericBVHBuilder, CentroidOnThePlaneGoesLeft)
-{
-    std::vector<kxBBox> boxes;
-    for (int k = 0; k < 40; ++k)
-        boxes.push_back(kxBBox(Wm4::Vector3<float>(0, float(k), 0), Wm4::Vector3<float>(1, float(k) + 2, 1)));
-    const kxtest::BoxContainer container(boxes);
-    kxGenericBVHBuilder builder;
-    kxGenericBVH bvh;
-    builder.prepare(container, bvh);
-    // Primitive 20 has its centroid at y = 21.
-    builder.splitNode(0, bvh, 0, 40, kxBBox::eAxisY, 21.0f, 0);
-    const kxGNode& left = bvh.mNodes[1];
-    EXPECT_EQ(bvh.mNodes[0].offset, 1u | kxBBox::eAxisY);
-    uint32_t total = 0;
-    bool found = false;
-    std::function<void(uint32_t)> collect = [&](uint32_t node) {
-        const kxGNode& n = bvh.mNodes[node];
-        if (n.offset < kxGNode::eLeafMark)
-        {
-            collect(n.offset & kxGNode::eIndexMask);
-            collect(n.count);
-            return;
-        }
-        for (uint32_t p = 0; p < n.count; ++p)
-        {
-            found |= builder.getWorkingIndices()[(n.offset & kxGNode::eIndexMask) + p] == 20;
-            ++total;
-        }
-    };
-    collect(1);
-    EXPECT_TRUE(found);
-    EXPECT_EQ(total, 21u);
-    EXPECT_EQ(left.bbox.max[1], 22.0f);
 }
 
 // Prices only the primitive count, so no binned split ever beats a leaf.

@@ -115,51 +115,6 @@ TEST(SAHSplitSearch, BinsAndChosenPlaneMatchBruteForceOverEveryCandidate)
     EXPECT_GT(leaves, 50);
 }
 
-// Points mirrored across x = y (and x = z) on an integer lattice make every x plane cost
-// exactly what the matching y plane costs: the earlier axis must win.
-TEST(SAHSplitSearch, EqualCostsKeepTheEarlierAxisAndLowerBin)
-{
-    struct Swap
-    {
-        int a, b;
-        kxBBox::tAxis winner;
-    };
-    const Swap swaps[] = {{0, 1, kxBBox::eAxisX}, {0, 2, kxBBox::eAxisX}, {1, 2, kxBBox::eAxisY}};
-    std::mt19937 rng(7);
-    for (const Swap& s : swaps)
-    {
-        for (int round = 0; round < 20; ++round)
-        {
-            std::vector<kxBBox> boxes;
-            std::uniform_int_distribution<int> coordinate(0, 8);
-            for (int k = 0; k < 20; ++k)
-            {
-                float c[3] = {float(coordinate(rng)), float(coordinate(rng)), float(coordinate(rng))};
-                // The third axis is kept flat so that it never offers the cheapest plane.
-                c[3 - s.a - s.b] = 0.0f;
-                kxBBox b(Wm4::Vector3<float>(c[0], c[1], c[2]), Wm4::Vector3<float>(c[0], c[1], c[2]));
-                boxes.push_back(b);
-                std::swap(c[s.a], c[s.b]);
-                boxes.push_back(kxBBox(Wm4::Vector3<float>(c[0], c[1], c[2]), Wm4::Vector3<float>(c[0], c[1], c[2])));
-            }
-            const kxtest::BoxContainer container(boxes);
-            kxGenericBVHBuilder builder(8);
-            kxGenericBVH bvh;
-            builder.prepare(container, bvh);
-            const kxGNode root = bvh.mNodes[0];
-            builder.computeBinning(root, 0, container.getQuantity());
-            kxBBox::tAxis axis;
-            float pos;
-            if (!builder.findSplitPlane(root, container.getQuantity(), axis, pos))
-                continue;
-            EXPECT_EQ(axis, s.winner);
-            const kxtest::PlaneChoice expected =
-                kxtest::bruteForcePlane(boxes, builder.getWorkingIndices(), root.bbox, 8, kxDefaultSAH());
-            EXPECT_EQ(pos, expected.pos);
-        }
-    }
-}
-
 TEST(SAHSplitSearch, SplitCostingExactlyTheLeafCostIsRejected)
 {
     // The only finite candidate, three boxes either side of an x plane, costs 12 + 12:
