@@ -27,5 +27,6 @@
 #include "kxGenericBVHBuilder.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"
+#include "kxTSharedArray.h"
 
 #endif
