@@ -1,7 +1,7 @@
 // SAH build throughput (triangles per second, CPU time: the machine may be shared)
 // beside Embree's single-threaded medium-quality builds, with the ratios printed at the
 // end of the run.
-#include "kxProceduralMesh.h"
+#include "kxBenchMeshes.h"
 
 #include <kxBVHContainers.h>
 #include <kxGenericBVHBuilder.h>
@@ -28,7 +28,7 @@ const kx::kxTriMesh& meshOf(int64_t triangles)
     static std::map<int64_t, kx::kxPointer<kx::kxTriMesh>> meshes;
     auto& mesh = meshes[triangles];
     if (!mesh)
-        mesh = kxbench::makeProceduralMesh(static_cast<uint32_t>(triangles));
+        mesh = kxBench::makeBumpyTorus(static_cast<uint32_t>(triangles));
     return *mesh;
 }
 

@@ -25,8 +25,10 @@
 #include "kxGenericBVH.h"
 #include "kxGenericBVH2D.h"
 #include "kxGenericBVHBuilder.h"
+#include "kxGenericTransformation.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"
+#include "kxQBVH.h"
 #include "kxTSharedArray.h"
 
 #endif

@@ -42,6 +42,8 @@ public:
                const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits);
 
 private:
+    void gatherPrimitives(const tPrimitiveContainerInterface& container);
+
     std::vector<uint32_t> mPrimitiveIndexes;
     kxBBox mSceneBox;
     uint32_t mQuantity;

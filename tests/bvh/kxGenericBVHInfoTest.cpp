@@ -1,4 +1,4 @@
-#include "kxCaptureStdout.h"
+#include "kxStandardOutputCapture.h"
 #include "kxGenericBVH.h"
 #include "kxGenericBVHBuilder.h"
 #include "kxRandomGeometry.h"
@@ -24,7 +24,7 @@ TEST(GenericBVHInfo, PrintNodeWritesEachNodeIndentedByItsDepth)
     small.mPrimitiveIndices = {0, 1, 2};
     small.mNodeCount = 3;
     {
-        kxtest::CaptureStdout out;
+        kxStandardOutputCapture out;
         small.printNode(0, 0);
         EXPECT_EQ(out.text(), "N ID 0 (0,0,0)(2,1,1)\n"
                               "|L ID 1 (0,0,0)(1,1,1)\n"
@@ -33,7 +33,7 @@ TEST(GenericBVHInfo, PrintNodeWritesEachNodeIndentedByItsDepth)
                               "|2 \n");
     }
     {
-        kxtest::CaptureStdout out;
+        kxStandardOutputCapture out;
         small.printNode(2, 0);
         EXPECT_EQ(out.text(), "L ID 2 (1,0,0)(2,1,1)\n2 \n");
     }
@@ -47,7 +47,7 @@ TEST(GenericBVHInfo, PrintNodeWritesEachNodeIndentedByItsDepth)
                      {kxBBox(), 0xC0000003u, 0u}};
     deeper.mPrimitiveIndices = {7, 3, 5, 1, 0};
     deeper.mNodeCount = 5;
-    kxtest::CaptureStdout out;
+    kxStandardOutputCapture out;
     deeper.printNode(0, 1);
     EXPECT_EQ(out.text(), "|N ID 0 (0,0,0)(4,2.5,1)\n"
                           "||N ID 1 (0,0,0)(2,2.5,1)\n"
@@ -66,7 +66,7 @@ TEST(GenericBVHInfo, SummaryPutsNumbersBeforeTheirLabelAndTheLevelOnStandardOutp
     leaf.mPrimitiveIndices = {0, 1, 2, 3, 4};
     leaf.mNodeCount = 1;
     std::ostringstream os;
-    kxtest::CaptureStdout out;
+    kxStandardOutputCapture out;
     os << leaf;
     EXPECT_EQ(os.str(), "1 nodes. 1(5,1,5) leaves (max, min, avg):");
     EXPECT_EQ(out.text(), "max at lvl:0\n");
@@ -163,7 +163,7 @@ TEST(GenericBVHInfo, StatisticsMatchAnIndependentWalk)
         const Reference ref = referenceStatistics(bvh, 0, 0, int(bvh.mNodeCount));
         int nodes, leaves, minLeaf, maxLeaf;
         float avg;
-        kxtest::CaptureStdout out;
+        kxStandardOutputCapture out;
         bvh.getBVHInfo(nodes, leaves, minLeaf, maxLeaf, avg);
         EXPECT_EQ(out.text(), "max at lvl:" + std::to_string(ref.maxLevel) + "\n");
         EXPECT_EQ(nodes, int(bvh.mNodeCount));

@@ -1,4 +1,4 @@
-#include "kxCaptureStdout.h"
+#include "kxStandardOutputCapture.h"
 #include "kxGenericBVH2D.h"
 
 #include <gtest/gtest.h>
@@ -168,7 +168,7 @@ TEST(GenericBVH2D, LinearBuilderKeepsEveryTreeInvariant)
 
                 int nodes, leaves, minLeaf, maxLeaf;
                 float avg;
-                kxtest::CaptureStdout out;
+                kxStandardOutputCapture out;
                 bvh.getBVHInfo(nodes, leaves, minLeaf, maxLeaf, avg);
                 EXPECT_EQ(out.text(), "");
                 EXPECT_EQ(nodes, int(bvh.mNodeCount));

@@ -3,6 +3,7 @@
 
 #include "kxBBox.h"
 #include "kxLinearGenericBVHBuilder.h"
+#include "kxTestMeshes.h"
 #include "kxTriMesh.h"
 
 #include <cstdint>
@@ -90,19 +91,15 @@ inline kx::kxPointer<kx::kxTriMesh> randomTriangleMesh(uint32_t seed, uint32_t n
 {
     std::mt19937 rng(seed);
     const auto clusters = randomClusters(rng);
-    auto* vertices = new kx::kxVertexBuffer(static_cast<int>(3 * n));
-    auto* indices = new kx::kxIndexBuffer(static_cast<int>(3 * n));
-    Wm4::Vector3<float> corner[3];
+    std::vector<Wm4::Vector3<float>> positions(3 * size_t(n));
+    std::vector<unsigned int> indices(3 * size_t(n));
     for (uint32_t t = 0; t < n; ++t)
     {
-        randomTriangle(rng, layout, clusters, corner);
+        randomTriangle(rng, layout, clusters, &positions[3 * size_t(t)]);
         for (uint32_t k = 0; k < 3; ++k)
-        {
-            vertices->Position3(static_cast<int>(3 * t + k)) = corner[k];
-            indices->GetData()[3 * t + k] = 3 * t + k;
-        }
+            indices[3 * t + k] = 3 * t + k;
     }
-    return kx::kxPointer<kx::kxTriMesh>(new kx::kxTriMesh(vertices, indices));
+    return makeMesh(positions, indices);
 }
 
 /// Boxes of n random triangles.

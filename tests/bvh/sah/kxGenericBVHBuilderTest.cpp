@@ -1,5 +1,5 @@
 #include "kxBVHInvariants.h"
-#include "kxCaptureStdout.h"
+#include "kxStandardOutputCapture.h"
 #include "kxGenericBVHBuilder.h"
 #include "kxRandomGeometry.h"
 #include "kxSAHReference.h"
@@ -116,7 +116,7 @@ TEST(GenericBVHBuilder, IdenticalCentroidsMakeAMedianChainThatEndsAtDepth32)
 
     int nodes, leaves, minLeaf, maxLeaf;
     float avg;
-    kxtest::CaptureStdout out;
+    kxStandardOutputCapture out;
     bvh.getBVHInfo(nodes, leaves, minLeaf, maxLeaf, avg);
     EXPECT_EQ(out.text(), "max at lvl:32\n");
     EXPECT_EQ(nodes, 65);

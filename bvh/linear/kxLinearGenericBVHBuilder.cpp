@@ -1,0 +1,137 @@
+#include "kxLinearGenericBVHBuilder.h"
+
+#include "../kxHugePages.h"
+#include "kxLinearBuildSupport.h"
+#include "kxMortonCodes.h"
+#include "kxRadixSort.h"
+#include "kxRefitAndFuse.h"
+#include "kxRunLevels.h"
+
+#include <algorithm>
+
+using namespace kxLinearBVH;
+
+namespace
+{
+constexpr unsigned kMaxAxisBits = 21;
+
+struct Primitives
+{
+    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container;
+    const kxBBox& sceneBox;
+    uint32_t* indexes;
+    uint32_t quantity;
+};
+
+// The run levels lie at the bottom of the arena, below first the codes and the sort's
+// partners and then, in the same space, the emitted tree.
+template <typename Code>
+size_t workMemory(uint32_t quantity)
+{
+    const size_t sorting = kxBuildArena::footprint(quantity * sizeof(Code)) + radixSortFootprint<Code>(quantity);
+    return kxRunLevels::footprint(quantity) + std::max(sorting, kxEmittedTree::footprint(quantity));
+}
+
+// Codes, sort and run counting; the codes die here. False when cancelled.
+template <typename Code>
+bool sortAndCountRuns(const Primitives& primitives, unsigned axisBits, kxBuildArena& arena,
+                      const kx::kxCancelInterfaceReadOnly* cancel, kxRunLevels& runs)
+{
+    const size_t top = arena.top();
+    Code* codes = arena.allocate<Code>(primitives.quantity);
+    computeMortonCodes(primitives.container, primitives.quantity, kxMortonGrid(primitives.sceneBox, axisBits), codes);
+    if (cancelled(cancel))
+        return false;
+    radixSort(codes, primitives.indexes, primitives.quantity, arena);
+    if (cancelled(cancel))
+        return false;
+    runs.count(codes);
+    arena.release(top);
+    return !cancelled(cancel);
+}
+
+// Sorts the primitives by code and writes the words of the hierarchy's records into the
+// tree. False when cancelled.
+template <typename Code>
+bool emitHierarchy(const Primitives& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
+                   unsigned bits, kxBuildArena& arena, kxEmittedTree& tree)
+{
+    const unsigned axisBits = std::min(bits, kMaxAxisBits);
+    kxRunLevels runs(3 * axisBits, primitives.quantity, arena);
+    const bool counted = sortAndCountRuns<Code>(primitives, axisBits, arena, cancel, runs);
+    // Written even after a cancel, then with nothing allocated.
+    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate "
+                     << humanizedBytes(counted ? runs.workingBufferBytes() : 0u) << "B of working buffer";
+    if (!counted || cancelled(cancel))
+        return false;
+
+    const uint64_t distinct = runs.distinctCodes();
+    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(distinct * 64u) << "B for "
+                     << 2u * distinct << " result nodes";
+    if (!runs.emit(tree, arena, cancel))
+        return false;
+    bvh.mNodeCount = static_cast<uint32_t>(2u * distinct - 1u);
+    return true;
+}
+
+// Emission, fusing and refit over one arena. False when cancelled.
+template <typename Code>
+bool buildWithCodes(const Primitives& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
+                    unsigned bits, uint32_t maxPrimitivesPerLeaf, std::vector<kxGNode>& nodes)
+{
+    kxBuildArena arena(workMemory<Code>(primitives.quantity));
+    kxEmittedTree tree;
+    return emitHierarchy<Code>(primitives, bvh, cancel, bits, arena, tree) &&
+           fuseLeaves(tree, maxPrimitivesPerLeaf, arena, cancel, nodes) &&
+           refit(tree, nodes, primitives.container, primitives.indexes, primitives.quantity, cancel);
+}
+} // namespace
+
+kxLinearGenericBVHBuilder::kxLinearGenericBVHBuilder() : mQuantity(0), mMaxPrimitivesPerLeaf(4) {}
+
+kxLinearGenericBVHBuilder::~kxLinearGenericBVHBuilder() = default;
+
+void kxLinearGenericBVHBuilder::setMaxPrimitivesPerLeaf(unsigned int n)
+{
+    mMaxPrimitivesPerLeaf = std::max(n, 1u);
+}
+
+unsigned int kxLinearGenericBVHBuilder::getMaxPrimitivesPerLeaf() const
+{
+    return mMaxPrimitivesPerLeaf;
+}
+
+bool kxLinearGenericBVHBuilder::build(const tPrimitiveContainerInterface& container, kxGenericBVH& bvh,
+                                      const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits)
+{
+    gatherPrimitives(container);
+    const Primitives primitives{container, mSceneBox, mPrimitiveIndexes.data(), mQuantity};
+    std::vector<kxGNode> nodes;
+    // Coarse grids sort 32-bit keys in half the passes.
+    const bool built = bits <= 10
+                           ? buildWithCodes<uint32_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes)
+                           : buildWithCodes<uint64_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes);
+    if (!built || cancelled(cancel))
+        return false;
+    // Emission sized the records for the emitted ones and a spare.
+    kxBuildLogLine() << "fuse " << uint64_t{bvh.mNodeCount} + 1u << " into " << nodes.size();
+    bvh.mNodes.swap(nodes);
+    bvh.mPrimitiveIndices.swap(mPrimitiveIndexes);
+    bvh.mPrimitiveCount = mQuantity;
+    return !cancelled(cancel);
+}
+
+void kxLinearGenericBVHBuilder::gatherPrimitives(const tPrimitiveContainerInterface& container)
+{
+    mQuantity = container.getQuantity();
+    kxMemory::reserveWithHugePages(mPrimitiveIndexes, mQuantity);
+    mPrimitiveIndexes.resize(mQuantity);
+    mSceneBox = kxBBox();
+    kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(uint64_t{mQuantity} * 4u) << "B for "
+                     << mQuantity << " primitives indexes";
+    for (uint32_t i = 0; i < mQuantity; ++i)
+    {
+        mPrimitiveIndexes[i] = i;
+        mSceneBox.extend(container.getBBox(i));
+    }
+}

@@ -1,0 +1,226 @@
+#include "kxRefitAndFuse.h"
+
+#include "kxLinearBuildSupport.h"
+
+#include "../kxHugePages.h"
+
+#include <algorithm>
+
+namespace kxLinearBVH
+{
+namespace
+{
+template <typename Node>
+inline bool isLeaf(const Node& node)
+{
+    return node.offset >= kxGNode::eLeafMark;
+}
+
+template <typename Node>
+inline uint32_t leftChild(const Node& node)
+{
+    return node.offset & kxGNode::eIndexMask;
+}
+
+template <typename Node>
+inline uint32_t rightChild(const Node& node)
+{
+    return node.count & kxGNode::eRightChildMask;
+}
+
+// Marks every child pair that survives with 1, fusing small subtrees on the way up; the
+// two records of a pair survive or vanish together. Pairs below a pair come after it, so
+// a child that had more than the limit below it is still inner here, and a parent can
+// only fuse when both children are leaves (emitted, or fused just before).
+bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel)
+{
+    kxNodeWords* records = tree.records;
+    uint32_t* survives = tree.pairRank;
+    for (uint64_t pair = tree.leafCount - 1u; pair-- > 0;)
+    {
+        if (pair >= kPrefetchDistance)
+            prefetchForWrite(records + tree.parentOfPair[pair - kPrefetchDistance]);
+        // One poll for each record of the pair.
+        if (cancelled(cancel) || cancelled(cancel))
+            return false;
+        const kxNodeWords left = records[2u * pair + 1u];
+        const kxNodeWords right = records[2u * pair + 2u];
+        const uint64_t sum = static_cast<uint64_t>(left.count) + right.count;
+        const bool fuse = isLeaf(left) && isLeaf(right) && sum <= maxPrimitivesPerLeaf;
+        survives[pair] = fuse ? 0u : 1u;
+        if (!fuse)
+            continue;
+        const uint32_t leftFirst = left.offset & kxGNode::eIndexMask;
+        const uint32_t rightFirst = right.offset & kxGNode::eIndexMask;
+        kxNodeWords& parent = records[tree.parentOfPair[pair]];
+        parent.offset = (leftFirst < rightFirst ? leftFirst : rightFirst) | kxGNode::eLeafMark;
+        parent.count = static_cast<uint32_t>(sum);
+    }
+    return !cancelled(cancel);
+}
+
+// Turns the survival marks into ranks: entry q becomes the number of surviving pairs
+// before pair q, and the last entry their total.
+void rankSurvivingPairs(kxEmittedTree& tree)
+{
+    uint32_t* rank = tree.pairRank;
+    uint32_t sum = 0;
+    for (uint64_t pair = 0; pair < tree.leafCount; ++pair)
+    {
+        const uint32_t survives = pair + 1u < tree.leafCount ? rank[pair] : 0u;
+        rank[pair] = sum;
+        sum += survives;
+    }
+}
+
+// Copies the root and the surviving pairs, renumbered, into nodes. A surviving pair of
+// rank r becomes records 2r + 1 and 2r + 2.
+void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
+{
+    const kxNodeWords* records = tree.records;
+    const uint32_t* rank = tree.pairRank;
+    const uint64_t pairs = tree.leafCount - 1u;
+    kxMemory::reserveWithHugePages(nodes, 1u + 2u * uint64_t{rank[pairs]});
+    const auto copy = [&](uint64_t record)
+    {
+        kxNodeWords words = records[record];
+        if (isLeaf(words))
+        {
+            const uint32_t first = words.offset & kxGNode::eIndexMask;
+            std::fill(tree.leafAt + first, tree.leafAt + first + words.count, static_cast<uint32_t>(nodes.size()));
+        }
+        else
+        {
+            const uint32_t left = 1u + 2u * rank[(leftChild(words) - 1u) >> 1];
+            words.offset = (left & kxGNode::eIndexMask) | (words.offset & kxGNode::eKindMask);
+            words.count = left + 1u;
+        }
+        // Built in place: a record assembled aside and copied would be reloaded in wider
+        // pieces than it was stored, which stalls.
+        kxGNode& node = nodes.emplace_back();
+        node.offset = words.offset;
+        node.count = words.count;
+    };
+    copy(0);
+    for (uint64_t pair = 0; pair < pairs; ++pair)
+    {
+        if (rank[pair] == rank[pair + 1u])
+            continue;
+        copy(2u * pair + 1u);
+        copy(2u * pair + 2u);
+    }
+}
+
+// Hands out the container's boxes of the primitives at ascending positions. Each box is
+// asked for a few positions ahead and prefetched, so that the cache misses of boxes
+// scattered over the container overlap; every box is still asked for once, in order.
+class kxBoxStream
+{
+public:
+    kxBoxStream(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
+                const uint32_t* primitiveIndexes, uint32_t quantity)
+        : mContainer(container), mIndexes(primitiveIndexes), mQuantity(quantity)
+    {
+        for (uint32_t position = 0; position < quantity && position < kAhead; ++position)
+            request(position);
+    }
+
+    const kxBBox& next()
+    {
+        const kxBBox& box = *mAhead[mPosition % kAhead];
+        if (mPosition + kAhead < mQuantity)
+            request(mPosition + kAhead);
+        ++mPosition;
+        return box;
+    }
+
+private:
+    static constexpr uint32_t kAhead = kPrefetchDistance;
+
+    void request(uint32_t position)
+    {
+        const kxBBox& box = mContainer.getBBox(mIndexes[position]);
+        prefetchForRead(&box);
+        mAhead[position % kAhead] = &box;
+    }
+
+    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& mContainer;
+    const uint32_t* mIndexes;
+    uint32_t mQuantity;
+    uint32_t mPosition = 0;
+    const kxBBox* mAhead[kAhead];
+};
+
+// Written component by component: a box assembled on the stack and copied whole would be
+// reloaded in wider pieces than it was stored, which stalls.
+inline void storeBox(kxBBox& target, const kxBBox& box)
+{
+    for (int a = 0; a < 3; ++a)
+    {
+        target.min[a] = box.min[a];
+        target.max[a] = box.max[a];
+    }
+}
+
+// left extended by right, with the comparisons of kxBBox::extend.
+inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
+{
+    for (int a = 0; a < 3; ++a)
+    {
+        target.min[a] = right.min[a] < left.min[a] ? right.min[a] : left.min[a];
+        target.max[a] = right.max[a] > left.max[a] ? right.max[a] : left.max[a];
+    }
+}
+} // namespace
+
+bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
+                const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
+{
+    tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
+    if (!markSurvivors(tree, maxPrimitivesPerLeaf, cancel) || cancelled(cancel))
+        return false;
+    tree.leafAt = tree.parentOfPair;
+    tree.parentOfPair = nullptr;
+    rankSurvivingPairs(tree);
+    copySurvivors(tree, nodes);
+    return !cancelled(cancel);
+}
+
+bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
+           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, const uint32_t* primitiveIndexes,
+           uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
+{
+    // The only leaf without primitives is the root of an empty tree; its box stays empty.
+    if (quantity == 0)
+        return !cancelled(cancel);
+    const uint32_t* leafAt = tree.leafAt;
+    kxBoxStream boxes(container, primitiveIndexes, quantity);
+    for (uint32_t position = 0; position < quantity;)
+    {
+        if (position + kPrefetchDistance < quantity)
+            prefetchForWrite(nodes.data() + leafAt[position + kPrefetchDistance]);
+        if (cancelled(cancel))
+            return false;
+        kxGNode& node = nodes[leafAt[position]];
+        kxBBox box;
+        for (uint32_t i = 0; i < node.count; ++i)
+        {
+            box.extend(boxes.next());
+            if (cancelled(cancel))
+                return false;
+        }
+        storeBox(node.bbox, box);
+        position += node.count;
+    }
+    for (size_t k = nodes.size(); k-- > 0;)
+    {
+        kxGNode& node = nodes[k];
+        if (isLeaf(node))
+            continue;
+        if (cancelled(cancel))
+            return false;
+        storeUnion(node.bbox, nodes[leftChild(node)].bbox, nodes[rightChild(node)].bbox);
+    }
+    return true;
+}
+} // namespace kxLinearBVH

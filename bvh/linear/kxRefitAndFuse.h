@@ -1,0 +1,39 @@
+#ifndef KXREFITANDFUSE_H
+#define KXREFITANDFUSE_H
+
+#include "kxCancelInterface.h"
+#include "kxGenericBVH.h"
+#include "kxLinearGenericBVHBuilder.h"
+#include "kxRunLevels.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace kxLinearBVH
+{
+// Fusing decides on primitive counts alone, so it runs before the boxes exist, and only
+// the records that survive it get a box. A fused leaf's box, the union of its primitives'
+// boxes in position order, is bit for bit the union of its children's: minimum and
+// maximum are exact and keep the first of equal values either way.
+//
+// Both passes follow the shape that emission recorded instead of recursing from the root:
+// in array order the children of neighbouring records lie far apart, and a recursive walk
+// would miss the cache on almost every record.
+
+/// Collapses every subtree of at most maxPrimitivesPerLeaf primitives into one leaf and
+/// copies the surviving records, renumbered contiguously in their old order, into nodes
+/// (exactly sized, boxes empty). Polls on every emitted record, after the count and after
+/// renumbering; false when cancelled.
+bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
+                const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes);
+
+/// Gives every record of the fused tree its box: a leaf the union of its primitives' boxes
+/// (the empty box for none), leaves visited by ascending position so that the container is
+/// read in code order; an inner record the union of its children's. Polls on every record
+/// and after every primitive box; false when cancelled.
+bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
+           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, const uint32_t* primitiveIndexes,
+           uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel);
+} // namespace kxLinearBVH
+
+#endif

@@ -1,0 +1,149 @@
+#include "kxRunLevels.h"
+
+#include "kxHighestBit.h"
+
+namespace kxLinearBVH
+{
+namespace
+{
+// Level 1 splits on z, 2 on y, 3 on x, 4 on z again.
+constexpr uint32_t kAxisOfLevel[3] = {kxBBox::eAxisX, kxBBox::eAxisZ, kxBBox::eAxisY};
+
+// A split whose run has not ended yet: the level it splits at and the first of the two
+// records its halves got.
+struct OpenSplit
+{
+    uint32_t children;
+    unsigned level;
+};
+} // namespace
+
+size_t kxEmittedTree::footprint(uint32_t quantity)
+{
+    const size_t leaves = quantity > 0 ? quantity : 1u;
+    return kxBuildArena::footprint(2u * leaves * sizeof(kxNodeWords)) +
+           kxBuildArena::footprint(quantity * sizeof(uint32_t)) + kxBuildArena::footprint(leaves * sizeof(uint32_t));
+}
+
+kxRunLevels::kxRunLevels(unsigned levels, uint32_t quantity, kxBuildArena& arena)
+    : mLevels(levels), mQuantity(quantity), mPairLevel(arena.allocate<uint8_t>(quantity))
+{
+}
+
+size_t kxRunLevels::footprint(uint32_t quantity)
+{
+    return kxBuildArena::footprint(quantity);
+}
+
+template <typename Code>
+void kxRunLevels::count(const Code* sortedCodes)
+{
+    if (mQuantity < 2)
+        return;
+    const uint32_t pairs = mQuantity - 1u;
+    for (uint32_t j = 0; j < pairs; ++j)
+    {
+        const Code difference = sortedCodes[j] ^ sortedCodes[j + 1];
+        const unsigned level = difference ? mLevels - highestBit(difference) : 0u;
+        mPairLevel[j] = static_cast<uint8_t>(level);
+        ++mSplitsAt[level];
+    }
+}
+
+template void kxRunLevels::count<uint32_t>(const uint32_t*);
+template void kxRunLevels::count<uint64_t>(const uint64_t*);
+
+uint64_t kxRunLevels::distinctCodes() const
+{
+    uint64_t runs = 1;
+    for (unsigned level = 1; level <= mLevels; ++level)
+        runs += mSplitsAt[level];
+    return runs;
+}
+
+uint64_t kxRunLevels::workingBufferBytes() const
+{
+    uint64_t runs = 1;
+    uint64_t entries = runs;
+    for (unsigned level = 1; level <= mLevels; ++level)
+    {
+        runs += mSplitsAt[level];
+        entries += runs;
+    }
+    return 8u * entries;
+}
+
+bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCancelInterfaceReadOnly* cancel)
+{
+    tree.leafCount = distinctCodes();
+    tree.records = arena.allocate<kxNodeWords>(2u * tree.leafCount);
+    // There are fewer pairs than primitives: the room is sized for the leaf table.
+    tree.parentOfPair = arena.allocate<uint32_t>(mQuantity);
+    kxNodeWords* records = tree.records;
+    uint32_t* parentOfPair = tree.parentOfPair;
+
+    // The pairs of each level follow those of all lower levels.
+    uint32_t nextChildren[kMaxLevels + 1];
+    uint64_t pairsBefore = 0;
+    for (unsigned level = 1; level <= mLevels; ++level)
+    {
+        nextChildren[level] = static_cast<uint32_t>(1u + 2u * pairsBefore);
+        pairsBefore += mSplitsAt[level];
+    }
+
+    // The open splits, by strictly increasing level: two splits of one level always have
+    // a split of a lower level between them (inside one run the bit of a level flips
+    // once), so there is at most one per level. The run a split cuts reaches from the
+    // nearest split of a lower level on its left to the nearest one on its right.
+    OpenSplit open[kMaxLevels + 1];
+    unsigned depth = 0;
+    const auto close = [&](const OpenSplit& split, uint32_t record)
+    {
+        records[record].offset = (split.children & kxGNode::eIndexMask) | kAxisOfLevel[split.level % 3];
+        records[record].count = split.children + 1u;
+        parentOfPair[split.children >> 1] = record;
+    };
+
+    uint32_t runStart = 0;
+    const uint32_t pairs = mQuantity > 0 ? mQuantity - 1u : 0u;
+    for (unsigned part = 0; part < mLevels; ++part)
+    {
+        const uint32_t end = static_cast<uint32_t>(uint64_t{pairs} * (part + 1u) / mLevels);
+        for (uint32_t j = static_cast<uint32_t>(uint64_t{pairs} * part / mLevels); j < end; ++j)
+        {
+            const unsigned level = mPairLevel[j];
+            if (level == 0)
+                continue;
+            const uint32_t children = nextChildren[level];
+            nextChildren[level] += 2u;
+            // The run ending at j is a leaf of the tree: the right half of the previous
+            // split if that one is deeper, else the left half of this one.
+            const uint32_t leaf = depth > 0 && open[depth - 1].level > level ? open[depth - 1].children + 1u : children;
+            records[leaf].offset = runStart | kxGNode::eLeafMark;
+            records[leaf].count = j + 1u - runStart;
+            runStart = j + 1u;
+            // The runs of deeper splits end here. Each cut the right half of the split below
+            // it when that one is deeper too, else the left half of this split.
+            while (depth > 0 && open[depth - 1].level > level)
+            {
+                --depth;
+                const bool belowIsDeeper = depth > 0 && open[depth - 1].level > level;
+                close(open[depth], belowIsDeeper ? open[depth - 1].children + 1u : children);
+            }
+            open[depth++] = {children, level};
+        }
+        // One poll per level, spread over the sweep: as often as emitting level after level.
+        if (part + 1u < mLevels && cancelled(cancel))
+            return false;
+    }
+    const uint32_t lastLeaf = depth > 0 ? open[depth - 1].children + 1u : 0u;
+    records[lastLeaf].offset = runStart | kxGNode::eLeafMark;
+    records[lastLeaf].count = mQuantity - runStart;
+    while (depth > 0)
+    {
+        --depth;
+        close(open[depth], depth > 0 ? open[depth - 1].children + 1u : 0u);
+    }
+    return mLevels == 0 || !cancelled(cancel);
+}
+} // namespace kxLinearBVH

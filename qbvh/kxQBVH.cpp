@@ -1,0 +1,138 @@
+#include "kxQBVH.h"
+
+#include <malloc.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+template <typename T>
+T* allocateAligned(size_t count)
+{
+    return static_cast<T*>(memalign(16, count * sizeof(T)));
+}
+
+template <typename T>
+void releaseAligned(T*& p)
+{
+    free(p);
+    p = nullptr;
+}
+
+template <typename T>
+T* duplicateAligned(const T* source, size_t count)
+{
+    if (!source)
+        return nullptr;
+    T* copy = allocateAligned<T>(count);
+    if (count)
+        std::memcpy(copy, source, count * sizeof(T));
+    return copy;
+}
+} // namespace
+
+kxQBVH::kxQBVH()
+    : mNodes(nullptr), mTriangleVertices(nullptr), mTriangleEquations(nullptr), mTriangleIndices(nullptr),
+      mDataFlags(0), mNodeCount(0), mGroupCount(0)
+{
+}
+
+kxQBVH::~kxQBVH()
+{
+    release();
+}
+
+kxQBVH::kxQBVH(const kxQBVH& other)
+    : mNodes(duplicateAligned(other.mNodes, other.mNodeCount)),
+      mTriangleVertices(duplicateAligned(other.mTriangleVertices, other.mGroupCount)),
+      mTriangleEquations(duplicateAligned(other.mTriangleEquations, other.mGroupCount)),
+      mTriangleIndices(duplicateAligned(other.mTriangleIndices, other.mGroupCount)), mBBox(other.mBBox),
+      mDataFlags(other.mDataFlags), mNodeCount(other.mNodeCount), mGroupCount(other.mGroupCount)
+{
+}
+
+kxQBVH& kxQBVH::operator=(const kxQBVH& other)
+{
+    if (this != &other)
+    {
+        kxQBVH copy(other);
+        std::swap(mNodes, copy.mNodes);
+        std::swap(mTriangleVertices, copy.mTriangleVertices);
+        std::swap(mTriangleEquations, copy.mTriangleEquations);
+        std::swap(mTriangleIndices, copy.mTriangleIndices);
+        mBBox = copy.mBBox;
+        mDataFlags = copy.mDataFlags;
+        mNodeCount = copy.mNodeCount;
+        mGroupCount = copy.mGroupCount;
+    }
+    return *this;
+}
+
+void kxQBVH::release()
+{
+    releaseAligned(mNodes);
+    releaseAligned(mTriangleVertices);
+    releaseAligned(mTriangleEquations);
+    releaseAligned(mTriangleIndices);
+}
+
+void kxQBVH::allocate(tQBVHDataFlags flags, unsigned int nodeCount, unsigned int groupCount)
+{
+    release();
+    mDataFlags = flags;
+    mNodes = allocateAligned<tQBVHNode>(nodeCount);
+    if (flags & eTrianglesVertices)
+        mTriangleVertices = allocateAligned<tSOATriangleVertices>(groupCount);
+    if (flags & eTrianglesEquations)
+        mTriangleEquations = allocateAligned<tSOATriangleEquations>(groupCount);
+    if (flags & (eTrianglesVertices | eTrianglesEquations))
+        mTriangleIndices = allocateAligned<tSOATriangleIndices>(groupCount);
+    mNodeCount = nodeCount;
+    mGroupCount = groupCount;
+}
+
+bool kxQBVH::computeRootNodeBBox()
+{
+    if (mNodeCount == 0)
+        return false;
+    const tQBVHNode& root = mNodes[0];
+    for (int a = 0; a < 3; ++a)
+    {
+        float lo = root.bboxMin[a][0];
+        float hi = root.bboxMax[a][0];
+        for (int k = 1; k < 4; ++k)
+        {
+            lo = root.bboxMin[a][k] < lo ? root.bboxMin[a][k] : lo;
+            hi = root.bboxMax[a][k] > hi ? root.bboxMax[a][k] : hi;
+        }
+        // Ordered so that the stored box is never inverted.
+        mBBox.min[a] = lo < hi ? lo : hi;
+        mBBox.max[a] = lo < hi ? hi : lo;
+    }
+    return true;
+}
+
+void kxQBVH::InitSOAPlaneEquationSet(const Wm4::Vector4<float>* planes, tSOASinglePlaneEqn* set, unsigned int count)
+{
+    for (unsigned int i = 0; i < count; ++i)
+        for (int k = 0; k < 4; ++k)
+        {
+            set[i].a[k] = planes[i][0];
+            set[i].b[k] = planes[i][1];
+            set[i].c[k] = planes[i][2];
+            set[i].d[k] = planes[i][3];
+        }
+}
+
+kxQBVH::tSOASinglePlaneEqn* kxQBVH::CreateSOAPlaneEquationSet(const Wm4::Vector4<float>* planes, unsigned int count)
+{
+    tSOASinglePlaneEqn* set = allocateAligned<tSOASinglePlaneEqn>(count);
+    InitSOAPlaneEquationSet(planes, set, count);
+    return set;
+}
+
+void kxQBVH::DeleteSOAPlaneEquationSet(tSOASinglePlaneEqn* set)
+{
+    free(set);
+}

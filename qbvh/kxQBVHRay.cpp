@@ -1,0 +1,326 @@
+#include "kxLogObject.h"
+#include "kxQBVH.h"
+#include "kxSimd4.h"
+
+#include <limits>
+
+using namespace kxSimd;
+
+namespace
+{
+constexpr uint32_t kNone = 0xFFFFFFFFu;
+constexpr float kInf = std::numeric_limits<float>::infinity();
+
+struct RayRecord
+{
+    vfloat4 org[3];
+    vfloat4 dir[3];
+    vfloat4 inv[3];
+
+    RayRecord(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction)
+    {
+        for (int a = 0; a < 3; ++a)
+        {
+            org[a] = vfloat4(origin[a]);
+            dir[a] = vfloat4(direction[a]);
+            inv[a] = vfloat4(1.0f / direction[a]);
+        }
+    }
+};
+
+struct Hit
+{
+    float t;
+    float w;
+    float u;
+    uint32_t triangle;
+};
+
+// The interval and acceptance rules that tell a ray with side policy P (in [tMin, t])
+// from the symmetric line query (in [-|t|, |t|], front faces, distance |th|).
+template <int P>
+struct DirectedRule
+{
+    vfloat4 tMin;
+
+    vfloat4 lower(float) const { return tMin; }
+    static vfloat4 upper(float t) { return vfloat4(t); }
+    static vfloat4 distance(vfloat4 th) { return th; }
+    vmask4 accepts(vfloat4 denom, vfloat4 th, vfloat4 tEntry) const
+    {
+        const vfloat4 zero(0.0f);
+        vmask4 side = ordered(denom);
+        if (P == kxQBVH::eFrontSide)
+            side = denom <= zero;
+        else if (P == kxQBVH::eBackSide)
+            side = denom >= zero;
+        return side & (tMin <= th) & (th <= tEntry);
+    }
+};
+
+struct SymmetricRule
+{
+    static vfloat4 lower(float t) { return -abs(vfloat4(t)); }
+    static vfloat4 upper(float t) { return abs(vfloat4(t)); }
+    static vfloat4 distance(vfloat4 th) { return abs(th); }
+    static vmask4 accepts(vfloat4 denom, vfloat4 th, vfloat4 tEntry)
+    {
+        return (denom <= vfloat4(0.0f)) & (abs(th) <= abs(tEntry));
+    }
+};
+
+template <class Rule>
+class Traversal
+{
+public:
+    Traversal(const kxQBVH& qbvh, const RayRecord& ray, const Rule& rule)
+        : mNodes(qbvh.getNodes()), mEquations(qbvh.getTriangleEquations()), mIndices(qbvh.getTriangleIndices()),
+          mGroupCount(qbvh.getGroupCount()), mRay(ray), mRule(rule)
+    {
+    }
+
+    void leafTest(uint32_t g0, uint32_t count, Hit& hit) const;
+    void run(uint32_t ref, uint32_t count, Hit& hit) const;
+
+private:
+    // Three entries per four-wide level; a deeper tree falls back to recursion.
+    static constexpr int kStackSize = 96;
+
+    struct Entry
+    {
+        uint32_t ref;
+        uint32_t count;
+    };
+
+    int nodeOrder(uint32_t node, float t, Entry order[4]) const;
+    void prefetch(const Entry& e) const;
+
+    const kxQBVH::tQBVHNode* mNodes;
+    const kxQBVH::tSOATriangleEquations* mEquations;
+    const kxQBVH::tSOATriangleIndices* mIndices;
+    uint32_t mGroupCount;
+    const RayRecord& mRay;
+    Rule mRule;
+};
+
+template <class Rule>
+void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
+{
+    const uint32_t end = g0 + count;
+    if (g0 >= end)
+        return;
+    const vfloat4 tEntry(hit.t);
+    const vfloat4 one(1.0f), tolerance(-0.0001f);
+    const RayRecord& r = mRay;
+    vfloat4 best(kInf), bestW(0.0f), bestU(0.0f);
+    vuint4 bestIndex(kNone);
+    bool found = false;
+    for (uint32_t g = g0; g < end && g < mGroupCount; ++g)
+    {
+        const float(*E)[4] = mEquations[g].eq;
+        const vfloat4 nx = vfloat4::load(E[0]), ny = vfloat4::load(E[1]), nz = vfloat4::load(E[2]);
+        const vfloat4 denom = nz * r.dir[2] + ny * r.dir[1] + nx * r.dir[0];
+        const vfloat4 num = (nz * r.org[2] + vfloat4::load(E[3])) + ny * r.org[1] + nx * r.org[0];
+        const vfloat4 th = -(num / denom);
+        const vfloat4 px = r.dir[0] * th + r.org[0];
+        const vfloat4 py = r.dir[1] * th + r.org[1];
+        const vfloat4 pz = r.dir[2] * th + r.org[2];
+        const vfloat4 u =
+            vfloat4::load(E[4]) * px + vfloat4::load(E[5]) * py + vfloat4::load(E[6]) * pz + vfloat4::load(E[7]);
+        const vfloat4 v =
+            vfloat4::load(E[8]) * px + vfloat4::load(E[9]) * py + vfloat4::load(E[10]) * pz + vfloat4::load(E[11]);
+        const vfloat4 w = one - (u + v);
+        const vfloat4 distance = Rule::distance(th);
+        const vmask4 accept = mRule.accepts(denom, th, tEntry) & (distance < best) & (tolerance < w) &
+                              (tolerance < v) & (tolerance < u);
+        if (!accept.any())
+            continue;
+        found = true;
+        best = select(accept, distance, best);
+        bestW = select(accept, w, bestW);
+        bestU = select(accept, u, bestU);
+        bestIndex = select(accept, vuint4::load(mIndices[g].index), bestIndex);
+    }
+    if (!found)
+        return;
+    alignas(16) float d[4], ws[4], us[4];
+    alignas(16) uint32_t index[4];
+    best.store(d);
+    bestW.store(ws);
+    bestU.store(us);
+    bestIndex.store(index);
+    // Lane order with a strict test: ties go to the lower lane.
+    for (int k = 0; k < 4; ++k)
+        if (hit.t > d[k])
+        {
+            hit.t = d[k];
+            hit.w = ws[k];
+            hit.u = us[k];
+            hit.triangle = index[k];
+        }
+}
+
+// Child data is fetched while the nearer siblings are processed.
+template <class Rule>
+void Traversal<Rule>::prefetch(const Entry& e) const
+{
+    const char* p = e.count == kNone ? reinterpret_cast<const char*>(mNodes + e.ref)
+                                     : reinterpret_cast<const char*>(mEquations + e.ref);
+    kxSimd::prefetch(p);
+    kxSimd::prefetch(p + 64);
+    if (e.count != kNone)
+        kxSimd::prefetch(p + 128);
+}
+
+// Writes the slots to visit, nearest first, and returns how many. Keys are never NaN
+// (a slot is keyed only when near <= far), so a slot is visited exactly when its key is
+// below +infinity.
+template <class Rule>
+int Traversal<Rule>::nodeOrder(uint32_t index, float t, Entry order[4]) const
+{
+    const kxQBVH::tQBVHNode& node = mNodes[index];
+    const RayRecord& r = mRay;
+    const vfloat4 x1 = (vfloat4::load(node.bboxMin[0]) - r.org[0]) * r.inv[0];
+    const vfloat4 x2 = (vfloat4::load(node.bboxMax[0]) - r.org[0]) * r.inv[0];
+    const vfloat4 y1 = (vfloat4::load(node.bboxMin[1]) - r.org[1]) * r.inv[1];
+    const vfloat4 y2 = (vfloat4::load(node.bboxMax[1]) - r.org[1]) * r.inv[1];
+    const vfloat4 z1 = (vfloat4::load(node.bboxMin[2]) - r.org[2]) * r.inv[2];
+    const vfloat4 z2 = (vfloat4::load(node.bboxMax[2]) - r.org[2]) * r.inv[2];
+    const vfloat4 nearT = max(min(z1, z2), max(min(y1, y2), max(min(x1, x2), mRule.lower(t))));
+    const vfloat4 farT = min(max(z1, z2), min(max(y1, y2), min(max(x1, x2), Rule::upper(t))));
+    const vfloat4 zero(0.0f), inf(kInf);
+    // Near when the box lies ahead, 0 when the origin is inside, far (negative) when the
+    // whole box lies behind the origin.
+    const vfloat4 key = select(nearT <= farT, orBits(max(nearT, zero), min(farT, zero)), inf);
+    const int visit = (key < inf).bits();
+    if (visit == 0)
+        return 0;
+
+    const int lowest = __builtin_ctz(static_cast<unsigned>(visit));
+    const int remaining = visit & (visit - 1);
+    if (remaining == 0)
+    {
+        order[0] = {node.child[lowest], node.count[lowest]};
+        return 1;
+    }
+
+    alignas(16) float keys[4];
+    key.store(keys);
+    if ((remaining & (remaining - 1)) == 0)
+    {
+        // Two slots: the network keeps their slot order on equal keys.
+        int first = lowest, second = __builtin_ctz(static_cast<unsigned>(remaining));
+        if (keys[first] > keys[second])
+            std::swap(first, second);
+        order[0] = {node.child[first], node.count[first]};
+        order[1] = {node.child[second], node.count[second]};
+        return 2;
+    }
+
+    int slot[4] = {0, 1, 2, 3};
+    auto exchange = [&](int i, int j) {
+        const bool swap = keys[i] > keys[j];
+        const float ki = keys[i], kj = keys[j];
+        const int si = slot[i], sj = slot[j];
+        keys[i] = swap ? kj : ki;
+        keys[j] = swap ? ki : kj;
+        slot[i] = swap ? sj : si;
+        slot[j] = swap ? si : sj;
+    };
+    exchange(0, 1);
+    exchange(2, 3);
+    exchange(0, 2);
+    exchange(1, 3);
+    exchange(1, 2);
+    const int n = __builtin_popcount(static_cast<unsigned>(visit));
+    for (int i = 0; i < n; ++i)
+        order[i] = {node.child[slot[i]], node.count[slot[i]]};
+    return n;
+}
+
+template <class Rule>
+void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
+{
+    Entry stack[kStackSize];
+    int top = 0;
+    Entry current = {ref, count};
+    for (;;)
+    {
+        if (current.count == kNone)
+        {
+            Entry order[4];
+            const int n = nodeOrder(current.ref, hit.t, order);
+            if (n > 0 && top + n - 1 <= kStackSize)
+            {
+                for (int i = n - 1; i > 0; --i)
+                {
+                    prefetch(order[i]);
+                    stack[top++] = order[i];
+                }
+                current = order[0];
+                continue;
+            }
+            for (int i = 0; i < n; ++i)
+                run(order[i].ref, order[i].count, hit);
+        }
+        else
+            leafTest(current.ref, current.count, hit);
+        if (top == 0)
+            return;
+        current = stack[--top];
+    }
+}
+
+template <class Rule>
+bool query(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction,
+           const Rule& rule, float& t, Wm4::Vector2<float>& barycentric, unsigned int& triangle)
+{
+    triangle = kNone;
+    const RayRecord ray(origin, direction);
+    const Traversal<Rule> traversal(qbvh, ray, rule);
+    Hit hit = {t, 0.0f, 0.0f, kNone};
+    if (qbvh.getNodeCount() > 0)
+        traversal.run(0, kNone, hit);
+    else if (qbvh.getGroupCount() > 0)
+        traversal.leafTest(0, qbvh.getGroupCount(), hit);
+    else
+        return false;
+    if (hit.triangle == kNone)
+        return false;
+    t = hit.t;
+    barycentric = Wm4::Vector2<float>(hit.w, hit.u);
+    triangle = hit.triangle;
+    return true;
+}
+} // namespace
+
+bool kxQBVH::intersectRay(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float tMin,
+                          float& t, Wm4::Vector2<float>& barycentric, unsigned int& triangle,
+                          tIntersectionPolicy policy) const
+{
+    if (!(mDataFlags & eTrianglesEquations))
+    {
+        if (kx::kxLogObject::errorLevelEnabled())
+            kx::kxLogObject(2)
+                << "error: QBVH is not built with the right data type (should be kxQBVH::eTrianglesEquations)";
+        return false;
+    }
+    const vfloat4 lower(tMin);
+    switch (policy)
+    {
+    case eFrontSide:
+        return query(*this, origin, direction, DirectedRule<eFrontSide>{lower}, t, barycentric, triangle);
+    case eBackSide:
+        return query(*this, origin, direction, DirectedRule<eBackSide>{lower}, t, barycentric, triangle);
+    default:
+        return query(*this, origin, direction, DirectedRule<eAllSides>{lower}, t, barycentric, triangle);
+    }
+}
+
+bool kxQBVH::intersectRaySymmetric(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction,
+                                   float& t, Wm4::Vector2<float>& barycentric, unsigned int& triangle) const
+{
+    if (!(mDataFlags & eTrianglesEquations))
+        return false;
+    return query(*this, origin, direction, SymmetricRule{}, t, barycentric, triangle);
+}

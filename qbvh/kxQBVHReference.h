@@ -1,0 +1,22 @@
+// Scalar twins of kxQBVH's SIMD queries: the same algorithms written one lane and one
+// slot at a time, recursively, for tests to compare the fast paths against bit for bit.
+// They assume the hierarchy holds the data they need and log nothing.
+#ifndef KXQBVHREFERENCE_H
+#define KXQBVHREFERENCE_H
+
+#include "kxQBVH.h"
+
+namespace kxQBVHReference
+{
+bool intersectRay(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction,
+                  float tMin, float& t, Wm4::Vector2<float>& barycentric, unsigned int& triangle,
+                  kxQBVH::tIntersectionPolicy policy);
+
+bool intersectRaySymmetric(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin,
+                           const Wm4::Vector3<float>& direction, float& t, Wm4::Vector2<float>& barycentric,
+                           unsigned int& triangle);
+
+bool intersectConvexHull(const kxQBVH& qbvh, const kxQBVH::tSOASinglePlaneEqn* set, unsigned int count);
+} // namespace kxQBVHReference
+
+#endif

@@ -1,0 +1,98 @@
+// Four-lane single-precision helpers over SSE2, for the four-wide hierarchy's kernels
+// only. min and max keep the SSE rule the kernels rely on: min(a, b) = a < b ? a : b and
+// max(a, b) = a > b ? a : b, so a NaN in either operand yields the second operand.
+#ifndef KXSIMD4_H
+#define KXSIMD4_H
+
+#include <emmintrin.h>
+
+#include <cstdint>
+
+namespace kxSimd
+{
+struct vfloat4
+{
+    __m128 v;
+
+    vfloat4() = default;
+    explicit vfloat4(__m128 value) : v(value) {}
+    explicit vfloat4(float value) : v(_mm_set1_ps(value)) {}
+
+    static vfloat4 load(const float* aligned) { return vfloat4(_mm_load_ps(aligned)); }
+    void store(float* aligned) const { _mm_store_ps(aligned, v); }
+};
+
+/// Lane masks: all bits set where a comparison held.
+struct vmask4
+{
+    __m128 v;
+
+    explicit vmask4(__m128 value) : v(value) {}
+    /// Bit k set when lane k is set.
+    int bits() const { return _mm_movemask_ps(v); }
+    bool any() const { return bits() != 0; }
+};
+
+inline vfloat4 operator+(vfloat4 a, vfloat4 b) { return vfloat4(_mm_add_ps(a.v, b.v)); }
+inline vfloat4 operator-(vfloat4 a, vfloat4 b) { return vfloat4(_mm_sub_ps(a.v, b.v)); }
+inline vfloat4 operator*(vfloat4 a, vfloat4 b) { return vfloat4(_mm_mul_ps(a.v, b.v)); }
+inline vfloat4 operator/(vfloat4 a, vfloat4 b) { return vfloat4(_mm_div_ps(a.v, b.v)); }
+inline vfloat4 operator-(vfloat4 a) { return vfloat4(_mm_xor_ps(a.v, _mm_set1_ps(-0.0f))); }
+inline vfloat4 abs(vfloat4 a) { return vfloat4(_mm_andnot_ps(_mm_set1_ps(-0.0f), a.v)); }
+
+inline vfloat4 min(vfloat4 a, vfloat4 b) { return vfloat4(_mm_min_ps(a.v, b.v)); }
+inline vfloat4 max(vfloat4 a, vfloat4 b) { return vfloat4(_mm_max_ps(a.v, b.v)); }
+
+inline vmask4 operator<(vfloat4 a, vfloat4 b) { return vmask4(_mm_cmplt_ps(a.v, b.v)); }
+inline vmask4 operator<=(vfloat4 a, vfloat4 b) { return vmask4(_mm_cmple_ps(a.v, b.v)); }
+inline vmask4 operator>(vfloat4 a, vfloat4 b) { return vmask4(_mm_cmpgt_ps(a.v, b.v)); }
+inline vmask4 operator>=(vfloat4 a, vfloat4 b) { return vmask4(_mm_cmpge_ps(a.v, b.v)); }
+/// True in lanes that are not NaN.
+inline vmask4 ordered(vfloat4 a) { return vmask4(_mm_cmpord_ps(a.v, a.v)); }
+
+inline vmask4 operator&(vmask4 a, vmask4 b) { return vmask4(_mm_and_ps(a.v, b.v)); }
+inline vmask4 operator|(vmask4 a, vmask4 b) { return vmask4(_mm_or_ps(a.v, b.v)); }
+inline vmask4 operator!(vmask4 a) { return vmask4(_mm_xor_ps(a.v, _mm_castsi128_ps(_mm_set1_epi32(-1)))); }
+
+/// Lanes of a where m is set, of b elsewhere.
+inline vfloat4 select(vmask4 m, vfloat4 a, vfloat4 b)
+{
+    return vfloat4(_mm_or_ps(_mm_and_ps(m.v, a.v), _mm_andnot_ps(m.v, b.v)));
+}
+
+/// Bitwise OR of the two bit patterns.
+inline vfloat4 orBits(vfloat4 a, vfloat4 b) { return vfloat4(_mm_or_ps(a.v, b.v)); }
+
+/// Unsigned 32-bit lanes.
+struct vuint4
+{
+    __m128i v;
+
+    vuint4() = default;
+    explicit vuint4(__m128i value) : v(value) {}
+    explicit vuint4(uint32_t value) : v(_mm_set1_epi32(static_cast<int>(value))) {}
+
+    static vuint4 load(const uint32_t* aligned)
+    {
+        return vuint4(_mm_load_si128(reinterpret_cast<const __m128i*>(aligned)));
+    }
+    void store(uint32_t* aligned) const { _mm_store_si128(reinterpret_cast<__m128i*>(aligned), v); }
+};
+
+inline vuint4 select(vmask4 m, vuint4 a, vuint4 b)
+{
+    const __m128i mi = _mm_castps_si128(m.v);
+    return vuint4(_mm_or_si128(_mm_and_si128(mi, a.v), _mm_andnot_si128(mi, b.v)));
+}
+
+/// Asks for the cache line holding p ahead of its use.
+inline void prefetch(const void* p)
+{
+    _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0);
+}
+
+/// The bit patterns of a as unsigned lanes.
+inline vuint4 asUint(vfloat4 a) { return vuint4(_mm_castps_si128(a.v)); }
+} // namespace kxSimd
+
+#endif

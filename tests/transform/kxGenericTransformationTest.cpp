@@ -1,0 +1,560 @@
+#include "kxGenericTransformation.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace
+{
+template <typename Real>
+using Xf = kx::kxGenericTransformation<Real>;
+template <typename Real>
+using V3 = Wm4::Vector3<Real>;
+template <typename Real>
+using M3 = Wm4::Matrix3<Real>;
+template <typename Real>
+using M4 = Wm4::Matrix4<Real>;
+
+// Error allowed per unit of the magnitude bound of an operation.
+template <typename Real>
+constexpr double kEps = 8.0 * std::numeric_limits<Real>::epsilon();
+
+enum Kind
+{
+    kIdentity,
+    kRotation,
+    kUniformPositive,
+    kUniformNegative,
+    kAxisScale,
+    kNonUniformPositive,
+    kMixedSigns,
+    kEqualMagnitudeMixedSigns,
+    kGeneralNearUnitDeterminant,
+    kGeneralUnimodular,
+    kKindCount
+};
+
+double uniform(std::mt19937& rng, double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); }
+double randomSign(std::mt19937& rng) { return rng() % 2 ? -1.0 : 1.0; }
+
+template <typename Real>
+V3<Real> randomVector(std::mt19937& rng, double range)
+{
+    return V3<Real>(Real(uniform(rng, -range, range)), Real(uniform(rng, -range, range)), Real(uniform(rng, -range, range)));
+}
+
+template <typename Real>
+M3<Real> toReal(const M3<double>& m)
+{
+    M3<Real> r;
+    for (int i = 0; i < 9; ++i)
+        static_cast<Real*>(r)[i] = static_cast<Real>(static_cast<const double*>(m)[i]);
+    return r;
+}
+
+M3<double> randomRotation(std::mt19937& rng)
+{
+    std::normal_distribution<double> g;
+    Wm4::Quaternion<double> q(g(rng), g(rng), g(rng), g(rng));
+    q.Normalize();
+    M3<double> r;
+    q.ToRotationMatrix(r);
+    return r;
+}
+
+// Integer entries and determinant ±1, so the inverse is exact; signed permutations (the only
+// such matrices with orthogonal columns) are avoided.
+M3<double> randomUnimodular(std::mt19937& rng)
+{
+    for (;;)
+    {
+        M3<double> m(randomSign(rng), 1.0, 1.0);
+        for (int op = 0; op < 3; ++op)
+        {
+            const int i = rng() % 3, j = (i + 1 + rng() % 2) % 3;
+            const double k = randomSign(rng);
+            for (int c = 0; c < 3; ++c)
+                m[i][c] += k * m[j][c];
+        }
+        for (int a = 0; a < 3; ++a)
+            if (m[0][a] * m[0][(a + 1) % 3] + m[1][a] * m[1][(a + 1) % 3] + m[2][a] * m[2][(a + 1) % 3] != 0.0)
+                return m;
+    }
+}
+
+template <typename Real>
+Xf<Real> randomTransformation(int kind, std::mt19937& rng)
+{
+    Xf<Real> t;
+    if (kind == kIdentity)
+        return t;
+    t.SetTranslate(randomVector<Real>(rng, 10.0));
+    const double a = uniform(rng, 0.5, 2.0), b = uniform(rng, 0.5, 2.0), c = uniform(rng, 0.5, 2.0);
+    if (kind == kGeneralNearUnitDeterminant)
+        t.SetMatrix(toReal<Real>(randomRotation(rng) * M3<double>(a, b, 1.0 / (a * b)) * randomRotation(rng)));
+    else if (kind == kGeneralUnimodular)
+        t.SetMatrix(toReal<Real>(randomUnimodular(rng)));
+    else if (kind != kAxisScale)
+        t.SetRotate(toReal<Real>(randomRotation(rng)));
+
+    V3<double> s = kind == kEqualMagnitudeMixedSigns ? V3<double>(a, a, a) : V3<double>(a, b, c);
+    if (kind == kUniformPositive || kind == kUniformNegative)
+        t.SetUniformScale(Real(kind == kUniformNegative ? -a : a));
+    else if (kind == kNonUniformPositive)
+        t.SetScale(V3<Real>(Real(a), Real(b), Real(c)));
+    else if (kind == kAxisScale || kind == kMixedSigns || kind == kEqualMagnitudeMixedSigns)
+    {
+        do
+            s = V3<double>(a * randomSign(rng), std::fabs(s[1]) * randomSign(rng), std::fabs(s[2]) * randomSign(rng));
+        while (kind != kAxisScale && (s[0] > 0) == (s[1] > 0) && (s[1] > 0) == (s[2] > 0));
+        t.SetScale(V3<Real>(Real(s[0]), Real(s[1]), Real(s[2])));
+    }
+    return t;
+}
+
+// Calls check(kind, t, rng) for `trials` random transformations of every kind.
+template <typename Real, typename Check>
+void forEachRandom(unsigned seed, int trials, Check check)
+{
+    std::mt19937 rng(seed);
+    for (int kind = 0; kind < kKindCount; ++kind)
+        for (int trial = 0; trial < trials; ++trial)
+        {
+            SCOPED_TRACE("kind " + std::to_string(kind) + " trial " + std::to_string(trial));
+            check(kind, randomTransformation<Real>(kind, rng), rng);
+        }
+}
+
+template <typename Real>
+double maxAbs(const V3<Real>& v)
+{
+    return std::max(std::fabs(double(v[0])), std::max(std::fabs(double(v[1])), std::fabs(double(v[2]))));
+}
+
+// Max-row-sum norm of the effective linear map, read back through the homogeneous matrix.
+template <typename Real>
+double linearNorm(const Xf<Real>& t)
+{
+    M4<Real> h;
+    t.GetHomogeneous(h);
+    double norm = 0;
+    for (int i = 0; i < 3; ++i)
+        norm = std::max(norm, std::fabs(double(h[0][i])) + std::fabs(double(h[1][i])) + std::fabs(double(h[2][i])));
+    return norm;
+}
+
+// Magnitude that bounds the rounding of mapping points of size <= 10 through t and back.
+template <typename Real>
+double roundTripBound(const Xf<Real>& t)
+{
+    Xf<Real> inverse;
+    t.Inverse(inverse);
+    return (1 + linearNorm(t)) * (1 + linearNorm(inverse)) * (11 + maxAbs(t.GetTranslate()));
+}
+
+template <typename Real>
+void expectNear(const V3<Real>& got, const V3<Real>& want, double magnitude)
+{
+    EXPECT_LE(maxAbs(V3<Real>(got - want)), kEps<Real> * magnitude) << "got " << got << " want " << want;
+}
+
+template <typename Real>
+bool sameBits(const V3<Real>& a, const V3<Real>& b)
+{
+    return std::memcmp(&a, &b, sizeof(a)) == 0;
+}
+
+template <typename Real>
+class GenericTransformation : public ::testing::Test
+{
+};
+using RealTypes = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(GenericTransformation, RealTypes);
+
+TYPED_TEST(GenericTransformation, ForwardThenInverseReturnsThePointSingleAndBatch)
+{
+    using Real = TypeParam;
+    forEachRandom<Real>(11, 20, [](int kind, const Xf<Real>& t, std::mt19937& rng) {
+        Xf<Real> inverse;
+        t.Inverse(inverse);
+        if (kind == kEqualMagnitudeMixedSigns)
+        {
+            // Equal magnitudes stay in RS form; an odd count of reflections moves into the
+            // first scale, an even count cancels.
+            const V3<Real>& s = t.GetScale();
+            const bool odd = ((s[0] < 0) + (s[1] < 0) + (s[2] < 0)) % 2 == 1;
+            EXPECT_TRUE(inverse.IsRSMatrix());
+            EXPECT_EQ(inverse.IsUniformScale(), !odd);
+            EXPECT_EQ(inverse.GetScale()[0] < 0, odd);
+            EXPECT_NEAR(inverse.GetMatrix().Determinant(), 1.0, 1e-5);
+        }
+        std::vector<V3<Real>> p(16), y(16), back(16), linear(16);
+        for (auto& v : p)
+            v = randomVector<Real>(rng, 10.0);
+        t.ApplyForward(16, p.data(), y.data(), true);
+        t.ApplyForward(16, p.data(), linear.data(), false);
+        t.ApplyInverse(16, y.data(), back.data());
+        for (int i = 0; i < 16; ++i)
+        {
+            EXPECT_TRUE(sameBits(y[i], t.ApplyForward(p[i], true)));
+            EXPECT_TRUE(sameBits(linear[i], t.ApplyForward(p[i], false)));
+            EXPECT_TRUE(sameBits(back[i], t.ApplyInverse(y[i], true)));
+            expectNear(back[i], p[i], roundTripBound(t));
+            expectNear(inverse.ApplyForward(y[i], true), p[i], roundTripBound(t));
+            expectNear(t.InvertVector(linear[i]), p[i], roundTripBound(t));
+        }
+    });
+}
+
+TYPED_TEST(GenericTransformation, ProductAppliesTheSecondThenTheFirstExceptTheAxisScaleShortcut)
+{
+    using Real = TypeParam;
+    forEachRandom<Real>(12, 4, [](int kindA, const Xf<Real>& a, std::mt19937& rng) {
+        for (int kindB = 0; kindB < kKindCount; ++kindB)
+        {
+            const Xf<Real> b = randomTransformation<Real>(kindB, rng);
+            Xf<Real> c = randomTransformation<Real>(rng() % kKindCount, rng);
+            c.Product(a, b);
+            // A non-uniform axis scale after a uniform rotation stays in RS form with the
+            // two linear parts swapped.
+            const bool shortcut = kindA == kAxisScale && b.IsUniformScale();
+            const V3<Real> origin = a.ApplyForward(b.ApplyForward(V3<Real>::ZERO, true), true);
+            const double bound = (1 + linearNorm(a)) * (1 + linearNorm(b)) *
+                                 (11 + maxAbs(a.GetTranslate()) + maxAbs(b.GetTranslate()));
+            double deviation = 0;
+            for (int i = 0; i < 8; ++i)
+            {
+                const V3<Real> p = randomVector<Real>(rng, 10.0);
+                const V3<Real> composed = a.ApplyForward(b.ApplyForward(p, true), true);
+                deviation = std::max(deviation, maxAbs(V3<Real>(c.ApplyForward(p, true) - composed)));
+                expectNear(c.ApplyForward(p, true),
+                           shortcut ? b.ApplyForward(a.ApplyForward(p, false), false) + origin : composed, bound);
+            }
+            if (shortcut && kindB != kIdentity)
+            {
+                EXPECT_GT(deviation, 1e-2);
+            }
+            if (a.IsRSMatrix() && b.IsRSMatrix() && a.IsUniformScale())
+            {
+                EXPECT_TRUE(c.IsRSMatrix());
+            }
+        }
+    });
+}
+
+TYPED_TEST(GenericTransformation, HomogeneousMatrixRoundTripsInBothConventions)
+{
+    using Real = TypeParam;
+    forEachRandom<Real>(13, 20, [](int kind, const Xf<Real>& t, std::mt19937& rng) {
+        M4<Real> h, back;
+        t.GetHomogeneous(h);
+        const V3<Real> p = randomVector<Real>(rng, 10.0);
+        const Wm4::Vector4<Real> row = Wm4::Vector4<Real>(p[0], p[1], p[2], Real(1)) * h;
+        expectNear(V3<Real>(row[0], row[1], row[2]), t.ApplyForward(p, true), roundTripBound(t));
+
+        Xf<Real> fromRows, fromColumns;
+        fromRows.FromHomogeneousMatrix(h, true);
+        fromColumns.FromHomogeneousMatrix(h.Transpose(), false);
+        EXPECT_TRUE(fromRows == fromColumns);
+        fromRows.GetHomogeneous(back);
+        for (int i = 0; i < 16; ++i)
+            EXPECT_NEAR(static_cast<const Real*>(back)[i], static_cast<const Real*>(h)[i], 1e-5);
+        if (kind == kRotation)
+        {
+            EXPECT_TRUE(fromRows.GetScale() == V3<Real>::ONE);
+        }
+
+        const V3<Real>& s = t.GetScale();
+        const int negatives = (s[0] < 0) + (s[1] < 0) + (s[2] < 0);
+        if (!t.IsRSMatrix() || negatives == 0)
+        {
+            EXPECT_TRUE(fromRows.Equals(t));
+            EXPECT_EQ(fromRows.IsRSMatrix(), t.IsRSMatrix());
+            return;
+        }
+        // A reflection ends up in the first scale, the other two come out positive.
+        const V3<Real>& r = fromRows.GetScale();
+        EXPECT_TRUE(fromRows.IsRSMatrix());
+        EXPECT_EQ(r[0] < 0, negatives % 2 == 1);
+        EXPECT_GT(r[1], 0);
+        EXPECT_GT(r[2], 0);
+        for (int i = 0; i < 3; ++i)
+            EXPECT_NEAR(std::fabs(r[i]), std::fabs(s[i]), 1e-5);
+    });
+}
+
+TYPED_TEST(GenericTransformation, MappedPlanesAndNormalsFitTheMappedGeometry)
+{
+    using Real = TypeParam;
+    forEachRandom<Real>(14, 20, [](int, const Xf<Real>& t, std::mt19937& rng) {
+        V3<Real> n = randomVector<Real>(rng, 1.0);
+        n.Normalize();
+        const V3<Real> u = n.UnitCross(randomVector<Real>(rng, 1.0)), v = n.Cross(u);
+        const Wm4::Plane3<Real> plane(n, Real(uniform(rng, -5.0, 5.0)));
+        const Wm4::Plane3<Real> mapped = t.ApplyForward(plane);
+        const V3<Real> normal = t.ApplyNormal(n);
+        const double bound = roundTripBound(t);
+        EXPECT_NEAR(mapped.Normal.Length(), 1.0, kEps<Real> * bound);
+        EXPECT_NEAR(normal.Length(), 1.0, kEps<Real> * bound);
+        for (int i = 0; i < 8; ++i)
+        {
+            const Real x = Real(uniform(rng, -5.0, 5.0)), y = Real(uniform(rng, -5.0, 5.0));
+            EXPECT_NEAR(mapped.DistanceTo(t.ApplyForward(n * plane.Constant + u * x + v * y, true)), 0.0,
+                        kEps<Real> * bound * 4);
+            EXPECT_NEAR(normal.Dot(t.ApplyForward(u * x + v * y, false)), 0.0, kEps<Real> * bound);
+        }
+    });
+}
+
+TYPED_TEST(GenericTransformation, IdentityPassesPointsThroughBitForBitAndBatchesMatchSingleCalls)
+{
+    using Real = TypeParam;
+    const Real inf = std::numeric_limits<Real>::infinity(), nan = std::numeric_limits<Real>::quiet_NaN();
+    const V3<Real> in[3] = {V3<Real>(Real(-0.0), Real(1.5), std::numeric_limits<Real>::denorm_min()),
+                            V3<Real>(nan, -inf, Real(3)), V3<Real>(Real(7), Real(-0.0), Real(-2))};
+    const Xf<Real> t;
+    V3<Real> out[4];
+    std::memset(static_cast<void*>(out), 0x5a, sizeof(out));
+    const V3<Real> sentinel = out[3];
+    for (const V3<Real>& p : in)
+    {
+        EXPECT_TRUE(sameBits(t.ApplyForward(p, true), p));
+        EXPECT_TRUE(sameBits(t.ApplyForward(p, false), p));
+        EXPECT_TRUE(sameBits(t.ApplyInverse(p, true), p));
+        EXPECT_TRUE(sameBits(t.InvertVector(p), p));
+    }
+    t.ApplyForward(3, in, out, true);
+    EXPECT_EQ(std::memcmp(in, out, sizeof(in)), 0);
+    std::memset(static_cast<void*>(out), 0x5a, sizeof(out));
+    t.ApplyInverse(3, in, out);
+    EXPECT_EQ(std::memcmp(in, out, sizeof(in)), 0);
+    EXPECT_TRUE(sameBits(out[3], sentinel));
+    Xf<Real> scaled;
+    scaled.SetUniformScale(Real(2));
+    scaled.ApplyForward(-1, in, out + 3, true);
+    scaled.ApplyInverse(0, in, out + 3);
+    EXPECT_TRUE(sameBits(out[3], sentinel));
+    const V3<Real> negative(Real(-0.0), Real(-1), Real(-2));
+    scaled.ApplyForward(1, &negative, out, false);
+    EXPECT_TRUE(sameBits(out[0], scaled.ApplyForward(negative, false)));
+    EXPECT_TRUE(std::signbit(out[0][0]));
+}
+
+TYPED_TEST(GenericTransformation, IdentityFlagMixesExactValueEqualityWithABitwiseMatrixTest)
+{
+    using Real = TypeParam;
+    const V3<Real> p(Real(1.25), Real(-3), Real(0.5));
+    M3<Real> negativeZero = M3<Real>::IDENTITY;
+    negativeZero[0][1] = Real(-0.0);
+    Xf<Real> t;
+    t.SetRotate(negativeZero);
+    EXPECT_FALSE(t.IsIdentity());
+    t.SetRotate(M3<Real>::IDENTITY);
+    t.SetTranslate(V3<Real>(Real(-0.0), Real(0), Real(-0.0)));
+    EXPECT_TRUE(t.IsIdentity());
+
+    // MakeUnitScale leaves the flag stale until asked.
+    t.SetUniformScale(Real(2));
+    t.MakeUnitScale();
+    EXPECT_FALSE(t.IsIdentity());
+    EXPECT_TRUE(t.IsUniformScale());
+    t.recomputeIsIdentity();
+    EXPECT_TRUE(t.IsIdentity());
+
+    // A general identity matrix is still the identity, but not RS form.
+    t.SetMatrix(M3<Real>::IDENTITY);
+    EXPECT_TRUE(t.IsIdentity());
+    EXPECT_FALSE(t.IsRSMatrix());
+    EXPECT_FALSE(t.IsUniformScale());
+    EXPECT_EQ(t.GetNorm(), Real(1));
+    Xf<Real> inverse;
+    t.Inverse(inverse);
+    EXPECT_TRUE(inverse == t);
+
+    // Outside RS form the scale is ignored but keeps the flag false.
+    t.SetUniformScale(Real(3));
+    EXPECT_FALSE(t.IsIdentity());
+    EXPECT_TRUE(sameBits(t.ApplyForward(p, true), p));
+
+    Xf<Real> a, b, product;
+    a.SetMatrix(M3<Real>(Real(2), Real(4), Real(0.5)));
+    b.SetMatrix(M3<Real>(Real(0.5), Real(0.25), Real(2)));
+    product.SetUniformScale(Real(2));
+    product.Product(a, b);
+    EXPECT_TRUE(product.GetMatrix() == M3<Real>::IDENTITY);
+    EXPECT_TRUE(product.GetTranslate() == V3<Real>::ZERO);
+    EXPECT_TRUE(product.GetScale() == V3<Real>(Real(2), Real(2), Real(2)));
+    EXPECT_FALSE(product.IsIdentity());
+    EXPECT_FALSE(product.IsRSMatrix());
+    EXPECT_TRUE(sameBits(product.ApplyForward(p, true), p));
+    M4<Real> h;
+    product.GetHomogeneous(h);
+    EXPECT_TRUE(h == M4<Real>(false));
+
+    // An identity side is a plain copy, stale scale and flags included.
+    Xf<Real> identity, copy;
+    copy.Product(identity, t);
+    EXPECT_TRUE(copy == t);
+    copy.Product(t, identity);
+    EXPECT_TRUE(copy == t);
+}
+
+TYPED_TEST(GenericTransformation, GetNormOfARotationIsItsRowSumNotOne)
+{
+    using Real = TypeParam;
+    Xf<Real> t;
+    t.SetRotate(toReal<Real>(M3<double>(V3<double>::UNIT_Z, std::atan(1.0))));
+    EXPECT_NEAR(t.GetNorm(), std::sqrt(2.0), 1e-6);
+    t.SetScale(V3<Real>(Real(2), Real(-3), Real(1)));
+    EXPECT_EQ(t.GetNorm(), Real(3));
+    t.SetMatrix(M3<Real>(Real(1), Real(-2), Real(0), Real(3), Real(0), Real(-4), Real(1), Real(1), Real(1)));
+    EXPECT_EQ(t.GetNorm(), Real(7));
+}
+
+TYPED_TEST(GenericTransformation, ZeroScalesInvertToMaxRealSinglyAndNonFiniteInBatches)
+{
+    using Real = TypeParam;
+    Xf<Real> t;
+    t.SetRotate(toReal<Real>(M3<double>(V3<double>::UNIT_X, 0.3)));
+    t.SetTranslate(V3<Real>(Real(1), Real(2), Real(3)));
+    t.SetUniformScale(Real(0));
+    const Real big = Wm4::Math<Real>::MAX_REAL;
+    const V3<Real> p(Real(4), Real(-5), Real(6)), maxReal(big, big, big);
+    EXPECT_TRUE(sameBits(t.ApplyInverse(p, true), maxReal));
+    EXPECT_TRUE(sameBits(t.InvertVector(p), maxReal));
+    V3<Real> out;
+    t.ApplyInverse(1, &p, &out);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(std::isfinite(out[i]));
+
+    t.SetScale(V3<Real>(Real(0), Real(1), Real(2)));
+    EXPECT_FALSE(std::isfinite(t.InvertVector(p)[0]));
+    Xf<Real> inverse;
+    t.SetRotate(M3<Real>::IDENTITY);
+    t.Inverse(inverse);
+    // The reciprocal matrix is a full product, so the infinite row meets zeros.
+    EXPECT_TRUE(std::isinf(inverse.GetMatrix()[0][0]));
+    EXPECT_TRUE(std::isnan(inverse.GetMatrix()[0][1]));
+    EXPECT_TRUE(std::isnan(inverse.GetMatrix()[0][2]));
+    t.SetScale(V3<Real>(Real(-2), Real(4), Real(8)));
+    t.Inverse(inverse);
+    EXPECT_FALSE(std::signbit(inverse.GetMatrix()[0][1]));
+
+    EXPECT_TRUE(t.IsFinite());
+    t.GetRotate()[2][1] = std::numeric_limits<Real>::quiet_NaN();
+    EXPECT_FALSE(t.IsFinite());
+    t.SetRotate(M3<Real>::IDENTITY);
+    t.SetTranslate(V3<Real>(Real(0), std::numeric_limits<Real>::infinity(), Real(0)));
+    EXPECT_FALSE(t.IsFinite());
+}
+
+TYPED_TEST(GenericTransformation, NegativeDeterminantsAreSingularUnlessCloseToMinusOne)
+{
+    using Real = TypeParam;
+    const Real tolerance = Wm4::Math<Real>::ZERO_TOLERANCE;
+    struct Case
+    {
+        M3<Real> m;
+        bool invertible;
+    } cases[] = {{M3<Real>(Real(-2), Real(1), Real(1)), false},
+                 {M3<Real>(Real(-0.5), Real(1), Real(1)), false},
+                 {M3<Real>(tolerance / 2, Real(1), Real(1)), false},
+                 {M3<Real>(Real(-1), Real(1), Real(1)), true},
+                 {M3<Real>(Real(0), Real(1), Real(0), Real(1), Real(0), Real(0), Real(0), Real(0), Real(1)), true},
+                 {M3<Real>(Real(0.5), Real(1), Real(1)), true}};
+    const V3<Real> p(Real(1), Real(2), Real(3));
+    for (const Case& c : cases)
+    {
+        Xf<Real> t, inverse;
+        t.SetMatrix(c.m);
+        t.Inverse(inverse);
+        if (c.invertible)
+        {
+            EXPECT_TRUE(c.m * inverse.GetMatrix() == M3<Real>::IDENTITY);
+            EXPECT_TRUE(t.ApplyForward(t.ApplyInverse(p, false), false) == p);
+        }
+        else
+        {
+            EXPECT_TRUE(inverse.GetMatrix() == M3<Real>::ZERO);
+            EXPECT_TRUE(t.ApplyInverse(p, false) == V3<Real>::ZERO);
+        }
+    }
+}
+
+TYPED_TEST(GenericTransformation, DecompositionDropsTinyTranslationsAndKeepsMirrorsAndNegativeShear)
+{
+    using Real = TypeParam;
+    M4<Real> h(false);
+    h[3][0] = Real(0.0005);
+    Xf<Real> t;
+    t.FromHomogeneousMatrix(h, true);
+    EXPECT_TRUE(t.IsIdentity());
+    EXPECT_TRUE(t.GetTranslate() == V3<Real>::ZERO);
+    h[3][0] = Real(0);
+    h[1][3] = Real(0.0011);
+    t.FromHomogeneousMatrix(h, false);
+    EXPECT_TRUE(t.GetTranslate() == V3<Real>(Real(0), Real(0.0011), Real(0)));
+
+    M4<Real> mirror(false);
+    mirror[1][1] = Real(-1);
+    t.FromHomogeneousMatrix(mirror, true);
+    EXPECT_TRUE(t.IsRSMatrix());
+    EXPECT_FALSE(t.IsUniformScale());
+    EXPECT_TRUE(t.GetScale() == V3<Real>(Real(-1), Real(1), Real(1)));
+    EXPECT_NEAR(t.GetMatrix().Determinant(), 1.0, 1e-6);
+    expectNear(t.ApplyForward(V3<Real>(Real(1), Real(2), Real(3)), true), V3<Real>(Real(1), Real(-2), Real(3)), 4);
+
+    // Within 1e-6 of the identity a linear part is dropped, even with unequal scales.
+    M4<Real> almost(false);
+    almost[0][0] = Real(1 + 8e-7);
+    almost[1][1] = Real(1 - 8e-7);
+    t.FromHomogeneousMatrix(almost, true);
+    EXPECT_TRUE(t.IsIdentity());
+    M4<Real> nearRotation(false);
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            nearRotation[i][j] = Real(2 * M3<double>(V3<double>::UNIT_Y, 2e-7)[j][i]);
+    t.FromHomogeneousMatrix(nearRotation, true);
+    EXPECT_TRUE(t.GetMatrix() == M3<Real>::IDENTITY);
+    EXPECT_NEAR(t.GetUniformScale(), 2.0, 1e-6);
+
+    // The cross-term test has no absolute value: a slightly negative shear passes as RS.
+    for (Real shear : {Real(-5e-4), Real(5e-4)})
+    {
+        M4<Real> sheared(false);
+        sheared[1][0] = shear;
+        t.FromHomogeneousMatrix(sheared, true);
+        EXPECT_EQ(t.IsRSMatrix(), shear < 0);
+        EXPECT_NEAR(t.GetMatrix()[0][1], shear, 1e-6);
+    }
+}
+
+TYPED_TEST(GenericTransformation, EqualsIgnoresFlagsWhileTheOperatorComparesEverythingExactly)
+{
+    using Real = TypeParam;
+    Xf<Real> a, b;
+    b.SetMatrix(M3<Real>::IDENTITY);
+    EXPECT_TRUE(a.Equals(b));
+    EXPECT_FALSE(a == b);
+    b = a;
+    EXPECT_TRUE(a == b);
+    M3<Real> m = M3<Real>::IDENTITY;
+    m[0][1] = Real(5e-7);
+    b.SetRotate(m);
+    EXPECT_TRUE(a.Equals(b));
+    EXPECT_FALSE(a == b);
+    m[0][1] = Real(2e-6);
+    b.SetRotate(m);
+    EXPECT_FALSE(a.Equals(b));
+    b = a;
+    b.SetTranslate(V3<Real>(Real(9e-4), Real(0), Real(0)));
+    EXPECT_TRUE(a.Equals(b));
+    b.SetTranslate(V3<Real>(Real(0), Real(0), Real(1.1e-3)));
+    EXPECT_FALSE(a.Equals(b));
+}
+} // namespace
