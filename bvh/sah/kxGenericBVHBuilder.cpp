@@ -1,5 +1,6 @@
 #include "kxGenericBVHBuilder.h"
 #include "kxSAHInternal.h"
+#include "../kxHugePages.h"
 
 #include <utility>
 
@@ -47,6 +48,13 @@ void kxGenericBVHBuilder::prepare(const kxLinearGenericBVHBuilder::tPrimitiveCon
 {
     const uint32_t n = container.getQuantity();
     kxGNode root;
+    // Each work array is touched page by page as it is first filled.
+    kxMemory::reserveWithHugePages(mPrimitiveBoxes, n);
+    kxMemory::reserveWithHugePages(mIndices, n);
+    kxMemory::reserveWithHugePages(mMedianPermutation, n);
+    kxMemory::reserveWithHugePages(mMedianScratch, n);
+    kxMemory::reserveWithHugePages(mMedianKeys, n);
+    kxMemory::reserveWithHugePages(mMedianKeyScratch, n);
     mPrimitiveBoxes.resize(n);
     mIndices.resize(n);
     for (uint32_t i = 0; i < n; ++i)
