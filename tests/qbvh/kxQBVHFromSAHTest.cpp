@@ -46,12 +46,11 @@ TEST(QBVHFromSAH, AnswersRaysAsTheLinearHierarchyAndBruteForceDo)
     {
         SCOPED_TRACE(name);
         const kxBVHTriangleContainer container(*mesh);
-        kxGenericBVH sahTree, linearTree;
+        kxGenericBVH sahTree;
         kxGenericBVHBuilder().build(container, sahTree);
-        kxLinearGenericBVHBuilder().build(container, linearTree, nullptr, 20);
         kxQBVH fromSAH, fromLinear;
         fromSAH.buildFromBVH(kxQBVH::eTrianglesEquations, sahTree, *mesh);
-        fromLinear.buildFromBVH(kxQBVH::eTrianglesEquations, linearTree, *mesh);
+        fromLinear.buildFromMesh(kxQBVH::eTrianglesEquations, *mesh, 4);
         const auto slots = locateTriangles(fromSAH);
         ASSERT_EQ(slots.size(), container.getQuantity());
 
