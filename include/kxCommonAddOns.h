@@ -23,6 +23,8 @@
 #include "kxCancelInterface.h"
 #include "kxCommonAddOnsVersion.h"
 #include "kxGenericBVH.h"
+#include "kxGenericBVH2D.h"
+#include "kxGenericBVHBuilder.h"
 #include "kxGenericTransformation.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"

@@ -190,6 +190,16 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
            const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, const uint32_t* primitiveIndexes,
            uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
 {
+    // Boxes are computed for the fused tree only, but a cancel source is polled once per
+    // emitted record, as a refit of the whole emitted tree would poll it, so that where a
+    // cancel lands among the build's polls and log lines does not depend on fusing.
+    if (cancel)
+    {
+        const uint64_t emitted = 2u * tree.leafCount - 1u;
+        for (uint64_t record = nodes.size(); record < emitted; ++record)
+            if (cancelled(cancel))
+                return false;
+    }
     // The only leaf without primitives is the root of an empty tree; its box stays empty.
     if (quantity == 0)
         return !cancelled(cancel);

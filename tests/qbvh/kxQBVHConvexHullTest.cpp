@@ -158,7 +158,7 @@ TEST(QBVHConvexHull, RandomRegionsMatchAClipOfEveryTriangleAndTheScalarPath)
     SoupOptions soup;
     soup.degenerates = true;
     soup.duplicates = true;
-    for (int shape = 0; shape < 4; ++shape)
+    for (int shape = 0; shape < 5; ++shape)
     {
         MedianSplitOptions split;
         split.breadthFirst = shape == 1;
@@ -166,7 +166,11 @@ TEST(QBVHConvexHull, RandomRegionsMatchAClipOfEveryTriangleAndTheScalarPath)
         split.maxLeafSize = shape == 3 ? 400 : 4;
         auto mesh = randomSoup(rng, 300, soup);
         kxQBVH qbvh;
-        qbvh.buildFromBVH(kxQBVH::eTrianglesVertices, buildMedianSplitBVH(*mesh, split), *mesh);
+        // The last shape goes through the whole pipeline from the mesh.
+        if (shape == 4)
+            qbvh.buildFromMesh(kxQBVH::eTrianglesVertices, *mesh, 4);
+        else
+            qbvh.buildFromBVH(kxQBVH::eTrianglesVertices, buildMedianSplitBVH(*mesh, split), *mesh);
         for (int r = 0; r < 400; ++r)
         {
             const std::vector<Plane> planes = randomPlanes(rng, qbvh.getBBox(), r % 4);

@@ -1,3 +1,5 @@
+#include "kxBVHContainers.h"
+#include "kxCapturingLog.h"
 #include "kxMedianSplitBVH.h"
 #include "kxQBVH.h"
 #include "kxQBVHTestUtil.h"
@@ -183,6 +185,37 @@ TEST(QBVHLayout, CollapseNumbersNodesAndLeafGroupsInBinaryOrderForEveryTreeShape
             EXPECT_EQ(qbvh.getBBox(), bvh.mNodes[0].bbox);
             if (testing::Test::HasFailure())
                 FAIL() << "shape " << shape << " flags " << flags;
+        }
+    }
+}
+
+TEST(QBVHLayout, BuildFromMeshCollapsesTheLinearBuildAt20BitsWithTheGivenLeafLimit)
+{
+    kx::kxCapturingLog quiet;
+    quiet.install();
+    std::mt19937 rng(23);
+    SoupOptions soup;
+    soup.degenerates = true;
+    soup.duplicates = true;
+    auto mesh = randomSoup(rng, 600, soup);
+    for (unsigned int limit : {0u, 1u, 4u, 37u, 600u})
+    {
+        kxGenericBVH bvh;
+        kxLinearGenericBVHBuilder builder;
+        builder.setMaxPrimitivesPerLeaf(limit);
+        ASSERT_TRUE(builder.build(kxBVHTriangleContainer(*mesh), bvh, nullptr, 20));
+        for (unsigned int flags = 0; flags < 4; ++flags)
+        {
+            kxQBVH qbvh;
+            qbvh.buildFromMesh(static_cast<kxQBVH::tQBVHDataFlags>(flags), *mesh, limit);
+            checkCollapse(qbvh, bvh, *mesh, flags);
+            EXPECT_EQ(qbvh.getBBox(), bvh.mNodes[0].bbox);
+            if (limit >= 600u)
+            {
+                EXPECT_EQ(qbvh.getNodeCount(), 0u);
+            }
+            if (testing::Test::HasFailure())
+                FAIL() << "leaf limit " << limit << " flags " << flags;
         }
     }
 }

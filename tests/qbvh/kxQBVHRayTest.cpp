@@ -108,10 +108,15 @@ struct Scene
     kxQBVH qbvh;
 };
 
-void build(Scene& scene, std::mt19937& rng, int triangles, const SoupOptions& soup, const MedianSplitOptions& split)
+// A leaf limit for the whole pipeline from the mesh, or 0 for a median-split hierarchy.
+void build(Scene& scene, std::mt19937& rng, int triangles, const SoupOptions& soup, const MedianSplitOptions& split,
+           unsigned int fromMeshLeafLimit = 0)
 {
     scene.mesh = randomSoup(rng, triangles, soup);
-    scene.qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*scene.mesh, split), *scene.mesh);
+    if (fromMeshLeafLimit > 0)
+        scene.qbvh.buildFromMesh(kxQBVH::eTrianglesEquations, *scene.mesh, fromMeshLeafLimit);
+    else
+        scene.qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*scene.mesh, split), *scene.mesh);
 }
 } // namespace
 
@@ -126,6 +131,7 @@ TEST(QBVHRay, RandomRaysMatchBruteForceAndTheScalarPathForEveryPolicyAndInterval
         int triangles;
         SoupOptions soup;
         MedianSplitOptions split;
+        unsigned int fromMeshLeafLimit;
     };
     SoupOptions all;
     all.degenerates = true;
@@ -136,12 +142,13 @@ TEST(QBVHRay, RandomRaysMatchBruteForceAndTheScalarPathForEveryPolicyAndInterval
     MedianSplitOptions levels;
     levels.breadthFirst = true;
     levels.spareRecords = 100;
-    const Config configs[] = {{400, SoupOptions{}, MedianSplitOptions{}}, {300, all, wide}, {350, all, levels},
-                              {3, SoupOptions{}, MedianSplitOptions{}}};
+    const Config configs[] = {{400, SoupOptions{}, MedianSplitOptions{}, 0}, {300, all, wide, 0},
+                              {350, all, levels, 0},                        {3, SoupOptions{}, MedianSplitOptions{}, 0},
+                              {500, all, MedianSplitOptions{}, 4},          {400, SoupOptions{}, MedianSplitOptions{}, 13}};
     for (const Config& config : configs)
     {
         Scene scene;
-        build(scene, rng, config.triangles, config.soup, config.split);
+        build(scene, rng, config.triangles, config.soup, config.split, config.fromMeshLeafLimit);
         const auto slots = locateTriangles(scene.qbvh);
         ASSERT_EQ(slots.size(), static_cast<size_t>(config.triangles));
         for (int r = 0; r < 300; ++r)

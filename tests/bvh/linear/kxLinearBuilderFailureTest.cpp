@@ -9,15 +9,14 @@ using namespace kxLinearTest;
 namespace
 {
 // One poll after each of the codes, the sort, the run counting and the run lists; one per
-// level; one per emitted record while fusing, one after the count and one after
-// renumbering; one per kept record and per primitive in the refit, then one after it; one
-// at the end.
-uint64_t expectedPolls(uint64_t quantity, unsigned bits, const Reference& reference, uint32_t maxPrimitivesPerLeaf)
+// level; one per emitted record and per primitive in the refit, then one after it; one per
+// emitted record while fusing, one after the count and one after renumbering; one at the
+// end. Fusing changes none of it.
+uint64_t expectedPolls(uint64_t quantity, unsigned bits, const Reference& reference)
 {
     const uint64_t levels = 3 * std::min(bits, 21u);
     const uint64_t emitted = 2 * reference.distinctCodes - 1;
-    const uint64_t kept = fusedReference(reference, maxPrimitivesPerLeaf).mNodes.size();
-    return 4 + levels + emitted + 2 + (kept + quantity) + 1 + 1;
+    return 4 + levels + (emitted + quantity) + 1 + (emitted + 2) + 1;
 }
 } // namespace
 
@@ -35,7 +34,7 @@ TEST(LinearBuilderCancel, PollsAfterEveryPhaseAndLevelAndOnEveryRecordAndPrimiti
             kxLinearGenericBVHBuilder builder;
             kxGenericBVH bvh;
             ASSERT_TRUE(builder.build(kxBoxListContainer(boxes), bvh, &counter, bits));
-            EXPECT_EQ(counter.polls(), expectedPolls(quantity, bits, buildReference(boxes, bits), 4));
+            EXPECT_EQ(counter.polls(), expectedPolls(quantity, bits, buildReference(boxes, bits)));
         }
     }
 }
@@ -49,7 +48,7 @@ TEST(LinearBuilderCancel, StopsAtEveryPollAndBuildsCleanlyAfterwards)
         const std::vector<kxBBox> boxes = makeScenes(60, 21)[0].boxes;
         const kxBoxListContainer container(boxes);
         const Reference reference = buildReference(boxes, bits);
-        const uint64_t polls = expectedPolls(boxes.size(), bits, reference, 4);
+        const uint64_t polls = expectedPolls(boxes.size(), bits, reference);
         kxLinearGenericBVHBuilder builder;
         kxGenericBVH bvh;
         for (uint64_t k = 1; k <= polls; ++k)
@@ -90,6 +89,29 @@ TEST(LinearBuilderCancel, LogsUpToThePhaseThatWasCancelled)
             EXPECT_EQ(lines[1], nothingAllocated);
         else
             EXPECT_NE(lines[1], nothingAllocated);
+    }
+}
+
+TEST(LinearBuilderCancel, WritesTheFuseLineOnlyWhenEveryPollButTheLastHasPassed)
+{
+    kx::kxCapturingLog log;
+    log.install();
+    const std::vector<kxBBox> boxes = makeScenes(200, 5)[0].boxes;
+    const uint64_t polls = expectedPolls(boxes.size(), 20, buildReference(boxes, 20));
+    for (uint64_t k : {polls - 1, polls})
+    {
+        SCOPED_TRACE("cancel at poll " + std::to_string(k) + " of " + std::to_string(polls));
+        log.clear();
+        kxCountingCancel cancel(k);
+        kxLinearGenericBVHBuilder builder;
+        kxGenericBVH bvh;
+        ASSERT_FALSE(builder.build(kxBoxListContainer(boxes), bvh, &cancel, 20));
+        const std::vector<std::string> lines = log.messages();
+        ASSERT_EQ(lines.size(), k == polls ? 4u : 3u);
+        if (k == polls)
+        {
+            EXPECT_EQ(lines[3].rfind("fuse ", 0), 0u) << lines[3];
+        }
     }
 }
 
