@@ -1,4 +1,5 @@
 // kxbvh info against the figures the library computes itself for the same triangles.
+#include "kxStandardOutputCapture.h"
 #include "kxbvhTestSupport.h"
 
 #include <kxBVHContainers.h>
@@ -10,8 +11,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <iostream>
-#include <sstream>
 
 using namespace kxbvhtest;
 using nlohmann::json;
@@ -38,11 +37,12 @@ json libraryFigures(const TriangleSoup& soup, const std::string& builder, unsign
 
     int nodes, leaves, minLeaf, maxLeaf;
     float avgLeaf;
-    std::ostringstream printed;
-    std::streambuf* saved = std::cout.rdbuf(printed.rdbuf());
-    bvh.getBVHInfo(nodes, leaves, minLeaf, maxLeaf, avgLeaf);
-    std::cout.rdbuf(saved);
-    const std::string line = printed.str();
+    std::string line;
+    {
+        const kxStandardOutputCapture printed;
+        bvh.getBVHInfo(nodes, leaves, minLeaf, maxLeaf, avgLeaf);
+        line = printed.text();
+    }
     const size_t at = line.find("max at lvl:");
     EXPECT_NE(at, std::string::npos) << line;
 
