@@ -6,8 +6,7 @@
 
 #include <cstdint>
 
-// A small streamable object that counts its live instances, so tests can see leaks and
-// deletions directly.
+// A streamable object that counts its live instances, so tests see leaks directly.
 class TestThing : public kx::kxObject
 {
 public:
@@ -30,15 +29,12 @@ public:
         stream.readle(2, 1, &mSmall);
         stream.readle(8, 1, &mValue);
     }
-    void PostLink(kx::kxBaseStream& stream) override
-    {
-        kx::kxObject::PostLink(stream);
-        ++mPostLinks;
-    }
+    void PostLink(kx::kxBaseStream&) override { ++mPostLinks; }
 
+    template <class T>
     static kx::kxObject* Factory(kx::kxBaseStream& stream)
     {
-        TestThing* thing = new TestThing;
+        T* thing = new T;
         thing->Load(stream);
         return thing;
     }
@@ -46,14 +42,6 @@ public:
     uint16_t mSmall = 0;
     double mValue = 0.0;
     int mPostLinks = 0;
-};
-
-// A subtype, for run-time type queries.
-class TestSubThing : public TestThing
-{
-public:
-    static const kx::kxRtti TYPE;
-    const kx::kxRtti& GetType() const override { return TYPE; }
 };
 
 #endif
