@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <random>
 #include <stdexcept>
@@ -17,70 +16,33 @@ kx::kxPointer<kx::kxVertexBuffer> randomVertices(int quantity, std::mt19937& ran
         vertices->Position3(i) = Wm4::Vector3<float>(coordinate(random), coordinate(random), coordinate(random));
     return vertices;
 }
-
-kxBBox boundingBox(std::initializer_list<Wm4::Vector3<float>> points)
-{
-    kxBBox box;
-    for (int a = 0; a < 3; ++a)
-    {
-        box.min[a] = box.max[a] = points.begin()[0][a];
-        for (const Wm4::Vector3<float>& p : points)
-        {
-            box.min[a] = std::min(box.min[a], p[a]);
-            box.max[a] = std::max(box.max[a], p[a]);
-        }
-    }
-    return box;
-}
 } // namespace
 
-TEST(TriangleContainer, EachBoxBoundsItsTrianglesThreeVerticesAndTrailingIndicesAreIgnored)
+TEST(TriangleContainer, BoxesBoundEachTriangleOnceAndIgnoreTrailingIndices)
 {
     std::mt19937 random(17);
-    for (int indexQuantity : {3, 7, 8, 9, 300, 3001})
+    for (int indexQuantity : {3, 7, 8, 300, 3001})
     {
-        SCOPED_TRACE(std::to_string(indexQuantity) + " indices");
         kx::kxPointer<kx::kxVertexBuffer> vertices = randomVertices(50, random);
         kx::kxPointer<kx::kxIndexBuffer> indices = new kx::kxIndexBuffer(indexQuantity);
         for (int i = 0; i < indexQuantity; ++i)
-            indices->GetData()[i] = random() % 50;
-        // Indices that do not complete a triangle name no vertex at all: reading one fails.
-        for (int i = indexQuantity / 3 * 3; i < indexQuantity; ++i)
-            indices->GetData()[i] = 0x7FFFFFF0u;
-        if (indexQuantity == 300)
-            indices->GetData()[3] = indices->GetData()[4] = indices->GetData()[5];
-
-        const kx::kxTriMesh mesh(vertices, indices);
-        const kxBVHTriangleContainer fromMesh(mesh);
-        const kxBVHTriangleContainer fromBuffers(vertices, indices);
-        ASSERT_EQ(fromMesh.getQuantity(), static_cast<uint32_t>(indexQuantity / 3));
-        ASSERT_EQ(fromBuffers.getQuantity(), fromMesh.getQuantity());
-        for (uint32_t t = 0; t < fromMesh.getQuantity(); ++t)
+            indices->GetData()[i] = i < indexQuantity / 3 * 3 ? random() % 50 : 0x7FFFFFF0u; // never read
+        indices->GetData()[1] = indices->GetData()[2];
+        const kxBVHTriangleContainer container(kx::kxTriMesh(vertices, indices));
+        ASSERT_EQ(container.getQuantity(), uint32_t(indexQuantity / 3));
+        for (uint32_t t = 0; t < container.getQuantity(); ++t)
         {
-            const unsigned int* index = indices->GetData() + 3 * t;
-            const kxBBox expected = boundingBox({vertices->Position3(static_cast<int>(index[0])),
-                                                 vertices->Position3(static_cast<int>(index[1])),
-                                                 vertices->Position3(static_cast<int>(index[2]))});
-            EXPECT_EQ(fromMesh.getBBox(t), expected) << "triangle " << t;
-            EXPECT_EQ(fromBuffers.getBBox(t), expected) << "triangle " << t;
+            kxBBox expected;
+            for (int corner = 0; corner < 3; ++corner)
+                expected.extend(vertices->Position3(int(indices->GetData()[3 * t + corner])));
+            EXPECT_EQ(container.getBBox(t), expected) << indexQuantity << " indices, triangle " << t;
         }
+        // Taken at construction: later edits of the buffers do not show.
+        const kxBBox first = container.getBBox(0);
+        vertices->Position3(int(indices->GetData()[0])) = Wm4::Vector3<float>(1e6f, 1e6f, 1e6f);
+        indices->SetIndexQuantity(0);
+        EXPECT_EQ(container.getBBox(0), first);
     }
-}
-
-TEST(TriangleContainer, BoxesAreTakenOnceAtConstruction)
-{
-    std::mt19937 random(3);
-    kx::kxPointer<kx::kxVertexBuffer> vertices = randomVertices(3, random);
-    kx::kxPointer<kx::kxIndexBuffer> indices = new kx::kxIndexBuffer(3);
-    indices->GetData()[1] = 1;
-    indices->GetData()[2] = 2;
-    const kx::kxTriMesh mesh(vertices, indices);
-    const kxBVHTriangleContainer container(mesh);
-    const kxBBox before = container.getBBox(0);
-    vertices->Position3(0) = Wm4::Vector3<float>(1e6f, 1e6f, 1e6f);
-    indices->SetIndexQuantity(0);
-    EXPECT_EQ(container.getQuantity(), 1u);
-    EXPECT_EQ(container.getBBox(0), before);
 }
 
 TEST(TriangleContainer, ShortIndexCountsGiveNoTrianglesAndNegativeTriangleCountsALengthError)
@@ -88,10 +50,10 @@ TEST(TriangleContainer, ShortIndexCountsGiveNoTrianglesAndNegativeTriangleCounts
     kx::kxPointer<kx::kxVertexBuffer> vertices = new kx::kxVertexBuffer(3);
     for (int quantity = -2; quantity <= 2; ++quantity)
     {
-        kx::kxPointer<kx::kxIndexBuffer> indices = new kx::kxIndexBuffer(quantity);
+        const kx::kxPointer<kx::kxIndexBuffer> indices = new kx::kxIndexBuffer(quantity);
         EXPECT_EQ(kxBVHTriangleContainer(vertices, indices).getQuantity(), 0u) << quantity << " indices";
     }
-    for (int quantity : {-3, -4, -5, -6, -300, INT_MIN})
+    for (int quantity : {-3, -300, INT_MIN})
     {
         kx::kxPointer<kx::kxIndexBuffer> indices = new kx::kxIndexBuffer(quantity);
         try
@@ -111,7 +73,7 @@ TEST(MeshContainer, EachBoxBoundsEveryVertexOfItsMeshAndAnEmptyMeshKeepsTheEmpty
     std::mt19937 random(29);
     std::vector<kx::kxPointer<kx::kxTriMesh>> meshes;
     std::vector<kx::kxTriMesh*> list;
-    for (int vertexQuantity : {40, 0, 1, 7, 0, 500})
+    for (int vertexQuantity : {40, 0, 1, 500})
     {
         // Vertices no triangle uses count as well: one triangle over vertex 0 only.
         meshes.push_back(new kx::kxTriMesh(randomVertices(vertexQuantity, random), new kx::kxIndexBuffer(3)));
@@ -119,27 +81,13 @@ TEST(MeshContainer, EachBoxBoundsEveryVertexOfItsMeshAndAnEmptyMeshKeepsTheEmpty
     }
     const kxBVHMeshContainer container(list);
     ASSERT_EQ(container.getQuantity(), list.size());
-    for (size_t m = 0; m < list.size(); ++m)
+    for (unsigned int m = 0; m < list.size(); ++m)
     {
-        const kx::kxVertexBuffer* vertices = list[m]->GetVertexBuffer();
         kxBBox expected;
-        if (vertices->GetVertexQuantity() > 0)
-        {
-            for (int a = 0; a < 3; ++a)
-            {
-                expected.min[a] = expected.max[a] = vertices->Position3(0)[a];
-                for (int i = 1; i < vertices->GetVertexQuantity(); ++i)
-                {
-                    expected.min[a] = std::min(expected.min[a], vertices->Position3(i)[a]);
-                    expected.max[a] = std::max(expected.max[a], vertices->Position3(i)[a]);
-                }
-            }
-        }
-        EXPECT_EQ(container.getBBox(static_cast<unsigned int>(m)), expected) << "mesh " << m;
+        for (int i = 0; i < list[m]->GetVertexBuffer()->GetVertexQuantity(); ++i)
+            expected.extend(list[m]->GetVertexBuffer()->Position3(i));
+        EXPECT_EQ(container.getBBox(m), expected) << "mesh " << m;
     }
     EXPECT_EQ(container.getBBox(1), kxBBox());
-
-    meshes[0]->GetVertexBuffer()->Position3(0) = Wm4::Vector3<float>(1e9f, 1e9f, 1e9f);
-    EXPECT_LT(container.getBBox(0).max[0], 1e9f);
     EXPECT_EQ(kxBVHMeshContainer({}).getQuantity(), 0u);
 }

@@ -1,5 +1,5 @@
-# cmake -P script: install, configure and build the consumer, run it, then compile the
-# same program with the flags pkg-config gives.
+# cmake -P script: install, build and run the consumer through find_package, then compile
+# it again with the flags pkg-config gives.
 set(prefix "${KX_WORK_DIR}/prefix")
 set(build "${KX_WORK_DIR}/build")
 file(REMOVE_RECURSE "${KX_WORK_DIR}")
@@ -20,7 +20,6 @@ foreach(f lib/libkxCommonAddOns.so.3.0 lib/libkxSystem.so lib/libkxSceneGraph.so
     message(FATAL_ERROR "install is missing ${f}")
   endif()
 endforeach()
-
 run(${CMAKE_COMMAND} -S "${KX_CONSUMER_SOURCE}" -B "${build}" -G "${KX_GENERATOR}"
     "-DCMAKE_PREFIX_PATH=${prefix}" "-DCMAKE_CXX_FLAGS=${KX_CONSUMER_FLAGS}")
 run(${CMAKE_COMMAND} --build "${build}")
@@ -32,8 +31,7 @@ endif()
 find_program(PKG_CONFIG pkg-config REQUIRED)
 set(ENV{PKG_CONFIG_PATH} "${prefix}/lib/pkgconfig")
 run(${PKG_CONFIG} --cflags --libs kxCommonAddOns)
-string(STRIP "${last_output}" pc_flags)
-separate_arguments(pc_flags UNIX_COMMAND "${pc_flags}")
+separate_arguments(pc_flags UNIX_COMMAND "${last_output}")
 separate_arguments(extra UNIX_COMMAND "${KX_CONSUMER_FLAGS}")
 run(c++ -std=c++17 ${extra} "${KX_CONSUMER_SOURCE}/consumer.cpp" -o "${build}/consumer-pc" ${pc_flags}
     "-Wl,-rpath,${prefix}/lib")
