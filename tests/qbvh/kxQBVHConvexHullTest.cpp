@@ -189,8 +189,8 @@ TEST(QBVHConvexHull, PaddingLanesCountAsTrianglesAtTheOriginInAnyBoxNotOutside)
     {
         auto mesh = makeMesh(p, std::vector<unsigned int>(idx.begin(), idx.begin() + 3 * triangles));
         kxQBVH qbvh;
-        qbvh.buildFromBVH(kxQBVH::eTrianglesVertices, twoLeaves(kxBBox(V3(1, 0, 0), V3(19, 1, 0)), triangles, {}, 0),
-                          *mesh);
+        const kxBBox touching(V3(1, 0, 0), V3(19, 1, 0));
+        qbvh.buildFromBVH(kxQBVH::eTrianglesVertices, leafTree({touching, kxBBox()}, {triangles, 0}), *mesh);
         EXPECT_EQ(bruteForce(*mesh, cube), 0);
         EXPECT_EQ(query(qbvh, cube), triangles == 5) << triangles << " triangles";
     }
@@ -214,7 +214,7 @@ TEST(QBVHConvexHull, ABoxInsideTheRegionAnswersWithoutLookingAtItsTriangles)
     for (const auto& c : cases)
     {
         kxQBVH qbvh;
-        qbvh.buildFromBVH(kxQBVH::eTrianglesVertices, twoLeaves(c.first, 1, c.second, 0), *mesh);
+        qbvh.buildFromBVH(kxQBVH::eTrianglesVertices, leafTree({c.first, c.second}, {1, 0}), *mesh);
         EXPECT_EQ(query(qbvh, cube), c.expected);
     }
 }

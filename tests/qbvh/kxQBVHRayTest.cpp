@@ -219,31 +219,31 @@ TEST(QBVHRay, RandomRaysMatchBruteForceAndTheScalarPathOnEveryTreeShape)
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const V3 badOrigins[] = {V3(nan, 0.0f, 0.0f), V3(kInf, 1.0f, 2.0f)};
     const V3 badDirections[] = {V3(0.0f, 0.0f, 0.0f), V3(nan, 1.0f, 0.0f)};
+    std::vector<unsigned int> sameCorners(3000);
+    for (unsigned int i = 0; i < 3000; ++i)
+        sameCorners[i] = i % 3;
     int decided = 0, undecided = 0, hits = 0;
     // Median-split trees (depth first; wide leaves and empty ones; level order with spare
-    // records; a root leaf), the linear builder through buildFromMesh, and SAH trees, whose
-    // leaves grow huge over identical triangles.
-    for (int shape = 0; shape < 8; ++shape)
+    // records; a root leaf), the linear builder through buildFromMesh, SAH trees, whose leaf
+    // grows huge over identical triangles, and a median split of those, where every key ties.
+    for (int shape = 0; shape < 9; ++shape)
     {
         SCOPED_TRACE("shape " + std::to_string(shape));
-        const int sizes[] = {400, 300, 350, 3, 500, 400, 1500, 1000};
-        std::vector<unsigned int> sameCorners(3000);
-        for (unsigned int i = 0; i < 3000; ++i)
-            sameCorners[i] = i % 3;
-        const auto mesh = shape == 7 ? makeMesh({{0, 0, 0}, {1, 0.5f, 0.25f}, {0.5f, 1, 0.75f}}, sameCorners)
+        const int sizes[] = {400, 300, 350, 3, 500, 400, 1500, 1000, 1000};
+        const auto mesh = shape >= 7 ? makeMesh({{0, 0, 0}, {1, 0.5f, 0.25f}, {0.5f, 1, 0.75f}}, sameCorners)
                                      : randomSoup(rng, sizes[shape], shape % 3 ? all : SoupOptions{});
         const MedianSplitOptions splits[] = {{}, {11, false, true, 0}, {4, true, false, 100}, {}};
         kxQBVH qbvh;
-        if (shape < 4)
-            qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*mesh, splits[shape]), *mesh);
-        else if (shape < 6)
+        if (shape == 4 || shape == 5)
             qbvh.buildFromMesh(kxQBVH::eTrianglesEquations, *mesh, shape == 4 ? 4 : 13);
-        else
+        else if (shape == 6 || shape == 7)
         {
             kxGenericBVH sah;
             kxGenericBVHBuilder().build(kxBVHTriangleContainer(*mesh), sah);
             qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, sah, *mesh);
         }
+        else
+            qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, buildMedianSplitBVH(*mesh, splits[shape % 8]), *mesh);
         const auto slots = locateTriangles(qbvh);
         ASSERT_EQ(slots.size(), size_t(sizes[shape]));
         for (int r = 0; r < 200; ++r)
@@ -279,24 +279,34 @@ TEST(QBVHRay, RandomRaysMatchBruteForceAndTheScalarPathOnEveryTreeShape)
     EXPECT_GT(hits, decided / 10);
 }
 
-TEST(QBVHRay, EqualHitsInTwoLeavesGoToTheBoxEnteredFirstAndSidesFollowTheWinding)
+TEST(QBVHRay, EqualHitsInSeveralLeavesGoToTheBoxEnteredFirstAndSidesFollowTheWinding)
 {
-    // One triangle, counter-clockwise seen from +z, in a flat leaf box and a taller one: a
-    // ray coming down enters the taller one first. Behind the origin keys are the negative
-    // far ends: the flat box, 2 behind, sorts before the taller one, 1.5 behind.
+    // One triangle, counter-clockwise seen from +z, in leaves whose boxes are flat or taller
+    // (or far away and empty): a ray coming down enters a taller one first. Behind the
+    // origin keys are the negative far ends: a flat box, 2 behind, sorts before a taller
+    // one, 1.5 behind. Equal keys keep slot order, among four slots (empty slots are always
+    // entered) and among two.
     auto mesh = makeMesh({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {0, 1, 2, 0, 1, 2});
     const V3 above(0.25f, 0.25f, 2.0f), below(0.25f, 0.25f, -2.0f), down(0, 0, -1);
-    const kxBBox flat(V3(0, 0, 0), V3(1, 1, 0)), tall(V3(0, 0, -0.5f), V3(1, 1, 0.5f));
-    for (uint32_t nearer = 0; nearer < 2; ++nearer)
+    const kxBBox flat(V3(0, 0, 0), V3(1, 1, 0)), tall(V3(0, 0, -0.5f), V3(1, 1, 0.5f)), far(V3(5, 5, 0), V3(6, 6, 0));
+    const struct
+    {
+        std::vector<kxBBox> boxes;
+        std::vector<uint32_t> counts;
+        unsigned int directed, symmetric;
+    } cases[] = {{{tall, flat}, {1, 1}, 0, 1},
+                 {{flat, tall}, {1, 1}, 1, 0},
+                 {{flat, flat}, {1, 1}, 0, 0},
+                 {{flat, far, flat, far}, {1, 0, 1, 0}, 0, 0}};
+    for (const auto& c : cases)
     {
         kxQBVH qbvh;
-        qbvh.buildFromBVH(kxQBVH::eTrianglesEquations,
-                          nearer ? twoLeaves(flat, 1, tall, 1) : twoLeaves(tall, 1, flat, 1), *mesh);
+        qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, leafTree(c.boxes, c.counts), *mesh);
         for (int mode : {int(kxQBVH::eAllSides), int(kxQBVH::eFrontSide), kSymmetric})
         {
             const Answer a = shoot(qbvh, mode == kSymmetric ? below : above, down, 0.0f, kInf, mode);
             EXPECT_TRUE(a.hit) << mode;
-            EXPECT_EQ(a.triangle, mode == kSymmetric ? 1 - nearer : nearer) << mode;
+            EXPECT_EQ(a.triangle, mode == kSymmetric ? c.symmetric : c.directed) << mode;
             EXPECT_EQ(a.t, 2.0f);
             EXPECT_EQ(a.barycentric, Wm4::Vector2<float>(0.5f, 0.25f));
         }
@@ -356,8 +366,9 @@ TEST(QBVHQueries, WithoutTheirDataQueriesAnswerFalseAndTheLoggingOnesSaySo)
         EXPECT_EQ(bary, Wm4::Vector2<float>(3.0f, 4.0f));
         EXPECT_EQ(triangle, 99u);
         ASSERT_EQ(log.entries().size(), 1u);
-        EXPECT_EQ(log.entries()[0].message, std::string("error: QBVH is not built with the right data type (should be ") +
-                                                (flags == 1 ? "kxQBVH::eTrianglesEquations)" : "kxQBVH::eTrianglesVertices)"));
+        const std::string needed = flags == 1 ? "kxQBVH::eTrianglesEquations" : "kxQBVH::eTrianglesVertices";
+        EXPECT_EQ(log.entries()[0].message,
+                  "error: QBVH is not built with the right data type (should be " + needed + ")");
         EXPECT_EQ(log.entries()[0].level, 2);
         log.clear();
         log.setLevelEnabled(2, false);

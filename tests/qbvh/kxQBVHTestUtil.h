@@ -27,16 +27,23 @@ inline void buildWithLeafSize(kxQBVH& qbvh, unsigned int flags, const kx::kxTriM
     options.maxLeafSize = maxLeafSize;
     qbvh.buildFromBVH(kxQBVH::tQBVHDataFlags(flags), buildMedianSplitBVH(mesh, options), mesh);
 }
-// A root over two leaves: triangles 0 .. count0 - 1 in the first, the next count1 in the
-// second, with the boxes given.
-inline kxGenericBVH twoLeaves(const kxBBox& first, uint32_t count0, const kxBBox& second, uint32_t count1)
+// A complete tree over two or four leaves, which become the slots of one node in this
+// order; leaf i holds the next counts[i] triangles.
+inline kxGenericBVH leafTree(const std::vector<kxBBox>& boxes, const std::vector<uint32_t>& counts)
 {
+    const auto n = static_cast<uint32_t>(boxes.size());
     kxGenericBVH bvh;
-    bvh.mPrimitiveCount = count0 + count1;
+    bvh.mNodes.resize(2 * n - 1);
+    bvh.mNodeCount = 2 * n - 1;
+    for (uint32_t i = 0; i + 1 < n; ++i)
+        bvh.mNodes[i] = {kxBBox(), 2 * i + 1, 2 * i + 2};
+    for (uint32_t i = 0; i < n; ++i)
+    {
+        bvh.mNodes[n - 1 + i] = {boxes[i], bvh.mPrimitiveCount | kxGNode::eLeafMark, counts[i]};
+        bvh.mPrimitiveCount += counts[i];
+    }
     bvh.mPrimitiveIndices.resize(bvh.mPrimitiveCount);
     std::iota(bvh.mPrimitiveIndices.begin(), bvh.mPrimitiveIndices.end(), 0u);
-    bvh.mNodes = {{kxBBox(), 1, 2}, {first, kxGNode::eLeafMark, count0}, {second, count0 | kxGNode::eLeafMark, count1}};
-    bvh.mNodeCount = 3;
     return bvh;
 }
 } // namespace kxtest

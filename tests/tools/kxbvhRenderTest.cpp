@@ -122,7 +122,7 @@ TEST(KxbvhCull, TilesSeeGeometryExactlyWhereTheQuadProjects)
             expected += covered;
             // Tiles that see geometry are veiled in green, the others dimmed.
             const uint8_t green = mask.at((tx0 + tx1) / 2, (ty0 + ty1) / 2)[1];
-            EXPECT_TRUE(covered ? green > 60 : green < 40) << "tile " << column << "," << row << " green " << int(green);
+            EXPECT_TRUE(covered ? green > 60 : green < 40) << "tile " << column << "," << row << ": " << int(green);
         }
     EXPECT_NE(run.out.find(std::to_string(expected) + " of " + std::to_string(columns * rows) + " see geometry"),
               std::string::npos)
