@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <fstream>
 #include <set>
 
 using namespace kxbvhtest;
@@ -73,7 +74,77 @@ void expectLibraryFigures(const json& tool, const kx::kxTriMesh& mesh, const std
     EXPECT_EQ(tool["qbvh"]["nodes"], qbvh.getNodeCount());
     EXPECT_EQ(tool["qbvh"]["groups"], qbvh.getGroupCount());
 }
+struct Placement
+{
+    float translation[3];
+    float scale;
+};
+
+// A glTF file holding the mesh once, placed by one node per placement, with its data in a
+// .bin file beside it.
+void writeGltf(const kx::kxTriMesh& mesh, const std::vector<Placement>& placements, const TempDir& dir)
+{
+    const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
+    const int vertexCount = vertices.GetVertexQuantity();
+    const int indexCount = mesh.GetIndexBuffer()->GetIndexQuantity();
+    std::ofstream bin(dir.file("placed.bin"), std::ios::binary);
+    for (int v = 0; v < vertexCount; ++v)
+        bin.write(reinterpret_cast<const char*>(&vertices.Position3(v)[0]), 3 * sizeof(float));
+    bin.write(reinterpret_cast<const char*>(mesh.GetIndexBuffer()->GetData()), indexCount * sizeof(unsigned int));
+    bin.close();
+
+    const int positionBytes = vertexCount * 12;
+    json nodes = json::array(), roots = json::array();
+    for (const Placement& p : placements)
+    {
+        roots.push_back(nodes.size());
+        nodes.push_back({{"mesh", 0},
+                         {"translation", {p.translation[0], p.translation[1], p.translation[2]}},
+                         {"scale", {p.scale, p.scale, p.scale}}});
+    }
+    const json gltf = {
+        {"asset", {{"version", "2.0"}}},
+        {"scene", 0},
+        {"scenes", {{{"nodes", roots}}}},
+        {"nodes", nodes},
+        {"meshes", {{{"primitives", {{{"attributes", {{"POSITION", 0}}}, {"indices", 1}, {"mode", 4}}}}}}},
+        {"buffers", {{{"uri", "placed.bin"}, {"byteLength", positionBytes + indexCount * 4}}}},
+        {"bufferViews",
+         {{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", positionBytes}},
+          {{"buffer", 0}, {"byteOffset", positionBytes}, {"byteLength", indexCount * 4}}}},
+        {"accessors",
+         {{{"bufferView", 0}, {"componentType", 5126}, {"count", vertexCount}, {"type", "VEC3"}},
+          {{"bufferView", 1}, {"componentType", 5125}, {"count", indexCount}, {"type", "SCALAR"}}}}};
+    writeText(dir.file("placed.gltf"), gltf.dump());
+}
 } // namespace
+
+TEST(KxbvhInfo, MeshesOfAFileAreMergedWithTheirNodeTransforms)
+{
+    TempDir dir;
+    std::mt19937 rng(3);
+    const auto mesh = kxtest::randomSoup(rng, 40);
+    const std::vector<Placement> placements{{{20.0f, 0.0f, -3.0f}, 1.0f}, {{0.0f, 1.0f, 0.0f}, 2.0f}};
+    writeGltf(*mesh, placements, dir);
+
+    std::vector<Wm4::Vector3<float>> positions;
+    std::vector<unsigned int> indices;
+    const kx::kxVertexBuffer& vertices = *mesh->GetVertexBuffer();
+    for (const Placement& p : placements)
+    {
+        const unsigned int base = static_cast<unsigned int>(positions.size());
+        for (int v = 0; v < vertices.GetVertexQuantity(); ++v)
+        {
+            const Wm4::Vector3<float>& q = vertices.Position3(v);
+            positions.emplace_back(q[0] * p.scale + p.translation[0], q[1] * p.scale + p.translation[1],
+                                   q[2] * p.scale + p.translation[2]);
+        }
+        for (int i = 0; i < mesh->GetIndexBuffer()->GetIndexQuantity(); ++i)
+            indices.push_back(base + mesh->GetIndexBuffer()->GetData()[i]);
+    }
+    expectLibraryFigures(infoJson({"info", dir.file("placed.gltf"), "--json"}), *kxtest::makeMesh(positions, indices),
+                         "linear", 4);
+}
 
 TEST(KxbvhInfo, EveryFileFormatBuilderAndLeafSizeGivesTheLibrarysFigures)
 {
