@@ -1,5 +1,7 @@
-#include "kxStandardOutputCapture.h"
+#include "kxBVHInvariants.h"
 #include "kxGenericBVH2D.h"
+#include "kxRandomGeometry.h"
+#include "kxStandardOutputCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -8,26 +10,12 @@
 
 namespace
 {
-std::vector<kxBBox2D> randomBoxes2D(uint32_t seed, uint32_t n, int layout)
+// The x and y extents of random triangle boxes.
+std::vector<kxBBox2D> randomBoxes2D(uint32_t seed, uint32_t n, kxtest::Layout layout)
 {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> wide(-100.0f, 100.0f);
-    std::uniform_real_distribution<float> small(0.0f, 3.0f);
-    std::uniform_int_distribution<int> lattice(0, 5);
-    std::vector<kxBBox2D> boxes(n);
-    for (auto& b : boxes)
-    {
-        Wm4::Vector2<float> lo;
-        if (layout == 0)
-            lo = Wm4::Vector2<float>(wide(rng), wide(rng));
-        else if (layout == 1)
-            lo = Wm4::Vector2<float>(float(lattice(rng)), float(lattice(rng)));
-        else
-            lo = Wm4::Vector2<float>(7.0f, -2.0f);
-        const Wm4::Vector2<float> size = layout == 0 ? Wm4::Vector2<float>(small(rng), small(rng))
-                                                     : Wm4::Vector2<float>(1.0f, 2.0f);
-        b = kxBBox2D(lo, lo + size);
-    }
+    std::vector<kxBBox2D> boxes;
+    for (const kxBBox& b : kxtest::randomBoxes(seed, n, layout))
+        boxes.push_back(kxBBox2D(Wm4::Vector2<float>(b.min[0], b.min[1]), Wm4::Vector2<float>(b.max[0], b.max[1])));
     return boxes;
 }
 
@@ -45,157 +33,93 @@ std::vector<uint32_t> referenceCodes(const std::vector<kxBBox2D>& boxes)
     std::vector<uint32_t> codes;
     for (const auto& b : boxes)
     {
-        uint32_t cell[2];
+        uint32_t code = 0;
         for (int a = 0; a < 2; ++a)
         {
             const float scale = hi[a] > lo[a] ? 65535.0f / (hi[a] - lo[a]) : 0.0f;
             const float q = (b.getCenter()[a] - lo[a]) * scale;
-            cell[a] = q <= 0.0f ? 0u : (q >= 65535.0f ? 65535u : uint32_t(q));
+            const uint32_t cell = q <= 0.0f ? 0u : (q >= 65535.0f ? 65535u : uint32_t(q));
+            for (int bit = 0; bit < 16; ++bit)
+                code |= ((cell >> bit) & 1u) << (2 * bit + a);
         }
-        uint32_t code = 0;
-        for (int bit = 0; bit < 16; ++bit)
-            code |= (((cell[0] >> bit) & 1u) << (2 * bit)) | (((cell[1] >> bit) & 1u) << (2 * bit + 1));
         codes.push_back(code);
     }
     return codes;
 }
 
-struct Walk
+TEST(GenericBVH2D, LinearBuilderKeepsEveryTreeInvariantAndStatisticsMatchAWalk)
 {
-    const kxGenericBVH2D& bvh;
-    const std::vector<kxBBox2D>& boxes;
-    uint32_t maxLeaf;
-    std::vector<uint32_t> codes;
-    std::vector<int> reached;
-    int leaves = 0, minLeaf = 0, maxSize = 0, sum = 0, maxLevel = 0;
-
-    uint32_t code(uint32_t position) const { return codes[bvh.mPrimitiveIndices[position]]; }
-
-    // Returns the subtree's run and checks its box against the union of its primitives.
-    std::pair<uint32_t, uint32_t> visit(uint32_t node, int level)
-    {
-        EXPECT_LT(node, bvh.mNodes.size());
-        EXPECT_EQ(reached[node]++, 0) << "record " << node << " reached twice";
-        const kxGNode2D& n = bvh.mNodes[node];
-        uint32_t first, count;
-        kxBBox2D box;
-        if (n.offset >= 0xC0000000u)
-        {
-            first = n.offset & 0x3FFFFFFFu;
-            count = n.count;
-            EXPECT_LE(count, maxLeaf);
-            EXPECT_TRUE(count > 0 || boxes.empty());
-            for (uint32_t p = first; p < first + count; ++p)
-                box.extend(boxes[bvh.mPrimitiveIndices[p]]);
-            ++leaves;
-            sum += int(count);
-            minLeaf = std::min(minLeaf, int(count));
-            if (int(count) > maxSize)
-            {
-                maxSize = int(count);
-                maxLevel = level;
-            }
-        }
-        else
-        {
-            const uint32_t left = n.offset & 0x3FFFFFFFu;
-            EXPECT_EQ(n.count, left + 1);
-            const auto l = visit(left, level + 1);
-            const auto r = visit(n.count, level + 1);
-            EXPECT_EQ(l.first + l.second, r.first) << "runs of node " << node << " are not adjacent";
-            first = l.first;
-            count = l.second + r.second;
-            // Split where the highest differing code bit turns on; that bit names the axis.
-            const uint32_t differing = code(first) ^ code(first + count - 1);
-            if (differing != 0)
-            {
-                int bit = 31;
-                while (!(differing >> bit))
-                    --bit;
-                EXPECT_EQ((code(r.first - 1) >> bit) & 1u, 0u) << "node " << node;
-                EXPECT_EQ((code(r.first) >> bit) & 1u, 1u) << "node " << node;
-                EXPECT_EQ(n.offset & 0xC0000000u, bit % 2 ? 0x40000000u : 0u) << "node " << node;
-            }
-            box = bvh.mNodes[left].bbox;
-            box.extend(bvh.mNodes[n.count].bbox);
-        }
-        EXPECT_EQ(n.bbox, box) << "node " << node;
-        return {first, count};
-    }
-};
-
-TEST(GenericBVH2D, LinearBuilderKeepsEveryTreeInvariant)
-{
-    const uint32_t sizes[] = {0, 1, 2, 5, 100, 3000};
-    for (int layout = 0; layout < 3; ++layout)
-        for (uint32_t n : sizes)
+    using kxtest::Layout;
+    for (Layout layout : {Layout::Uniform, Layout::Clustered, Layout::Grid, Layout::Identical})
+        for (uint32_t n : {0u, 1u, 2u, 5u, 100u, 3000u})
             for (unsigned int limit : {0u, 1u, 4u, 16u})
             {
-                SCOPED_TRACE(::testing::Message() << "layout " << layout << " n " << n << " limit " << limit);
+                SCOPED_TRACE(::testing::Message() << "layout " << int(layout) << " n " << n << " limit " << limit);
                 const auto boxes = randomBoxes2D(n * 7 + limit, n, layout);
                 kxLinearGenericBVH2DBuilder builder;
                 builder.setMaxPrimitivesPerLeaf(limit);
                 ASSERT_EQ(builder.getMaxPrimitivesPerLeaf(), std::max(limit, 1u));
                 kxGenericBVH2D bvh;
                 builder.build(kxBVH2DBoxContainer(boxes), bvh);
-
-                ASSERT_EQ(bvh.mNodeCount, bvh.mNodes.size());
-                EXPECT_EQ(bvh.mPrimitiveCount, n);
-                ASSERT_EQ(bvh.mPrimitiveIndices.size(), n);
-                const auto codes = referenceCodes(boxes);
-                Walk walk{bvh, boxes, std::max(limit, 1u), codes, std::vector<int>(bvh.mNodes.size(), 0)};
-                walk.minLeaf = int(bvh.mNodeCount);
-                const auto root = walk.visit(0, 0);
-                EXPECT_EQ(root.first, 0u);
-                EXPECT_EQ(root.second, n);
-                EXPECT_EQ(std::count(walk.reached.begin(), walk.reached.end(), 1), int(bvh.mNodeCount));
-                EXPECT_EQ(bvh.mNodeCount, 2u * uint32_t(walk.leaves) - 1u);
+                const kxtest::TreeShape shape = kxtest::checkTree(bvh, boxes);
+                ASSERT_FALSE(HasFailure());
+                ASSERT_EQ(bvh.mNodes.size(), bvh.mNodeCount);
+                ASSERT_EQ(bvh.mNodeCount, 2 * shape.leaves.size() - 1) << "records outside the tree";
 
                 // Leaf order is Morton order, equal codes by ascending primitive number.
-                std::vector<int> seen(n, 0);
-                for (uint32_t p = 0; p < n; ++p)
+                const auto codes = referenceCodes(boxes);
+                const auto code = [&](uint32_t position) { return codes[bvh.mPrimitiveIndices[position]]; };
+                for (uint32_t p = 1; p < n; ++p)
                 {
-                    const uint32_t i = bvh.mPrimitiveIndices[p];
-                    ASSERT_LT(i, n);
-                    ++seen[i];
-                    if (p > 0)
+                    const uint32_t a = bvh.mPrimitiveIndices[p - 1], b = bvh.mPrimitiveIndices[p];
+                    ASSERT_TRUE(codes[a] < codes[b] || (codes[a] == codes[b] && a < b)) << "at " << p;
+                }
+                // Inner nodes split where the highest differing code bit turns on; that bit
+                // names the axis.
+                for (uint32_t k = 0; k < bvh.mNodeCount; ++k)
+                {
+                    const kxGNode2D& node = bvh.mNodes[k];
+                    const kxtest::TreeShape::Run run = shape.runs[k];
+                    const uint32_t differing = n == 0 ? 0 : code(run.first) ^ code(run.first + run.count - 1);
+                    if (node.offset >= 0xC0000000u || differing == 0)
+                        continue;
+                    int bit = 31;
+                    while (!(differing >> bit))
+                        --bit;
+                    const uint32_t split = shape.runs[node.count].first;
+                    EXPECT_EQ((code(split - 1) >> bit) & 1u, 0u) << "node " << k;
+                    EXPECT_EQ((code(split) >> bit) & 1u, 1u) << "node " << k;
+                    EXPECT_EQ(node.offset & 0xC0000000u, bit % 2 ? 0x40000000u : 0u) << "node " << k;
+                }
+
+                // The first largest leaf, left first, gives the level; the minimum starts at
+                // the node count.
+                int leaves = 0, minLeaf = int(bvh.mNodeCount), maxLeaf = 0, sum = 0, maxAt = 0;
+                for (const kxtest::TreeShape::Leaf& leaf : shape.leaves)
+                {
+                    EXPECT_TRUE(leaf.count <= std::max(limit, 1u) && (leaf.count > 0 || n == 0)) << leaf.node;
+                    ++leaves;
+                    sum += int(leaf.count);
+                    minLeaf = std::min(minLeaf, int(leaf.count));
+                    if (int(leaf.count) > maxLeaf)
                     {
-                        const uint32_t prev = bvh.mPrimitiveIndices[p - 1];
-                        ASSERT_TRUE(codes[prev] < codes[i] || (codes[prev] == codes[i] && prev < i)) << "at " << p;
+                        maxLeaf = int(leaf.count);
+                        maxAt = (leaf.depth << 24) | int(leaf.node);
                     }
                 }
-                EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), int(n));
-
-                int nodes, leaves, minLeaf, maxLeaf;
+                int nodes, gotLeaves, gotMin, gotMax;
                 float avg;
                 kxStandardOutputCapture out;
-                bvh.getBVHInfo(nodes, leaves, minLeaf, maxLeaf, avg);
+                bvh.getBVHInfo(nodes, gotLeaves, gotMin, gotMax, avg);
                 EXPECT_EQ(out.text(), "");
                 EXPECT_EQ(nodes, int(bvh.mNodeCount));
-                EXPECT_EQ(leaves, walk.leaves);
-                EXPECT_EQ(minLeaf, walk.minLeaf);
-                EXPECT_EQ(maxLeaf, walk.maxSize);
-                EXPECT_EQ(avg, float(walk.sum) / float(walk.leaves));
-                int iterLeaves = 0, iterMin = 1 << 20, iterMax = 0, iterSum = 0, maxAt = 0;
-                bvh.getBVHInfoIter(0, iterLeaves, iterMin, iterMax, iterSum, maxAt, 0);
-                EXPECT_EQ(maxAt >> 24, walk.maxLevel);
+                EXPECT_EQ(gotLeaves, leaves);
+                EXPECT_EQ(gotMin, minLeaf);
+                EXPECT_EQ(gotMax, maxLeaf);
+                EXPECT_EQ(avg, float(sum) / float(leaves));
+                int iterLeaves = 0, iterMin = 1 << 20, iterMax = 0, iterSum = 0, iterMaxAt = 0;
+                bvh.getBVHInfoIter(0, iterLeaves, iterMin, iterMax, iterSum, iterMaxAt, 0);
+                EXPECT_EQ(iterMaxAt, maxAt);
             }
-}
-
-TEST(GenericBVH2D, RootLeafStatistics)
-{
-    kxGenericBVH2D bvh;
-    bvh.mNodes.resize(1);
-    bvh.mNodes[0].offset = 0xC0000000u;
-    bvh.mNodes[0].count = 5;
-    bvh.mNodeCount = 1;
-    int nodes, leaves, minLeaf, maxLeaf;
-    float avg;
-    bvh.getBVHInfo(nodes, leaves, minLeaf, maxLeaf, avg);
-    EXPECT_EQ(nodes, 1);
-    EXPECT_EQ(leaves, 1);
-    EXPECT_EQ(minLeaf, 1);
-    EXPECT_EQ(maxLeaf, 5);
-    EXPECT_EQ(avg, 5.0f);
 }
 } // namespace

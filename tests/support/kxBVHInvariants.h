@@ -1,12 +1,12 @@
 #ifndef KXBVHINVARIANTS_H
 #define KXBVHINVARIANTS_H
 
-#include "kxGenericBVH.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
+#include <string>
 #include <vector>
 
 namespace kxtest
@@ -14,151 +14,85 @@ namespace kxtest
 /// What a walk from the root found.
 struct TreeShape
 {
-    uint32_t innerNodes = 0;
-    uint32_t leaves = 0;
-    uint32_t emptyLeaves = 0;
-    int maxDepth = 0;
-    struct Leaf
-    {
-        uint32_t node;
-        uint32_t first;
-        uint32_t count;
-        int depth;
-    };
-    std::vector<Leaf> leafList; // left-first order
     struct Run
     {
-        uint32_t first = 0;
-        uint32_t count = 0;
+        uint32_t first = 0, count = 0;
     };
-    std::vector<Run> runs; // per record reached
+    struct Leaf
+    {
+        uint32_t node, first, count;
+        int depth;
+    };
+    std::vector<Leaf> leaves; // left first
+    std::vector<Run> runs;    // per record reached
+    uint32_t innerNodes = 0;
+    int maxDepth = 0;
 };
 
-/// Checks the node-store invariants every builder must keep, walking from the root:
-/// right child = left child + 1 and inside the array, no record reached twice, the left
-/// child's run directly followed by the right child's, every primitive exactly once, and
-/// every box bounding its primitives (equal to their union when exactBoxes).
-class TreeChecker
+/// Checks what every builder's tree (3D or 2D) must satisfy, walking from the root: every
+/// record reached at most once, right child = left child + 1 in the whole count word, the
+/// left child's run directly followed by the right one's, every primitive exactly once,
+/// every box exactly the union of its primitives' boxes. Reports the first violation.
+template <typename Bvh, typename Box>
+TreeShape checkTree(const Bvh& bvh, const std::vector<Box>& boxes)
 {
-public:
-    TreeChecker(const kxGenericBVH& bvh, const std::vector<kxBBox>& boxes, bool exactBoxes)
-        : mBvh(bvh), mBoxes(boxes), mExact(exactBoxes), mReached(bvh.mNodes.size(), 0)
-    {
-    }
-
-    TreeShape run()
-    {
-        EXPECT_EQ(mBvh.mPrimitiveCount, mBoxes.size());
-        EXPECT_EQ(mBvh.mPrimitiveIndices.size(), mBoxes.size());
-        if (mBvh.mNodes.empty())
+    TreeShape shape;
+    shape.runs.resize(bvh.mNodes.size());
+    std::vector<uint8_t> reached(bvh.mNodes.size());
+    std::string problem;
+    std::function<Box(uint32_t, int)> walk = [&](uint32_t k, int depth) {
+        Box box;
+        if (!problem.empty() || k >= bvh.mNodes.size() || reached[k]++)
         {
-            ADD_FAILURE() << "no root";
-            return mShape;
+            problem = problem.empty() ? "record " + std::to_string(k) + " missing or reached twice" : problem;
+            return box;
         }
-        mShape.runs.resize(mBvh.mNodes.size());
-        uint32_t first = 0, count = 0;
-        kxBBox box;
-        walk(0, 0, first, count, box);
-        EXPECT_EQ(first, 0u);
-        EXPECT_EQ(count, mBoxes.size());
-        std::vector<int> seen(mBoxes.size(), 0);
-        size_t wrong = 0;
-        for (uint32_t p : mBvh.mPrimitiveIndices)
+        shape.maxDepth = std::max(shape.maxDepth, depth);
+        const auto& n = bvh.mNodes[k];
+        TreeShape::Run& run = shape.runs[k];
+        if (n.offset >= 0xC0000000u)
         {
-            if (p < seen.size())
-                ++seen[p];
-            else
-                ++wrong;
-        }
-        for (int s : seen)
-            wrong += s != 1;
-        EXPECT_EQ(wrong, 0u) << "primitives missing, repeated or out of range";
-        return mShape;
-    }
-
-private:
-    static bool contains(const kxBBox& outer, const kxBBox& inner)
-    {
-        for (int a = 0; a < 3; ++a)
-            if (!(outer.min[a] <= inner.min[a] && inner.max[a] <= outer.max[a]))
-                return false;
-        return true;
-    }
-
-    // Returns the subtree's run and the union of its primitive boxes.
-    void walk(uint32_t node, int depth, uint32_t& first, uint32_t& count, kxBBox& box)
-    {
-        if (mFailures > 0)
-            return;
-        if (node >= mBvh.mNodes.size() || mReached[node]++)
-        {
-            ++mFailures;
-            ADD_FAILURE() << "record " << node << " out of range or reached twice";
-            return;
-        }
-        mShape.maxDepth = std::max(mShape.maxDepth, depth);
-        const kxGNode& n = mBvh.mNodes[node];
-        if (n.offset >= kxGNode::eLeafMark)
-        {
-            first = n.offset & kxGNode::eIndexMask;
-            count = n.count;
-            ++mShape.leaves;
-            mShape.emptyLeaves += count == 0;
-            mShape.leafList.push_back({node, first, count, depth});
-            if (uint64_t(first) + count > mBvh.mPrimitiveIndices.size())
-            {
-                ++mFailures;
-                ADD_FAILURE() << "leaf " << node << " runs past the index array";
-                return;
-            }
-            for (uint32_t p = first; p < first + count; ++p)
-                box.extend(mBoxes[mBvh.mPrimitiveIndices[p]]);
+            run = {n.offset & 0x3FFFFFFFu, n.count};
+            shape.leaves.push_back({k, run.first, run.count, depth});
+            if (uint64_t(run.first) + run.count > bvh.mPrimitiveIndices.size())
+                problem = "leaf " + std::to_string(k) + " runs past the index array";
+            for (uint32_t p = run.first; problem.empty() && p < run.first + run.count; ++p)
+                box.extend(boxes[bvh.mPrimitiveIndices[p]]);
         }
         else
         {
-            ++mShape.innerNodes;
-            const uint32_t left = n.offset & kxGNode::eIndexMask;
-            const uint32_t right = n.count & kxGNode::eRightChildMask;
-            if (right != left + 1)
-            {
-                ++mFailures;
-                ADD_FAILURE() << "node " << node << ": right child " << right << " is not left " << left << " + 1";
-                return;
-            }
-            uint32_t lf = 0, lc = 0, rf = 0, rc = 0;
-            kxBBox lb, rb;
-            walk(left, depth + 1, lf, lc, lb);
-            walk(right, depth + 1, rf, rc, rb);
-            if (mFailures > 0)
-                return;
-            if (lf + lc != rf)
-            {
-                ++mFailures;
-                ADD_FAILURE() << "node " << node << ": runs [" << lf << "+" << lc << ") and [" << rf << "+" << rc
-                              << ") are not adjacent";
-                return;
-            }
-            first = lf;
-            count = lc + rc;
-            box = lb;
-            box.extend(rb);
+            ++shape.innerNodes;
+            const uint32_t left = n.offset & 0x3FFFFFFFu;
+            if (n.count != left + 1)
+                problem = "right child of " + std::to_string(k) + " is not left + 1";
+            box = walk(left, depth + 1);
+            box.extend(walk(left + 1, depth + 1));
+            if (!problem.empty())
+                return box;
+            const TreeShape::Run l = shape.runs[left], r = shape.runs[left + 1];
+            if (l.first + l.count != r.first)
+                problem = "children of " + std::to_string(k) + " hold runs that are not adjacent";
+            run = {l.first, l.count + r.count};
         }
-        mShape.runs[node] = {first, count};
-        const bool ok = mExact ? (count == 0 ? n.bbox == kxBBox() : n.bbox == box) : contains(n.bbox, box);
-        if (!ok)
-        {
-            ++mFailures;
-            ADD_FAILURE() << "node " << node << " has box " << n.bbox << ", its primitives " << box;
-        }
-    }
-
-    const kxGenericBVH& mBvh;
-    const std::vector<kxBBox>& mBoxes;
-    bool mExact;
-    std::vector<uint8_t> mReached;
-    int mFailures = 0;
-    TreeShape mShape;
-};
+        if (problem.empty() && !(n.bbox == box))
+            problem = "box of record " + std::to_string(k) + " is not the union of its primitives";
+        return box;
+    };
+    if (bvh.mNodes.empty())
+        problem = "no root";
+    else
+        walk(0, 0);
+    std::vector<uint32_t> sorted = bvh.mPrimitiveIndices;
+    std::sort(sorted.begin(), sorted.end());
+    for (uint32_t i = 0; problem.empty() && i < sorted.size(); ++i)
+        if (sorted[i] != i)
+            problem = "primitive index array is not a permutation";
+    if (problem.empty() && (bvh.mPrimitiveCount != boxes.size() || sorted.size() != boxes.size() ||
+                            shape.runs[0].first != 0 || shape.runs[0].count != boxes.size()))
+        problem = "the root does not hold every primitive";
+    EXPECT_EQ(problem, "");
+    return shape;
+}
 } // namespace kxtest
 
 #endif

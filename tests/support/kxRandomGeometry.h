@@ -7,6 +7,7 @@
 #include "kxTriMesh.h"
 
 #include <cstdint>
+#include <numeric>
 #include <random>
 #include <utility>
 #include <vector>
@@ -36,85 +37,68 @@ private:
     std::vector<kxBBox> mBoxes;
 };
 
-inline float uniform(std::mt19937& rng, float lo, float hi)
+/// Corners of n random triangles of the given layout, three per triangle.
+inline std::vector<Wm4::Vector3<float>> randomCorners(uint32_t seed, uint32_t n, Layout layout)
 {
-    return std::uniform_real_distribution<float>(lo, hi)(rng);
-}
-
-/// Three random corners of a triangle of the given layout.
-inline void randomTriangle(std::mt19937& rng, Layout layout, const std::vector<Wm4::Vector3<float>>& clusters,
-                           Wm4::Vector3<float> corner[3])
-{
-    if (layout == Layout::Identical)
+    using V = Wm4::Vector3<float>;
+    std::mt19937 rng(seed);
+    const auto uniform = [&](float lo, float hi) { return std::uniform_real_distribution<float>(lo, hi)(rng); };
+    std::vector<V> clusters(6);
+    for (V& c : clusters)
+        c = V(uniform(-100.0f, 100.0f), uniform(-100.0f, 100.0f), uniform(-100.0f, 100.0f));
+    std::vector<V> corners(3 * size_t(n));
+    for (size_t t = 0; t < n; ++t)
     {
-        corner[0] = Wm4::Vector3<float>(0.0f, 0.0f, 0.0f);
-        corner[1] = Wm4::Vector3<float>(1.0f, 0.5f, 0.25f);
-        corner[2] = Wm4::Vector3<float>(0.5f, 1.0f, 0.75f);
-        return;
-    }
-    if (layout == Layout::Grid)
-    {
-        std::uniform_int_distribution<int> cell(0, 7);
-        std::uniform_int_distribution<int> step(0, 2);
-        const Wm4::Vector3<float> base(float(cell(rng)), float(cell(rng)), float(cell(rng)));
+        V* corner = &corners[3 * t];
+        if (layout == Layout::Identical)
+        {
+            corner[0] = V(0.0f, 0.0f, 0.0f);
+            corner[1] = V(1.0f, 0.5f, 0.25f);
+            corner[2] = V(0.5f, 1.0f, 0.75f);
+            continue;
+        }
+        if (layout == Layout::Grid)
+        {
+            std::uniform_int_distribution<int> cell(0, 7), step(0, 2);
+            const V base(float(cell(rng)), float(cell(rng)), float(cell(rng)));
+            for (int k = 0; k < 3; ++k)
+                corner[k] = base + V(float(step(rng)), float(step(rng)), float(step(rng)));
+            continue;
+        }
+        V centre(uniform(-50.0f, 50.0f), uniform(-50.0f, 50.0f), uniform(-50.0f, 50.0f));
+        float size = uniform(0.05f, 2.0f);
+        if (layout == Layout::Clustered)
+        {
+            const V& c = clusters[std::uniform_int_distribution<size_t>(0, clusters.size() - 1)(rng)];
+            centre = c + V(uniform(-1.0f, 1.0f), uniform(-1.0f, 1.0f), uniform(-1.0f, 1.0f));
+            size = uniform(0.01f, 0.2f);
+        }
         for (int k = 0; k < 3; ++k)
-            corner[k] = base + Wm4::Vector3<float>(float(step(rng)), float(step(rng)), float(step(rng)));
-        return;
+        {
+            corner[k] = centre + V(uniform(-size, size), uniform(-size, size), uniform(-size, size));
+            if (layout == Layout::Flat)
+                corner[k][2] = 0.0f;
+        }
     }
-    Wm4::Vector3<float> centre(uniform(rng, -50.0f, 50.0f), uniform(rng, -50.0f, 50.0f), uniform(rng, -50.0f, 50.0f));
-    float size = uniform(rng, 0.05f, 2.0f);
-    if (layout == Layout::Clustered)
-    {
-        const auto& c = clusters[std::uniform_int_distribution<size_t>(0, clusters.size() - 1)(rng)];
-        centre = c + Wm4::Vector3<float>(uniform(rng, -1.0f, 1.0f), uniform(rng, -1.0f, 1.0f), uniform(rng, -1.0f, 1.0f));
-        size = uniform(rng, 0.01f, 0.2f);
-    }
-    for (int k = 0; k < 3; ++k)
-    {
-        corner[k] = centre + Wm4::Vector3<float>(uniform(rng, -size, size), uniform(rng, -size, size),
-                                                 uniform(rng, -size, size));
-        if (layout == Layout::Flat)
-            corner[k][2] = 0.0f;
-    }
-}
-
-inline std::vector<Wm4::Vector3<float>> randomClusters(std::mt19937& rng)
-{
-    std::vector<Wm4::Vector3<float>> clusters(6);
-    for (auto& c : clusters)
-        c = Wm4::Vector3<float>(uniform(rng, -100.0f, 100.0f), uniform(rng, -100.0f, 100.0f), uniform(rng, -100.0f, 100.0f));
-    return clusters;
+    return corners;
 }
 
 /// A triangle soup of n triangles (three vertices of its own each).
 inline kx::kxPointer<kx::kxTriMesh> randomTriangleMesh(uint32_t seed, uint32_t n, Layout layout)
 {
-    std::mt19937 rng(seed);
-    const auto clusters = randomClusters(rng);
-    std::vector<Wm4::Vector3<float>> positions(3 * size_t(n));
-    std::vector<unsigned int> indices(3 * size_t(n));
-    for (uint32_t t = 0; t < n; ++t)
-    {
-        randomTriangle(rng, layout, clusters, &positions[3 * size_t(t)]);
-        for (uint32_t k = 0; k < 3; ++k)
-            indices[3 * t + k] = 3 * t + k;
-    }
-    return makeMesh(positions, indices);
+    const std::vector<Wm4::Vector3<float>> corners = randomCorners(seed, n, layout);
+    std::vector<unsigned int> indices(corners.size());
+    std::iota(indices.begin(), indices.end(), 0u);
+    return makeMesh(corners, indices);
 }
 
 /// Boxes of n random triangles.
 inline std::vector<kxBBox> randomBoxes(uint32_t seed, uint32_t n, Layout layout)
 {
-    std::mt19937 rng(seed);
-    const auto clusters = randomClusters(rng);
     std::vector<kxBBox> boxes(n);
-    Wm4::Vector3<float> corner[3];
-    for (auto& b : boxes)
-    {
-        randomTriangle(rng, layout, clusters, corner);
-        for (const auto& c : corner)
-            b.extend(c);
-    }
+    const std::vector<Wm4::Vector3<float>> corners = randomCorners(seed, n, layout);
+    for (size_t i = 0; i < corners.size(); ++i)
+        boxes[i / 3].extend(corners[i]);
     return boxes;
 }
 } // namespace kxtest

@@ -1,10 +1,10 @@
 #include "kxLinearTestSupport.h"
 
-#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <limits>
+#include <numeric>
 #include <random>
-#include <set>
 #include <sstream>
 
 namespace kxLinearTest
@@ -13,48 +13,15 @@ namespace
 {
 kxBBox boxAround(float x, float y, float z, float half)
 {
-    kxBBox box;
-    box.min[0] = x - half;
-    box.min[1] = y - half;
-    box.min[2] = z - half;
-    box.max[0] = x + half;
-    box.max[1] = y + half;
-    box.max[2] = z + half;
-    return box;
+    return kxBBox(Wm4::Vector3<float>(x - half, y - half, z - half), Wm4::Vector3<float>(x + half, y + half, z + half));
 }
 
-std::vector<kxBBox> randomBoxes(uint32_t quantity, std::mt19937& random, float lowest, float highest, float maxHalf)
-{
-    std::uniform_real_distribution<float> coordinate(lowest, highest);
-    std::uniform_real_distribution<float> half(0.0f, maxHalf);
-    std::vector<kxBBox> boxes;
-    for (uint32_t i = 0; i < quantity; ++i)
-    {
-        const float x = coordinate(random), y = coordinate(random), z = coordinate(random);
-        boxes.push_back(boxAround(x, y, z, half(random)));
-    }
-    return boxes;
-}
-
-// What converting a float to a 64-bit integer gives on x86: truncation, or the integer
-// indefinite (only the sign bit set) for NaN and values out of range.
+// x86's float to 64-bit integer conversion: truncation, or the integer indefinite (only
+// the sign bit set) for NaN and out-of-range values.
 int64_t truncateLikeX86(float q)
 {
-    if (q >= -9223372036854775808.0f && q < 9223372036854775808.0f)
-        return static_cast<int64_t>(q);
-    return std::numeric_limits<int64_t>::min();
-}
-
-uint64_t interleave(uint32_t x, uint32_t y, uint32_t z, unsigned axisBits)
-{
-    uint64_t code = 0;
-    for (unsigned k = 0; k < axisBits; ++k)
-    {
-        code |= static_cast<uint64_t>((x >> k) & 1u) << (3 * k);
-        code |= static_cast<uint64_t>((y >> k) & 1u) << (3 * k + 1);
-        code |= static_cast<uint64_t>((z >> k) & 1u) << (3 * k + 2);
-    }
-    return code;
+    return q >= -9223372036854775808.0f && q < 9223372036854775808.0f ? static_cast<int64_t>(q)
+                                                                       : std::numeric_limits<int64_t>::min();
 }
 
 std::vector<uint64_t> referenceCodes(const std::vector<kxBBox>& boxes, unsigned axisBits)
@@ -62,359 +29,169 @@ std::vector<uint64_t> referenceCodes(const std::vector<kxBBox>& boxes, unsigned 
     kxBBox scene;
     for (const kxBBox& box : boxes)
         scene.extend(box);
-    const float side =
-        std::max({scene.max[0] - scene.min[0], scene.max[1] - scene.min[1], scene.max[2] - scene.min[2]});
-    const float cells = static_cast<float>(1u << axisBits);
-    const uint32_t lastCell = (1u << axisBits) - 1u;
-    const float scale = cells / side;
+    const float side = std::max({scene.max[0] - scene.min[0], scene.max[1] - scene.min[1], scene.max[2] - scene.min[2]});
+    const float scale = static_cast<float>(1u << axisBits) / side;
     std::vector<uint64_t> codes;
     for (const kxBBox& box : boxes)
     {
-        uint32_t cell[3];
-        for (int a = 0; a < 3; ++a)
+        uint64_t code = 0;
+        for (unsigned a = 0; a < 3; ++a)
         {
-            const float centre = (box.min[a] + box.max[a]) * 0.5f;
             const float origin = (scene.min[a] + scene.max[a]) * 0.5f - 0.5f * side;
-            cell[a] = std::min(static_cast<uint32_t>(truncateLikeX86((centre - origin) * scale)), lastCell);
+            const float q = ((box.min[a] + box.max[a]) * 0.5f - origin) * scale;
+            const uint32_t cell = std::min(static_cast<uint32_t>(truncateLikeX86(q)), (1u << axisBits) - 1u);
+            for (unsigned k = 0; k < axisBits; ++k)
+                code |= uint64_t((cell >> k) & 1u) << (3 * k + a);
         }
-        codes.push_back(interleave(cell[0], cell[1], cell[2], axisBits));
+        codes.push_back(code);
     }
     return codes;
 }
 
-struct Run
-{
-    uint32_t first;
-    uint32_t last;
-    unsigned level = 0; // of its split; 0 for a leaf
-    int left = -1;
-    int right = -1;
-    uint32_t number = 0;
-};
-
-void splitRun(std::vector<Run>& runs, size_t index, const std::vector<uint64_t>& sortedCodes, unsigned levels)
-{
-    const uint32_t first = runs[index].first;
-    const uint32_t last = runs[index].last;
-    const uint64_t difference = sortedCodes[first] ^ sortedCodes[last];
-    if (difference == 0)
-        return;
-    unsigned bit = 63;
-    while (!((difference >> bit) & 1u))
-        --bit;
-    uint32_t split = first;
-    while (!((sortedCodes[split + 1] >> bit) & 1u))
-        ++split;
-    runs[index].level = levels - bit;
-    runs[index].left = static_cast<int>(runs.size());
-    runs.push_back(Run{first, split});
-    runs[index].right = static_cast<int>(runs.size());
-    runs.push_back(Run{split + 1, last});
-    splitRun(runs, static_cast<size_t>(runs[index].left), sortedCodes, levels);
-    splitRun(runs, static_cast<size_t>(runs[index].right), sortedCodes, levels);
-}
-
-kxBBox refitRecord(std::vector<kxGNode>& nodes, uint32_t k, const std::vector<kxBBox>& boxes,
-                   const std::vector<uint32_t>& order)
-{
-    kxGNode& node = nodes[k];
-    kxBBox box;
-    if (node.offset >= 0xC0000000u)
-    {
-        for (uint32_t i = 0; i < node.count; ++i)
-            box.extend(boxes[order[(node.offset & 0x3FFFFFFFu) + i]]);
-    }
-    else
-    {
-        box = refitRecord(nodes, node.offset & 0x3FFFFFFFu, boxes, order);
-        box.extend(refitRecord(nodes, node.count & 0x0FFFFFFFu, boxes, order));
-    }
-    node.bbox = box;
-    return box;
-}
-
-uint32_t countAndFuse(std::vector<kxGNode>& nodes, uint32_t k, uint32_t limit, std::vector<uint32_t>& live)
-{
-    live[k + 1] = 1;
-    kxGNode& node = nodes[k];
-    if (node.offset >= 0xC0000000u)
-        return node.count;
-    const uint32_t left = node.offset & 0x3FFFFFFFu;
-    const uint32_t right = node.count & 0x0FFFFFFFu;
-    const uint32_t sum = countAndFuse(nodes, left, limit, live) + countAndFuse(nodes, right, limit, live);
-    if (sum > limit)
-        return sum;
-    live[left + 1] = 0;
-    live[right + 1] = 0;
-    node.offset = std::min(nodes[left].offset & 0x3FFFFFFFu, nodes[right].offset & 0x3FFFFFFFu) | 0xC0000000u;
-    node.count = sum;
-    return sum;
-}
-
-std::vector<kxGNode> fuse(std::vector<kxGNode> nodes, uint32_t limit)
-{
-    std::vector<uint32_t> live(nodes.size() + 1, 0);
-    countAndFuse(nodes, 0, limit, live);
-    for (size_t i = 1; i < live.size(); ++i)
-        live[i] += live[i - 1];
-    std::vector<kxGNode> kept;
-    for (size_t k = 0; k < nodes.size(); ++k)
-    {
-        if (live[k] == live[k + 1])
-            continue;
-        kxGNode node = nodes[k];
-        if (node.offset < 0xC0000000u)
-        {
-            node.offset = live[node.offset & 0x3FFFFFFFu] | (node.offset & 0xC0000000u);
-            node.count = live[node.count & 0x0FFFFFFFu];
-        }
-        kept.push_back(node);
-    }
-    return std::vector<kxGNode>(kept.begin(), kept.end());
-}
-
-bool sameBits(const kxBBox& a, const kxBBox& b)
-{
-    return std::memcmp(&a, &b, sizeof(kxBBox)) == 0;
-}
 } // namespace
 
 std::vector<Scene> makeScenes(uint32_t quantity, uint32_t seed)
 {
     std::mt19937 random(seed);
-    std::vector<Scene> scenes;
-    scenes.push_back({"uniform", randomBoxes(quantity, random, -10.0f, 10.0f, 0.5f)});
-
-    std::vector<kxBBox> clustered;
-    std::normal_distribution<float> spread(0.0f, 1e-3f);
-    const std::vector<kxBBox> centres = randomBoxes(5, random, -100.0f, 100.0f, 0.0f);
+    const auto randomBoxes = [&](uint32_t count, float lowest, float highest, float maxHalf) {
+        std::uniform_real_distribution<float> coordinate(lowest, highest), half(0.0f, maxHalf);
+        std::vector<kxBBox> boxes;
+        for (uint32_t i = 0; i < count; ++i)
+        {
+            const float x = coordinate(random), y = coordinate(random), z = coordinate(random);
+            boxes.push_back(boxAround(x, y, z, half(random)));
+        }
+        return boxes;
+    };
+    std::vector<Scene> scenes{{"uniform", randomBoxes(quantity, -10.0f, 10.0f, 0.5f)}};
+    // Clusters of sizes 1 down to 1e-4: at every grid resolution one of them is dense, so
+    // that the low code bits decide too.
+    std::normal_distribution<float> spread(0.0f, 1.0f);
+    const std::vector<kxBBox> centres = randomBoxes(5, -100.0f, 100.0f, 0.0f);
+    scenes.push_back({"clustered", {}});
     for (uint32_t i = 0; i < quantity; ++i)
     {
-        const kxBBox& c = centres[i % centres.size()];
-        clustered.push_back(
-            boxAround(c.min[0] + spread(random), c.min[1] + spread(random), c.min[2] + spread(random), 1e-4f));
+        const kxBBox& c = centres[i % 5];
+        const float size = std::pow(10.0f, -float(i % 5));
+        scenes.back().boxes.push_back(boxAround(c.min[0] + size * spread(random), c.min[1] + size * spread(random),
+                                                c.min[2] + size * spread(random), 0.1f * size));
     }
-    scenes.push_back({"clustered", clustered});
-
-    const std::vector<kxBBox> pool = randomBoxes(7, random, -1.0f, 1.0f, 0.0f);
-    std::vector<kxBBox> duplicated;
+    const std::vector<kxBBox> pool = randomBoxes(7, -1.0f, 1.0f, 0.0f);
+    scenes.push_back({"duplicated points", {}});
     for (uint32_t i = 0; i < quantity; ++i)
-        duplicated.push_back(pool[random() % pool.size()]);
-    scenes.push_back({"duplicated points", duplicated});
-
+        scenes.back().boxes.push_back(pool[random() % pool.size()]);
     scenes.push_back({"all-equal points", std::vector<kxBBox>(quantity, boxAround(0.25f, -0.5f, 0.75f, 0.0f))});
-
-    std::vector<kxBBox> flat = randomBoxes(quantity, random, -5.0f, 5.0f, 0.0f);
-    for (kxBBox& box : flat)
-        box.min[2] = box.max[2] = 3.0f;
-    scenes.push_back({"flat", flat});
-
     // An extent of 6e38 overflows to infinity.
-    scenes.push_back({"huge, overflowing", randomBoxes(quantity, random, -3e38f, 3e38f, 1e37f)});
-    scenes.push_back({"huge", randomBoxes(quantity, random, -1e30f, 1e30f, 1e28f)});
-    scenes.push_back({"tiny", randomBoxes(quantity, random, -1e-38f, 1e-38f, 1e-40f)});
-    scenes.push_back({"far from the origin", randomBoxes(quantity, random, 1e6f, 1e6f + 1.0f, 1e-3f)});
-
-    std::vector<kxBBox> withEmpty = randomBoxes(quantity, random, -1.0f, 1.0f, 0.1f);
-    for (size_t i = 0; i < withEmpty.size(); i += 5)
-        withEmpty[i] = kxBBox();
-    scenes.push_back({"some empty boxes", withEmpty});
+    scenes.push_back({"huge, overflowing", randomBoxes(quantity, -3e38f, 3e38f, 1e37f)});
+    scenes.push_back({"huge", randomBoxes(quantity, -1e30f, 1e30f, 1e28f)});
+    scenes.push_back({"tiny", randomBoxes(quantity, -1e-38f, 1e-38f, 1e-40f)});
+    scenes.push_back({"far from the origin", randomBoxes(quantity, 1e6f, 1e6f + 1.0f, 1e-3f)});
+    scenes.push_back({"some empty boxes", randomBoxes(quantity, -1.0f, 1.0f, 0.1f)});
+    for (size_t i = 0; i < quantity; i += 5)
+        scenes.back().boxes[i] = kxBBox();
     return scenes;
 }
 
 Reference buildReference(const std::vector<kxBBox>& boxes, unsigned bits)
 {
     Reference reference;
-    const unsigned axisBits = std::min(bits, 21u);
-    const unsigned levels = 3 * axisBits;
-    const uint32_t quantity = static_cast<uint32_t>(boxes.size());
-    reference.codes = referenceCodes(boxes, axisBits);
-    for (uint32_t i = 0; i < quantity; ++i)
-        reference.order.push_back(i);
-    std::stable_sort(reference.order.begin(), reference.order.end(),
-                     [&](uint32_t a, uint32_t b) { return reference.codes[a] < reference.codes[b]; });
-    std::vector<uint64_t> sortedCodes;
-    for (uint32_t p : reference.order)
-        sortedCodes.push_back(reference.codes[p]);
-
-    for (unsigned level = 0; level <= levels; ++level)
+    const auto quantity = static_cast<uint32_t>(boxes.size());
+    const std::vector<uint64_t>& codes = reference.codes = referenceCodes(boxes, std::min(bits, 21u));
+    std::vector<uint32_t>& order = reference.emitted.mPrimitiveIndices;
+    order.resize(quantity);
+    std::iota(order.begin(), order.end(), 0u);
+    std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return codes[a] < codes[b]; });
+    std::vector<kxGNode>& nodes = reference.emitted.mNodes;
+    const auto addLeaf = [&](uint32_t first, uint32_t count) {
+        nodes.push_back({kxBBox(), first | 0xC0000000u, count});
+        reference.runs.push_back({first, count});
+        return static_cast<uint32_t>(nodes.size() - 1);
+    };
+    // Level by level from the top code bit, left to right: a run whose codes differ in the
+    // bit splits where it turns on, and its halves take the next two records.
+    std::vector<uint32_t> level{addLeaf(0, quantity)};
+    reference.runListEntries = 1;
+    for (int bit = 3 * int(std::min(bits, 21u)) - 1; bit >= 0; --bit)
     {
-        std::set<uint64_t> prefixes;
-        for (uint64_t code : sortedCodes)
-            prefixes.insert(level == 0 ? 0 : code >> (levels - level));
-        reference.runListEntries += std::max<uint64_t>(prefixes.size(), 1);
-    }
-    reference.distinctCodes = std::max<uint64_t>(std::set<uint64_t>(sortedCodes.begin(), sortedCodes.end()).size(), 1);
-
-    std::vector<Run> runs{Run{0, quantity == 0 ? 0 : quantity - 1}};
-    if (quantity > 0)
-        splitRun(runs, 0, sortedCodes, levels);
-
-    std::vector<size_t> inner;
-    for (size_t i = 0; i < runs.size(); ++i)
-        if (runs[i].left >= 0)
-            inner.push_back(i);
-    std::stable_sort(inner.begin(), inner.end(),
-                     [&](size_t a, size_t b) {
-                         return runs[a].level != runs[b].level ? runs[a].level < runs[b].level
-                                                               : runs[a].first < runs[b].first;
-                     });
-    uint32_t nextFree = 1;
-    for (size_t i : inner)
-    {
-        runs[static_cast<size_t>(runs[i].left)].number = nextFree;
-        runs[static_cast<size_t>(runs[i].right)].number = nextFree + 1;
-        nextFree += 2;
-    }
-    reference.nodeCount = nextFree;
-
-    const uint32_t axisOfLevel[3] = {0x00000000u, 0x80000000u, 0x40000000u};
-    reference.emitted.resize(2 * reference.distinctCodes);
-    for (const Run& run : runs)
-    {
-        kxGNode& node = reference.emitted[run.number];
-        if (run.left >= 0)
+        std::vector<uint32_t> next;
+        for (uint32_t k : level)
         {
-            const uint32_t left = runs[static_cast<size_t>(run.left)].number;
-            node.offset = left | axisOfLevel[run.level % 3];
-            node.count = left + 1;
+            const Reference::Run run = reference.runs[k];
+            uint32_t split = run.first;
+            while (split < run.first + run.count && !((codes[order[split]] >> bit) & 1u))
+                ++split;
+            if (split == run.first || split == run.first + run.count)
+            {
+                next.push_back(k);
+                continue;
+            }
+            const uint32_t left = addLeaf(run.first, split - run.first);
+            next.insert(next.end(), {left, addLeaf(split, run.first + run.count - split)});
+            nodes[k].offset = left | (uint32_t(bit % 3) << 30); // the axis owning the bit
+            nodes[k].count = left + 1;
         }
-        else
-        {
-            node.offset = run.first | 0xC0000000u;
-            node.count = quantity == 0 ? 0 : run.last - run.first + 1;
-        }
+        level = next;
+        reference.runListEntries += level.size();
     }
-    refitRecord(reference.emitted, 0, boxes, reference.order);
+    reference.distinctCodes = level.size();
+    for (uint32_t k = 0; k < nodes.size(); ++k)
+        for (uint32_t p = reference.runs[k].first; p < reference.runs[k].first + reference.runs[k].count; ++p)
+            nodes[k].bbox.extend(boxes[order[p]]);
+    reference.emitted.mNodeCount = static_cast<uint32_t>(nodes.size());
+    reference.emitted.mPrimitiveCount = quantity;
     return reference;
 }
 
-kxGenericBVH fusedReference(const Reference& reference, uint32_t maxPrimitivesPerLeaf)
+kxGenericBVH fusedReference(const Reference& reference, uint32_t limit)
 {
-    kxGenericBVH fused;
-    fused.mNodes = fuse(reference.emitted, std::max(maxPrimitivesPerLeaf, 1u));
-    fused.mPrimitiveIndices = reference.order;
-    fused.mPrimitiveCount = static_cast<uint32_t>(reference.order.size());
-    fused.mNodeCount = reference.nodeCount;
-    return fused;
-}
-
-namespace
-{
-// Walks the subtree at k whose run starts at first and returns its primitive count, or
-// records the first violation in problem.
-uint32_t checkSubtree(const kxGenericBVH& bvh, uint32_t k, uint32_t first, const std::vector<kxBBox>& boxes,
-                      const std::vector<uint64_t>& codes, uint32_t limit, std::vector<bool>& visited,
-                      std::vector<int>& leafOfPosition, std::string& problem)
-{
-    if (!problem.empty())
-        return 0;
-    if (k >= bvh.mNodes.size() || visited[k])
+    const std::vector<kxGNode>& old = reference.emitted.mNodes;
+    std::vector<bool> kept(old.size(), false);
+    std::vector<uint32_t> number(old.size());
+    kxGenericBVH fused = reference.emitted;
+    fused.mNodes.clear();
+    // Children are numbered after their parents, so one ascending pass decides.
+    for (uint32_t k = 0; k < old.size(); ++k)
     {
-        problem = "record " + std::to_string(k) + " missing or reached twice";
-        return 0;
+        if (k > 0 && !kept[k])
+            continue;
+        number[k] = static_cast<uint32_t>(fused.mNodes.size());
+        fused.mNodes.push_back(old[k]);
+        const Reference::Run run = reference.runs[k];
+        if (old[k].offset >= 0xC0000000u)
+            continue;
+        if (run.count > limit)
+            kept[old[k].offset & 0x3FFFFFFFu] = kept[(old[k].offset & 0x3FFFFFFFu) + 1] = true;
+        else
+            fused.mNodes.back() = {old[k].bbox, run.first | 0xC0000000u, run.count};
     }
-    visited[k] = true;
-    const kxGNode& node = bvh.mNodes[k];
-    uint32_t count = 0;
-    if (node.offset >= 0xC0000000u)
-    {
-        count = node.count;
-        if ((node.offset & 0x3FFFFFFFu) != first || first + count > bvh.mPrimitiveIndices.size())
-            problem = "leaf " + std::to_string(k) + " does not continue its parent's run";
-        for (uint32_t i = 0; problem.empty() && i < count; ++i)
+    for (kxGNode& node : fused.mNodes)
+        if (node.offset < 0xC0000000u)
         {
-            leafOfPosition[first + i] = static_cast<int>(k);
-            if (count > limit && codes[bvh.mPrimitiveIndices[first + i]] != codes[bvh.mPrimitiveIndices[first]])
-                problem = "leaf " + std::to_string(k) + " exceeds the limit but is not one emitted leaf";
+            const uint32_t left = node.offset & 0x3FFFFFFFu;
+            node.offset = number[left] | (node.offset & 0xC0000000u);
+            node.count = number[left + 1];
         }
-    }
-    else
-    {
-        const uint32_t left = node.offset & 0x3FFFFFFFu;
-        const uint32_t right = node.count & 0x0FFFFFFFu;
-        if (right != left + 1)
-            problem = "right child of " + std::to_string(k) + " is not left + 1";
-        const uint32_t leftCount =
-            checkSubtree(bvh, left, first, boxes, codes, limit, visited, leafOfPosition, problem);
-        count = leftCount +
-                checkSubtree(bvh, right, first + leftCount, boxes, codes, limit, visited, leafOfPosition, problem);
-        if (problem.empty() && count <= limit)
-            problem = "inner record " + std::to_string(k) + " is small enough to have been fused";
-    }
-    if (!problem.empty())
-        return 0;
-    kxBBox expected;
-    for (uint32_t i = 0; i < count; ++i)
-        expected.extend(boxes[bvh.mPrimitiveIndices[first + i]]);
-    if (!sameBits(node.bbox, expected))
-        problem = "box of record " + std::to_string(k) + " is not the union of its primitives";
-    return count;
-}
-} // namespace
-
-std::string checkInvariants(const kxGenericBVH& bvh, const std::vector<kxBBox>& boxes,
-                            const std::vector<uint64_t>& codes, uint32_t maxPrimitivesPerLeaf,
-                            uint32_t emittedNodeCount)
-{
-    const uint32_t quantity = static_cast<uint32_t>(boxes.size());
-    if (bvh.mPrimitiveCount != quantity || bvh.mPrimitiveIndices.size() != quantity)
-        return "primitive count or index array size differs from the quantity";
-    std::vector<uint32_t> sorted = bvh.mPrimitiveIndices;
-    std::sort(sorted.begin(), sorted.end());
-    for (uint32_t i = 0; i < quantity; ++i)
-        if (sorted[i] != i)
-            return "primitive index array is not a permutation";
-    if (bvh.mNodeCount != emittedNodeCount)
-        return "node count is not the emitted record count";
-    if (bvh.mNodes.size() != bvh.mNodes.capacity())
-        return "node array is not trimmed";
-
-    std::string problem;
-    std::vector<bool> visited(bvh.mNodes.size(), false);
-    std::vector<int> leafOfPosition(quantity, -1);
-    const uint32_t covered =
-        checkSubtree(bvh, 0, 0, boxes, codes, maxPrimitivesPerLeaf, visited, leafOfPosition, problem);
-    if (!problem.empty())
-        return problem;
-    if (covered != quantity)
-        return "the tree covers " + std::to_string(covered) + " positions";
-    if (std::find(visited.begin(), visited.end(), false) != visited.end())
-        return "node array holds records outside the tree";
-
-    for (uint32_t p = 0; p + 1 < quantity; ++p)
-    {
-        const uint32_t a = bvh.mPrimitiveIndices[p], b = bvh.mPrimitiveIndices[p + 1];
-        if (codes[a] > codes[b])
-            return "primitives are not in code order at position " + std::to_string(p);
-        if (codes[a] == codes[b] && (leafOfPosition[p] != leafOfPosition[p + 1] || a > b))
-            return "primitives with equal codes are split or out of order at position " + std::to_string(p);
-    }
-    return "";
+    return fused;
 }
 
 std::string compareHierarchies(const kxGenericBVH& actual, const kxGenericBVH& expected)
 {
+    std::ostringstream text;
     if (actual.mPrimitiveIndices != expected.mPrimitiveIndices)
-        return "primitive index arrays differ";
-    if (actual.mPrimitiveCount != expected.mPrimitiveCount || actual.mNodeCount != expected.mNodeCount)
-        return "counters differ: " + std::to_string(actual.mPrimitiveCount) + "/" + std::to_string(actual.mNodeCount) +
-               " instead of " + std::to_string(expected.mPrimitiveCount) + "/" + std::to_string(expected.mNodeCount);
-    if (actual.mNodes.size() != expected.mNodes.size() || actual.mNodes.capacity() != expected.mNodes.size())
-        return "node array has " + std::to_string(actual.mNodes.size()) + " records (capacity " +
-               std::to_string(actual.mNodes.capacity()) + ") instead of " + std::to_string(expected.mNodes.size());
-    for (size_t k = 0; k < expected.mNodes.size(); ++k)
+        text << "primitive index arrays differ";
+    else if (actual.mPrimitiveCount != expected.mPrimitiveCount || actual.mNodeCount != expected.mNodeCount)
+        text << "counters " << actual.mPrimitiveCount << "/" << actual.mNodeCount << " instead of "
+             << expected.mPrimitiveCount << "/" << expected.mNodeCount;
+    else if (actual.mNodes.size() != expected.mNodes.size() || actual.mNodes.capacity() != actual.mNodes.size())
+        text << actual.mNodes.size() << " records (capacity " << actual.mNodes.capacity() << ") instead of "
+             << expected.mNodes.size();
+    for (size_t k = 0; text.str().empty() && k < expected.mNodes.size(); ++k)
     {
-        const kxGNode& a = actual.mNodes[k];
-        const kxGNode& e = expected.mNodes[k];
-        if (a.offset != e.offset || a.count != e.count || !sameBits(a.bbox, e.bbox))
-        {
-            std::ostringstream text;
+        const kxGNode &a = actual.mNodes[k], &e = expected.mNodes[k];
+        if (a.offset != e.offset || a.count != e.count || std::memcmp(&a.bbox, &e.bbox, sizeof(kxBBox)) != 0)
             text << "record " << k << ": " << std::hex << a.offset << " " << a.count << " " << a.bbox << " instead of "
                  << e.offset << " " << e.count << " " << e.bbox;
-            return text.str();
-        }
     }
-    return "";
+    return text.str();
 }
 } // namespace kxLinearTest

@@ -1,106 +1,71 @@
-// Scenes, an independent reference of the linear build and whole-tree checks, shared by
-// the linear builder's tests.
+// Scenes and an independent plain reference of the linear build, shared by its tests.
 #ifndef KXLINEARTESTSUPPORT_H
 #define KXLINEARTESTSUPPORT_H
 
 #include "kxGenericBVH.h"
 #include "kxLinearGenericBVHBuilder.h"
 
+#include <algorithm>
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace kxLinearTest
 {
-/// Primitives given directly as boxes. getBBox can be told to throw at its n-th call.
-class kxBoxListContainer : public kxLinearGenericBVHBuilder::tPrimitiveContainerInterface
-{
-public:
-    explicit kxBoxListContainer(std::vector<kxBBox> boxes) : mBoxes(std::move(boxes)) {}
-
-    const kxBBox& getBBox(unsigned int i) const override
-    {
-        if (++mBoxCalls == mThrowAtCall)
-            throw std::runtime_error("box unavailable");
-        return mBoxes[i];
-    }
-    uint32_t getQuantity() const override
-    {
-        ++mQuantityCalls;
-        return static_cast<uint32_t>(mBoxes.size());
-    }
-
-    const std::vector<kxBBox>& boxes() const { return mBoxes; }
-    /// 0 never throws.
-    void throwAtCall(uint64_t call)
-    {
-        mThrowAtCall = call;
-        mBoxCalls = 0;
-    }
-    uint64_t boxCalls() const { return mBoxCalls; }
-    uint64_t quantityCalls() const { return mQuantityCalls; }
-
-private:
-    std::vector<kxBBox> mBoxes;
-    mutable uint64_t mBoxCalls = 0;
-    mutable uint64_t mQuantityCalls = 0;
-    uint64_t mThrowAtCall = 0;
-};
-
 struct Scene
 {
     std::string name;
     std::vector<kxBBox> boxes;
 };
 
-/// Uniform, clustered, duplicated points, all-equal points, flat, huge, tiny, far from the
-/// origin, and some empty boxes among real ones; quantity boxes each, from a fixed seed.
+/// Uniform, clustered, duplicated points, all-equal points, huge (one overflowing the
+/// extent), tiny, far from the origin, some empty boxes; quantity boxes each.
 std::vector<Scene> makeScenes(uint32_t quantity, uint32_t seed);
 
-/// What a linear build must produce, computed plainly: codes by bit-by-bit interleave,
-/// sorted by a comparison sort, the tree by recursive splitting at the highest differing
-/// code bit, numbered level by level, refitted and fused recursively.
+/// A linear build computed plainly: codes by a bit loop, a comparison sort, then for each
+/// code bit from the top every run split where that bit turns on, records numbered in that
+/// order, each box the union of its run.
 struct Reference
 {
-    std::vector<uint64_t> codes;  // per primitive
-    std::vector<uint32_t> order;  // primitive numbers by ascending code
-    std::vector<kxGNode> emitted; // after emission and refit, before fusing
-    uint32_t nodeCount = 0;       // records emitted
-    uint64_t distinctCodes = 0;
+    struct Run
+    {
+        uint32_t first, count;
+    };
+    std::vector<uint64_t> codes; // per primitive
+    kxGenericBVH emitted;        // before fusing, without the spare record
+    std::vector<Run> runs;       // per emitted record
     uint64_t runListEntries = 0; // runs of every level 0..L, added up
+    uint64_t distinctCodes = 0;
 };
 
 Reference buildReference(const std::vector<kxBBox>& boxes, unsigned bits);
-/// The finished hierarchy: the reference's emitted tree fused under the limit.
-kxGenericBVH fusedReference(const Reference& reference, uint32_t maxPrimitivesPerLeaf);
+/// The emitted tree with every subtree of at most limit primitives fused, renumbered.
+kxGenericBVH fusedReference(const Reference& reference, uint32_t limit);
+/// Empty when both are identical record by record (boxes bitwise), in their index arrays
+/// and counters, and the node array is trimmed.
+std::string compareHierarchies(const kxGenericBVH& actual, const kxGenericBVH& expected);
+
+/// Polls the builder makes: after the codes, the sort, the run counting and the run
+/// lists; per level; per emitted record and per primitive in the refit and once after it;
+/// per emitted record while fusing, after the count and after renumbering; once at the end.
+inline uint64_t expectedPolls(uint64_t quantity, unsigned bits, const Reference& reference)
+{
+    const uint64_t emitted = 2 * reference.distinctCodes - 1;
+    return 4 + 3 * std::min(bits, 21u) + (emitted + quantity) + 1 + (emitted + 2) + 1;
+}
 
 /// Counts its polls and answers true from the cancelFrom-th poll on (never for 0).
 class kxCountingCancel : public kx::kxCancelInterfaceReadOnly
 {
 public:
     explicit kxCountingCancel(uint64_t cancelFrom = 0) : mCancelFrom(cancelFrom) {}
-    bool shouldCancel() const override
-    {
-        ++mPolls;
-        return mCancelFrom != 0 && mPolls >= mCancelFrom;
-    }
+    bool shouldCancel() const override { return ++mPolls >= mCancelFrom && mCancelFrom != 0; }
     uint64_t polls() const { return mPolls; }
 
 private:
     uint64_t mCancelFrom;
     mutable uint64_t mPolls = 0;
 };
-
-/// Checks every whole-tree property of a finished linear build against the primitive boxes
-/// and the reference codes; returns a description of the first violation, empty if none.
-std::string checkInvariants(const kxGenericBVH& bvh, const std::vector<kxBBox>& boxes,
-                            const std::vector<uint64_t>& codes, uint32_t maxPrimitivesPerLeaf,
-                            uint32_t emittedNodeCount);
-
-/// Empty when both hierarchies are identical record by record (boxes bitwise) and in their
-/// index arrays, counters and node array capacity.
-std::string compareHierarchies(const kxGenericBVH& actual, const kxGenericBVH& expected);
 } // namespace kxLinearTest
 
 #endif

@@ -3,6 +3,7 @@
 
 #include "kxGenericBVHBuilder.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -20,58 +21,54 @@ inline float centroid(const kxBBox& b, int a)
 inline uint32_t referenceBin(const kxBBox& b, const kxBBox& node, int a, uint32_t bins)
 {
     const float t = (centroid(b, a) - node.min[a]) * (float(bins) / (node.max[a] - node.min[a]));
-    if (std::isnan(t))
-        return 0;
-    const auto j = static_cast<uint32_t>(static_cast<int64_t>(t));
-    return j < bins - 1 ? j : bins - 1;
+    return std::isnan(t) ? 0 : std::min(static_cast<uint32_t>(static_cast<int64_t>(t)), bins - 1);
 }
+
+// Prices only the primitive count, so that equal costs across axes and bins are common.
+class CountOnlyCost : public kxBVHCostFunctor
+{
+public:
+    float f(const kxBBox& box, unsigned int n) const override
+    {
+        return box.min[0] <= box.max[0] ? float(n * n) + 3.0f : std::numeric_limits<float>::infinity();
+    }
+};
 
 struct PlaneChoice
 {
     bool split = false;
     kxBBox::tAxis axis = kxBBox::eAxisX;
     float pos = 0.0f;
-    float cost = std::numeric_limits<float>::infinity();
-    float leafCost = 0.0f;
 };
 
-/// Evaluates every candidate plane of every axis by collecting both sides from scratch.
+/// Prices every plane between two bins of every axis by collecting both sides from
+/// scratch; the first of equally cheap planes wins, and only a plane cheaper than the leaf.
 inline PlaneChoice bruteForcePlane(const std::vector<kxBBox>& boxes, const std::vector<uint32_t>& range,
                                    const kxBBox& node, uint32_t bins, const kxBVHCostFunctor& cost)
 {
-    const kxBBox::tAxis axes[3] = {kxBBox::eAxisX, kxBBox::eAxisY, kxBBox::eAxisZ};
-    const auto n = static_cast<uint32_t>(range.size());
     PlaneChoice best;
+    float bestCost = std::numeric_limits<float>::infinity();
     uint32_t bestBin = 0;
     for (int a = 0; a < 3; ++a)
-    {
         for (uint32_t j = 0; j + 1 < bins; ++j)
         {
             kxBBox left, right;
             uint32_t nLeft = 0;
             for (uint32_t i : range)
             {
-                if (referenceBin(boxes[i], node, a, bins) <= j)
-                {
-                    left.extend(boxes[i]);
-                    ++nLeft;
-                }
-                else
-                {
-                    right.extend(boxes[i]);
-                }
+                const bool isLeft = referenceBin(boxes[i], node, a, bins) <= j;
+                (isLeft ? left : right).extend(boxes[i]);
+                nLeft += isLeft;
             }
-            const float c = cost.f(left, nLeft) + cost.f(right, n - nLeft);
-            if (c < best.cost)
+            const float c = cost.f(left, nLeft) + cost.f(right, uint32_t(range.size()) - nLeft);
+            if (c < bestCost)
             {
-                best.cost = c;
-                best.axis = axes[a];
+                bestCost = c;
+                best.axis = kxBBox::tAxis(uint32_t(a) << 30);
                 bestBin = j;
             }
         }
-    }
-    best.leafCost = cost.f(node, n);
-    if (best.cost < best.leafCost)
+    if (bestCost < cost.f(node, uint32_t(range.size())))
     {
         const int a = kxBBox::component(best.axis);
         best.split = true;

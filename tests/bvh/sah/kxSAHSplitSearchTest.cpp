@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <numeric>
 #include <random>
 
@@ -16,126 +15,74 @@ using kxtest::Layout;
 struct NodeRange
 {
     kxGNode node;
-    uint32_t start;
-    uint32_t count;
+    uint32_t start, count;
     std::vector<uint32_t> primitives;
 };
 
 NodeRange randomRange(std::mt19937& rng, const kxGenericBVHBuilder& builder, const std::vector<kxBBox>& boxes)
 {
     NodeRange r;
-    const auto n = static_cast<uint32_t>(boxes.size());
-    r.count = std::uniform_int_distribution<uint32_t>(1, n)(rng);
-    r.start = std::uniform_int_distribution<uint32_t>(0, n - r.count)(rng);
-    const auto& indices = builder.getWorkingIndices();
-    r.primitives.assign(indices.begin() + r.start, indices.begin() + r.start + r.count);
+    r.count = std::uniform_int_distribution<uint32_t>(1, uint32_t(boxes.size()))(rng);
+    r.start = std::uniform_int_distribution<uint32_t>(0, uint32_t(boxes.size()) - r.count)(rng);
+    const auto first = builder.getWorkingIndices().begin() + r.start;
+    r.primitives.assign(first, first + r.count);
     for (uint32_t i : r.primitives)
         r.node.bbox.extend(boxes[i]);
     return r;
 }
 
-// Cost that ignores the box: only the primitive counts matter.
-class CountOnlyCost : public kxBVHCostFunctor
+TEST(SAHSplitSearch, ChosenPlaneMatchesBruteForceOverEveryCandidateWithItsTieBreaks)
 {
-public:
-    float f(const kxBBox& box, unsigned int n) const override
-    {
-        return box.min[0] <= box.max[0] ? float(n * n) + 3.0f : std::numeric_limits<float>::infinity();
-    }
-};
-
-TEST(SAHSplitSearch, BinsAndChosenPlaneMatchBruteForceOverEveryCandidate)
-{
-    const Layout layouts[] = {Layout::Uniform, Layout::Clustered, Layout::Grid, Layout::Flat, Layout::Identical};
-    const unsigned int binCounts[] = {1, 2, 3, 8, 16, 32};
     const kxDefaultSAH sah;
-    const CountOnlyCost countOnly;
+    const kxtest::CountOnlyCost countOnly;
     std::mt19937 rng(2024);
     int splits = 0, leaves = 0;
     for (uint32_t seed = 0; seed < 12; ++seed)
-    {
-        for (Layout layout : layouts)
-        {
-            for (unsigned int bins : binCounts)
+        for (Layout layout : {Layout::Uniform, Layout::Clustered, Layout::Grid, Layout::Flat, Layout::Identical})
+            for (unsigned int bins : {1u, 2u, 3u, 8u, 16u, 32u})
             {
-                const kxBVHCostFunctor& cost = (seed % 3 == 2) ? static_cast<const kxBVHCostFunctor&>(countOnly) : sah;
+                const kxBVHCostFunctor& cost = seed % 3 == 2 ? static_cast<const kxBVHCostFunctor&>(countOnly) : sah;
                 const kxtest::BoxContainer container(kxtest::randomBoxes(seed * 31 + bins, 300, layout));
-                const auto& boxes = container.boxes();
                 kxGenericBVHBuilder builder(bins, &cost);
                 kxGenericBVH bvh;
                 builder.prepare(container, bvh);
-                const NodeRange r = randomRange(rng, builder, boxes);
-
+                const NodeRange r = randomRange(rng, builder, container.boxes());
                 builder.computeBinning(r.node, r.start, r.count);
-                for (int a = 0; a < 3; ++a)
-                {
-                    for (uint32_t j = 0; j < bins; ++j)
-                    {
-                        uint32_t atOrBelow = 0;
-                        kxBBox below, above;
-                        for (uint32_t i : r.primitives)
-                        {
-                            const uint32_t bin = kxtest::referenceBin(boxes[i], r.node.bbox, a, bins);
-                            if (bin <= j)
-                            {
-                                ++atOrBelow;
-                                below.extend(boxes[i]);
-                            }
-                            if (bin >= j)
-                                above.extend(boxes[i]);
-                        }
-                        const uint32_t e = uint32_t(a) * bins + j;
-                        ASSERT_EQ(builder.getBinCounts()[e], atOrBelow) << "axis " << a << " bin " << j;
-                        ASSERT_EQ(builder.getLeftBinBoxes()[e], below) << "axis " << a << " bin " << j;
-                        ASSERT_EQ(builder.getRightBinBoxes()[e], above) << "axis " << a << " bin " << j;
-                    }
-                }
-
-                const kxtest::PlaneChoice expected = kxtest::bruteForcePlane(boxes, r.primitives, r.node.bbox, bins, cost);
+                const kxtest::PlaneChoice expected =
+                    kxtest::bruteForcePlane(container.boxes(), r.primitives, r.node.bbox, bins, cost);
                 kxBBox::tAxis axis = kxBBox::tAxis(0x12345678u);
                 float pos = -12345.0f;
                 const bool split = builder.findSplitPlane(r.node, r.count, axis, pos);
                 ASSERT_EQ(split, expected.split) << "seed " << seed << " bins " << bins;
-                if (split)
-                {
-                    ++splits;
-                    EXPECT_EQ(axis, expected.axis);
-                    EXPECT_EQ(pos, expected.pos);
-                }
-                else
-                {
-                    ++leaves;
-                    EXPECT_EQ(axis, kxBBox::tAxis(0x12345678u)) << "outputs must stay untouched";
-                    EXPECT_EQ(pos, -12345.0f);
-                }
+                splits += split;
+                leaves += !split;
+                // A leaf leaves the outputs untouched.
+                EXPECT_EQ(axis, split ? expected.axis : kxBBox::tAxis(0x12345678u));
+                EXPECT_EQ(pos, split ? expected.pos : -12345.0f);
             }
-        }
-    }
     EXPECT_GT(splits, 100);
     EXPECT_GT(leaves, 50);
 }
 
 TEST(SAHSplitSearch, SplitCostingExactlyTheLeafCostIsRejected)
 {
-    // The only finite candidate, three boxes either side of an x plane, costs 12 + 12:
-    // exactly what the leaf costs here.
+    // The only finite candidate, three boxes either side of an x plane, costs 12 + 12: as
+    // much as the leaf.
     class TieCost : public kxBVHCostFunctor
     {
     public:
         float f(const kxBBox& box, unsigned int n) const override
         {
-            if (!(box.min[0] <= box.max[0]))
-                return std::numeric_limits<float>::infinity();
-            return n == 6 ? 24.0f : float(n * n) + 3.0f;
+            return box.min[0] <= box.max[0] ? (n == 6 ? 24.0f : float(n * n) + 3.0f)
+                                            : std::numeric_limits<float>::infinity();
         }
     } tie;
     std::vector<kxBBox> boxes;
     for (int k = 0; k < 6; ++k)
         boxes.push_back(kxBBox(Wm4::Vector3<float>(float(k), 0, 0), Wm4::Vector3<float>(float(k) + 0.5f, 1, 1)));
-    const kxtest::BoxContainer container(boxes);
     kxGenericBVHBuilder builder(2, &tie);
     kxGenericBVH bvh;
-    builder.prepare(container, bvh);
+    builder.prepare(kxtest::BoxContainer(boxes), bvh);
     builder.computeBinning(bvh.mNodes[0], 0, 6);
     kxBBox::tAxis axis;
     float pos;
@@ -144,12 +91,9 @@ TEST(SAHSplitSearch, SplitCostingExactlyTheLeafCostIsRejected)
 
 TEST(SAHSplitSearch, MedianOrderMatchesStableSortOfCentroids)
 {
-    const Layout layouts[] = {Layout::Uniform, Layout::Clustered, Layout::Grid, Layout::Identical};
-    const kxBBox::tAxis axes[3] = {kxBBox::eAxisX, kxBBox::eAxisY, kxBBox::eAxisZ};
     std::mt19937 rng(99);
     for (uint32_t seed = 0; seed < 10; ++seed)
-    {
-        for (Layout layout : layouts)
+        for (Layout layout : {Layout::Uniform, Layout::Clustered, Layout::Grid, Layout::Identical})
         {
             const kxtest::BoxContainer container(kxtest::randomBoxes(seed, 3000, layout));
             const auto& boxes = container.boxes();
@@ -160,7 +104,7 @@ TEST(SAHSplitSearch, MedianOrderMatchesStableSortOfCentroids)
             if (seed < 2)
                 r.count = std::min<uint32_t>(r.count, seed + 1); // the one- and two-primitive cases
             r.primitives.resize(r.count);
-            for (kxBBox::tAxis axis : axes)
+            for (kxBBox::tAxis axis : {kxBBox::eAxisX, kxBBox::eAxisY, kxBBox::eAxisZ})
             {
                 const int a = kxBBox::component(axis);
                 std::vector<uint32_t> order(r.count);
@@ -179,6 +123,5 @@ TEST(SAHSplitSearch, MedianOrderMatchesStableSortOfCentroids)
                 EXPECT_EQ(pos, kxtest::centroid(boxes[r.primitives[order[r.count / 2]]], a));
             }
         }
-    }
 }
 } // namespace
