@@ -396,3 +396,92 @@ TEST(QBVHRay, AFlatRayOnABoxFaceFollowsTheSseMinMaxRule)
             }
         }
 }
+
+TEST(QBVHRay, SlotsAreVisitedInTheOrderOfTheSortingNetworkWhateverTheirKeysAndTies)
+{
+    // One four-wide node over four one-triangle leaves. The ray runs along +x from the
+    // origin; slot k's box is entered at distance key[k] (0: the origin is inside it) or
+    // missed (+infinity). Two chosen slots hold the same triangle at distance 5 and the
+    // others one the ray misses: of two equal hits the first visited stays, so the answer
+    // tells which of the two slots comes first. Every key pattern over {0, 1, 2, 3, miss}
+    // and every pair of slots is tried, including the unstable ties of the network.
+    const float kMiss = kInf;
+    const float values[] = {0.0f, 1.0f, 2.0f, 3.0f, kMiss};
+    const std::vector<Wm4::Vector3<float>> corners = {
+        {5, -0.5f, -0.5f}, {5, -0.5f, 1}, {5, 1, -0.5f}, {5, 50, 50}, {5, 50, 51}, {5, 51, 50}};
+    const auto networkOrder = [](const float key[4]) {
+        float k[4] = {key[0], key[1], key[2], key[3]};
+        std::vector<int> slot = {0, 1, 2, 3};
+        for (const auto& p : {std::make_pair(0, 1), std::make_pair(2, 3), std::make_pair(0, 2),
+                              std::make_pair(1, 3), std::make_pair(1, 2)})
+            if (k[p.first] > k[p.second])
+            {
+                std::swap(k[p.first], k[p.second]);
+                std::swap(slot[p.first], slot[p.second]);
+            }
+        std::vector<int> visited;
+        for (int i = 0; i < 4 && k[i] != kInf; ++i)
+            visited.push_back(slot[i]);
+        return visited;
+    };
+    int checked = 0;
+    for (int pattern = 0; pattern < 625; ++pattern)
+    {
+        float key[4];
+        for (int k = 0, p = pattern; k < 4; ++k, p /= 5)
+            key[k] = values[p % 5];
+        const std::vector<int> order = networkOrder(key);
+        for (int a = 0; a < 4; ++a)
+            for (int b = a + 1; b < 4; ++b)
+            {
+                std::vector<unsigned int> indices;
+                for (int k = 0; k < 4; ++k)
+                    indices.insert(indices.end(), k == a || k == b ? std::initializer_list<unsigned int>{0, 1, 2}
+                                                                   : std::initializer_list<unsigned int>{3, 4, 5});
+                const auto mesh = makeMesh(corners, indices);
+                kxGenericBVH bvh;
+                bvh.mPrimitiveIndices = {0, 1, 2, 3};
+                bvh.mPrimitiveCount = 4;
+                bvh.mNodes.resize(7);
+                bvh.mNodeCount = 7;
+                bvh.mNodes[0].offset = 1 | kxBBox::eAxisX;
+                bvh.mNodes[0].count = 2;
+                bvh.mNodes[1].offset = 3 | kxBBox::eAxisY;
+                bvh.mNodes[1].count = 4;
+                bvh.mNodes[2].offset = 5 | kxBBox::eAxisY;
+                bvh.mNodes[2].count = 6;
+                for (int k = 0; k < 4; ++k)
+                {
+                    kxGNode& leaf = bvh.mNodes[3 + k];
+                    leaf.offset = static_cast<uint32_t>(k) | kxGNode::eLeafMark;
+                    leaf.count = 1;
+                    leaf.bbox = key[k] == kMiss ? kxBBox({0, 5, -1}, {10, 6, 1})
+                                                : kxBBox({key[k] == 0.0f ? -1.0f : key[k], -1, -1}, {10, 1, 1});
+                }
+                kxQBVH qbvh;
+                qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, bvh, *mesh);
+                ASSERT_EQ(qbvh.getNodeCount(), 1u);
+
+                unsigned int expected = kNone;
+                for (int slot : order)
+                    if (slot == a || slot == b)
+                    {
+                        expected = static_cast<unsigned int>(slot);
+                        break;
+                    }
+                for (int mode : {0, 1, 3})
+                {
+                    const RayAnswer got = shoot(qbvh, {0, 0, 0}, {1, 0, 0}, 0.0f, kInf, mode, false);
+                    EXPECT_EQ(got, shoot(qbvh, {0, 0, 0}, {1, 0, 0}, 0.0f, kInf, mode, true));
+                    EXPECT_EQ(got.triangle, expected) << "keys " << key[0] << " " << key[1] << " " << key[2] << " "
+                                                      << key[3] << ", slots " << a << " and " << b << ", mode " << mode;
+                    if (expected != kNone)
+                    {
+                        EXPECT_EQ(got.t, 5.0f);
+                    }
+                    ++checked;
+                }
+            }
+    }
+    EXPECT_EQ(checked, 625 * 6 * 3);
+}
