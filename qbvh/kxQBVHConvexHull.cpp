@@ -30,6 +30,16 @@ public:
 
 private:
     bool groupTest(const kxQBVH::tSOATriangleVertices& group) const;
+    void prefetch(uint32_t ref, uint32_t count) const
+    {
+        // A node spans two cache lines, a vertex block three.
+        const char* p = count == kNone ? reinterpret_cast<const char*>(mNodes + ref)
+                                       : reinterpret_cast<const char*>(mVertices + ref);
+        kxSimd::prefetch(p);
+        kxSimd::prefetch(p + 64);
+        if (count != kNone)
+            kxSimd::prefetch(p + 128);
+    }
 
     const kxQBVH::tQBVHNode* mNodes;
     const kxQBVH::tSOATriangleVertices* mVertices;
@@ -69,6 +79,10 @@ bool HullQuery::nodeTest(uint32_t index) const
     if ((lowest > zero).any())
         return true;
     const int skip = outside.bits();
+    // Later slots are fetched while the earlier ones are searched.
+    for (int k = 0; k < 4; ++k)
+        if (!(skip & (1 << k)))
+            prefetch(node.child[k], node.count[k]);
     for (int k = 0; k < 4; ++k)
     {
         if (skip & (1 << k))
