@@ -215,11 +215,20 @@ void kxQBVH::buildFromBVH(tQBVHDataFlags flags, const kxGenericBVH& bvh, const k
     }
     else
     {
+        // Depth first, slots in order: leaves are filled in the order of their primitives,
+        // which keeps the reads of primitive numbers and vertices running forward.
         pending.push_back(0);
         while (!pending.empty())
         {
             const uint32_t n = pending.back();
             pending.pop_back();
+            const kxGNode& binary = bvh.mNodes[n];
+            if (isLeaf(binary))
+            {
+                if (mTriangleIndices)
+                    fillLeaf(binary, groupCounts[n]);
+                continue;
+            }
             tQBVHNode& node = mNodes[nodeMarks[n]];
             uint32_t slots[4];
             slotNodes(bvh, n, slots);
@@ -241,16 +250,16 @@ void kxQBVH::buildFromBVH(tQBVHDataFlags flags, const kxGenericBVH& bvh, const k
                 {
                     node.child[k] = groupCounts[s];
                     node.count[k] = groupCounts[s + 1] - groupCounts[s];
-                    if (mTriangleIndices)
-                        fillLeaf(bvh.mNodes[s], groupCounts[s]);
                 }
                 else
                 {
                     node.child[k] = nodeMarks[s];
                     node.count[k] = kNone;
-                    pending.push_back(s);
                 }
             }
+            for (int k = 3; k >= 0; --k)
+                if (slots[k] != kNone)
+                    pending.push_back(slots[k]);
         }
     }
 
