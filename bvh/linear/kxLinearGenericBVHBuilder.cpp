@@ -1,5 +1,6 @@
 #include "kxLinearGenericBVHBuilder.h"
 
+#include "../kxBoxLanes.h"
 #include "../kxHugePages.h"
 #include "kxLinearBuildSupport.h"
 #include "kxMortonCodes.h"
@@ -129,9 +130,11 @@ void kxLinearGenericBVHBuilder::gatherPrimitives(const tPrimitiveContainerInterf
     mSceneBox = kxBBox();
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(uint64_t{mQuantity} * 4u) << "B for "
                      << mQuantity << " primitives indexes";
+    kxBoxLanes::Accumulator sceneBox;
     for (uint32_t i = 0; i < mQuantity; ++i)
     {
         mPrimitiveIndexes[i] = i;
-        mSceneBox.extend(container.getBBox(i));
+        sceneBox.extend(container.getBBox(i));
     }
+    sceneBox.store(mSceneBox);
 }

@@ -2,6 +2,7 @@
 
 #include "kxLinearBuildSupport.h"
 
+#include "../kxBoxLanes.h"
 #include "../kxHugePages.h"
 
 #include <algorithm>
@@ -151,25 +152,11 @@ private:
     const kxBBox* mAhead[kAhead];
 };
 
-// Written component by component: a box assembled on the stack and copied whole would be
-// reloaded in wider pieces than it was stored, which stalls.
-inline void storeBox(kxBBox& target, const kxBBox& box)
-{
-    for (int a = 0; a < 3; ++a)
-    {
-        target.min[a] = box.min[a];
-        target.max[a] = box.max[a];
-    }
-}
-
 // left extended by right, with the comparisons of kxBBox::extend.
 inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 {
-    for (int a = 0; a < 3; ++a)
-    {
-        target.min[a] = right.min[a] < left.min[a] ? right.min[a] : left.min[a];
-        target.max[a] = right.max[a] > left.max[a] ? right.max[a] : left.max[a];
-    }
+    kxBoxLanes::store(target, _mm_min_ps(kxBoxLanes::load3(right.min), kxBoxLanes::load3(left.min)),
+                      _mm_max_ps(kxBoxLanes::load3(right.max), kxBoxLanes::load3(left.max)));
 }
 } // namespace
 
@@ -212,14 +199,14 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
         if (cancelled(cancel))
             return false;
         kxGNode& node = nodes[leafAt[position]];
-        kxBBox box;
+        kxBoxLanes::Accumulator box;
         for (uint32_t i = 0; i < node.count; ++i)
         {
             box.extend(boxes.next());
             if (cancelled(cancel))
                 return false;
         }
-        storeBox(node.bbox, box);
+        box.store(node.bbox);
         position += node.count;
     }
     for (size_t k = nodes.size(); k-- > 0;)

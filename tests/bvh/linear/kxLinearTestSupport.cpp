@@ -219,6 +219,17 @@ std::vector<Scene> makeScenes(uint32_t quantity, uint32_t seed)
     for (size_t i = 0; i < withEmpty.size(); i += 5)
         withEmpty[i] = kxBBox();
     scenes.push_back({"some empty boxes", withEmpty});
+
+    // Signed zeros and NaNs tell apart the order of the comparisons that grow boxes.
+    const float special[] = {0.0f, -0.0f, 0.5f, -0.5f, std::numeric_limits<float>::quiet_NaN()};
+    std::vector<kxBBox> odd = randomBoxes(quantity, random, -1.0f, 1.0f, 0.1f);
+    for (size_t i = 0; i < odd.size(); i += 3)
+        for (int a = 0; a < 3; ++a)
+        {
+            odd[i].min[a] = special[random() % 5];
+            odd[i].max[a] = special[random() % 5];
+        }
+    scenes.push_back({"signed zeros and NaNs", odd});
     return scenes;
 }
 
