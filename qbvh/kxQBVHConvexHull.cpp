@@ -30,15 +30,13 @@ public:
 
 private:
     bool groupTest(const kxQBVH::tSOATriangleVertices& group) const;
+    // A node spans two cache lines, a vertex block three.
     void prefetch(uint32_t ref, uint32_t count) const
     {
-        // A node spans two cache lines, a vertex block three.
-        const char* p = count == kNone ? reinterpret_cast<const char*>(mNodes + ref)
-                                       : reinterpret_cast<const char*>(mVertices + ref);
-        kxSimd::prefetch(p);
-        kxSimd::prefetch(p + 64);
-        if (count != kNone)
-            kxSimd::prefetch(p + 128);
+        if (count == kNone)
+            prefetchLines(mNodes + ref, 2);
+        else
+            prefetchLines(mVertices + ref, 3);
     }
 
     const kxQBVH::tQBVHNode* mNodes;

@@ -169,16 +169,15 @@ void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
     }
 }
 
-// Child data is fetched while the nearer siblings are processed.
+// Child data is fetched while the nearer siblings are processed: a node spans two cache
+// lines, a group of equations three.
 template <class Rule>
 void Traversal<Rule>::prefetch(uint32_t ref, uint32_t count) const
 {
-    const char* p = count == kNone ? reinterpret_cast<const char*>(mNodes + ref)
-                                   : reinterpret_cast<const char*>(mEquations + ref);
-    kxSimd::prefetch(p);
-    kxSimd::prefetch(p + 64);
-    if (count != kNone)
-        kxSimd::prefetch(p + 128);
+    if (count == kNone)
+        prefetchLines(mNodes + ref, 2);
+    else
+        prefetchLines(mEquations + ref, 3);
 }
 
 template <class Rule>

@@ -99,6 +99,13 @@ inline void prefetch(const void* p)
     _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0);
 }
 
+/// Asks for the first `lines` cache lines from p on.
+inline void prefetchLines(const void* p, int lines)
+{
+    for (int i = 0; i < lines; ++i)
+        prefetch(static_cast<const char*>(p) + 64 * i);
+}
+
 /// The bit patterns of a as unsigned lanes.
 inline vuint4 asUint(vfloat4 a) { return vuint4(_mm_castps_si128(a.v)); }
 } // namespace kxSimd

@@ -108,6 +108,33 @@ struct Scene
     kxQBVH qbvh;
 };
 
+// A complete binary tree in heap order over 2^k leaves of one primitive each: leaf i holds
+// primitive i and has the given box; inner boxes are the unions.
+kxGenericBVH leavesWithBoxes(const std::vector<kxBBox>& boxes)
+{
+    const uint32_t leaves = static_cast<uint32_t>(boxes.size());
+    kxGenericBVH bvh;
+    bvh.mNodes.resize(2 * leaves - 1);
+    bvh.mNodeCount = 2 * leaves - 1;
+    bvh.mPrimitiveCount = leaves;
+    for (uint32_t i = 0; i < leaves; ++i)
+    {
+        bvh.mPrimitiveIndices.push_back(i);
+        kxGNode& leaf = bvh.mNodes[leaves - 1 + i];
+        leaf.offset = i | kxGNode::eLeafMark;
+        leaf.count = 1;
+        leaf.bbox = boxes[i];
+    }
+    for (uint32_t n = leaves - 1; n-- > 0;)
+    {
+        bvh.mNodes[n].offset = (2 * n + 1) | kxBBox::eAxisX;
+        bvh.mNodes[n].count = 2 * n + 2;
+        bvh.mNodes[n].bbox = bvh.mNodes[2 * n + 1].bbox;
+        bvh.mNodes[n].bbox.extend(bvh.mNodes[2 * n + 2].bbox);
+    }
+    return bvh;
+}
+
 // A leaf limit for the whole pipeline from the mesh, or 0 for a median-split hierarchy.
 void build(Scene& scene, std::mt19937& rng, int triangles, const SoupOptions& soup, const MedianSplitOptions& split,
            unsigned int fromMeshLeafLimit = 0)
@@ -257,21 +284,10 @@ TEST(QBVHRay, EqualHitsInTwoLeavesGoToTheLeafWhoseBoxTheRayEntersFirst)
     auto mesh = makeMesh({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {0, 1, 2, 0, 1, 2});
     for (int nearer = 0; nearer < 2; ++nearer)
     {
-        kxGenericBVH bvh;
-        bvh.mPrimitiveIndices = {0, 1};
-        bvh.mPrimitiveCount = 2;
-        bvh.mNodes.resize(3);
-        bvh.mNodeCount = 3;
-        bvh.mNodes[0].offset = 1 | kxBBox::eAxisZ;
-        bvh.mNodes[0].count = 2;
+        std::vector<kxBBox> boxes;
         for (int leaf = 0; leaf < 2; ++leaf)
-        {
-            kxGNode& node = bvh.mNodes[1 + leaf];
-            node.offset = static_cast<uint32_t>(leaf) | kxGNode::eLeafMark;
-            node.count = 1;
-            node.bbox = kxBBox({0, 0, 0}, {1, 1, leaf == nearer ? 0.5f : 0.0f});
-            bvh.mNodes[0].bbox.extend(node.bbox);
-        }
+            boxes.push_back(kxBBox({0, 0, 0}, {1, 1, leaf == nearer ? 0.5f : 0.0f}));
+        const kxGenericBVH bvh = leavesWithBoxes(boxes);
         kxQBVH qbvh;
         qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, bvh, *mesh);
         float t = kInf;
@@ -439,27 +455,12 @@ TEST(QBVHRay, SlotsAreVisitedInTheOrderOfTheSortingNetworkWhateverTheirKeysAndTi
                     indices.insert(indices.end(), k == a || k == b ? std::initializer_list<unsigned int>{0, 1, 2}
                                                                    : std::initializer_list<unsigned int>{3, 4, 5});
                 const auto mesh = makeMesh(corners, indices);
-                kxGenericBVH bvh;
-                bvh.mPrimitiveIndices = {0, 1, 2, 3};
-                bvh.mPrimitiveCount = 4;
-                bvh.mNodes.resize(7);
-                bvh.mNodeCount = 7;
-                bvh.mNodes[0].offset = 1 | kxBBox::eAxisX;
-                bvh.mNodes[0].count = 2;
-                bvh.mNodes[1].offset = 3 | kxBBox::eAxisY;
-                bvh.mNodes[1].count = 4;
-                bvh.mNodes[2].offset = 5 | kxBBox::eAxisY;
-                bvh.mNodes[2].count = 6;
+                std::vector<kxBBox> boxes;
                 for (int k = 0; k < 4; ++k)
-                {
-                    kxGNode& leaf = bvh.mNodes[3 + k];
-                    leaf.offset = static_cast<uint32_t>(k) | kxGNode::eLeafMark;
-                    leaf.count = 1;
-                    leaf.bbox = key[k] == kMiss ? kxBBox({0, 5, -1}, {10, 6, 1})
-                                                : kxBBox({key[k] == 0.0f ? -1.0f : key[k], -1, -1}, {10, 1, 1});
-                }
+                    boxes.push_back(key[k] == kMiss ? kxBBox({0, 5, -1}, {10, 6, 1})
+                                                    : kxBBox({key[k] == 0.0f ? -1.0f : key[k], -1, -1}, {10, 1, 1}));
                 kxQBVH qbvh;
-                qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, bvh, *mesh);
+                qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, leavesWithBoxes(boxes), *mesh);
                 ASSERT_EQ(qbvh.getNodeCount(), 1u);
 
                 unsigned int expected = kNone;
