@@ -204,12 +204,11 @@ void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
             const vfloat4 z2 = (vfloat4::load(node.bboxMax[2]) - oz) * iz;
             const vfloat4 nearT = max(min(z1, z2), max(min(y1, y2), max(min(x1, x2), lower)));
             const vfloat4 farT = min(max(z1, z2), min(max(y1, y2), min(max(x1, x2), upper)));
-            // Near when the box lies ahead, 0 when the origin is inside, far (negative) when
-            // the whole box lies behind the origin. Keys are never NaN (a slot is keyed only
-            // when near <= far), so a slot is visited exactly when its key is below +infinity.
+            // A keyed slot (near <= far) is visited when its key is below +infinity, that is
+            // when near is: the key is near when near > 0, else 0 or far. Keys themselves
+            // are formed only to order several slots.
             const vmask4 keyed = nearT <= farT;
-            const vfloat4 bits = orBits(max(nearT, zero), min(farT, zero));
-            const int visit = (keyed & (bits < inf)).bits();
+            const int visit = (keyed & (nearT < inf)).bits();
             if (visit != 0)
             {
                 const int lowest = __builtin_ctz(static_cast<unsigned>(visit));
@@ -220,6 +219,9 @@ void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
                     count = node.count[lowest];
                     continue;
                 }
+                // Near when the box lies ahead, 0 when the origin is inside, far (negative)
+                // when the whole box lies behind the origin.
+                const vfloat4 bits = orBits(max(nearT, zero), min(farT, zero));
                 alignas(16) float keys[4];
                 int slot[4];
                 if ((remaining & (remaining - 1)) == 0)
