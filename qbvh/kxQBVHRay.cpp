@@ -19,12 +19,13 @@ struct RayRecord
 
     RayRecord(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction)
     {
-        for (int a = 0; a < 3; ++a)
-        {
-            org[a] = vfloat4(origin[a]);
-            dir[a] = vfloat4(direction[a]);
-            inv[a] = vfloat4(1.0f / direction[a]);
-        }
+        // The three reciprocals in one division (each lane rounds as 1.0f / d would).
+        const vfloat4 d(_mm_setr_ps(direction[0], direction[1], direction[2], 1.0f));
+        const vfloat4 o(_mm_setr_ps(origin[0], origin[1], origin[2], 0.0f));
+        const vfloat4 r = vfloat4(1.0f) / d;
+        org[0] = lane<0>(o), org[1] = lane<1>(o), org[2] = lane<2>(o);
+        dir[0] = lane<0>(d), dir[1] = lane<1>(d), dir[2] = lane<2>(d);
+        inv[0] = lane<0>(r), inv[1] = lane<1>(r), inv[2] = lane<2>(r);
     }
 };
 

@@ -41,6 +41,13 @@ inline vfloat4 operator-(vfloat4 a) { return vfloat4(_mm_xor_ps(a.v, _mm_set1_ps
 inline vfloat4 abs(vfloat4 a) { return vfloat4(_mm_andnot_ps(_mm_set1_ps(-0.0f), a.v)); }
 inline vfloat4 sqrt(vfloat4 a) { return vfloat4(_mm_sqrt_ps(a.v)); }
 
+/// Lane k of a in all four lanes.
+template <int k>
+inline vfloat4 lane(vfloat4 a)
+{
+    return vfloat4(_mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(k, k, k, k)));
+}
+
 inline vfloat4 min(vfloat4 a, vfloat4 b) { return vfloat4(_mm_min_ps(a.v, b.v)); }
 inline vfloat4 max(vfloat4 a, vfloat4 b) { return vfloat4(_mm_max_ps(a.v, b.v)); }
 
