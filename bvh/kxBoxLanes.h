@@ -15,7 +15,7 @@ namespace kxBoxLanes
 /// p[0], p[1], p[2] in the low lanes, without reading past them.
 inline __m128 load3(const float* p)
 {
-    const __m128 xy = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p)));
+    const __m128 xy = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
     return _mm_movelh_ps(xy, _mm_load_ss(p + 2));
 }
 
