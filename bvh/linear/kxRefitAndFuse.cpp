@@ -115,11 +115,11 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
 // Hands out the container's boxes of the primitives at ascending positions. Each box is
 // asked for a few positions ahead and prefetched, so that the cache misses of boxes
 // scattered over the container overlap; every box is still asked for once, in order.
+template <typename Container>
 class kxBoxStream
 {
 public:
-    kxBoxStream(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-                const uint32_t* primitiveIndexes, uint32_t quantity)
+    kxBoxStream(const Container& container, const uint32_t* primitiveIndexes, uint32_t quantity)
         : mContainer(container), mIndexes(primitiveIndexes), mQuantity(quantity)
     {
         for (uint32_t position = 0; position < quantity && position < kAhead; ++position)
@@ -140,12 +140,12 @@ private:
 
     void request(uint32_t position)
     {
-        const kxBBox& box = mContainer.getBBox(mIndexes[position]);
+        const kxBBox& box = boxOf(mContainer, mIndexes[position]);
         prefetchForRead(&box);
         mAhead[position % kAhead] = &box;
     }
 
-    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& mContainer;
+    const Container& mContainer;
     const uint32_t* mIndexes;
     uint32_t mQuantity;
     uint32_t mPosition = 0;
@@ -173,9 +173,9 @@ bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena
     return !cancelled(cancel);
 }
 
-bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
-           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, const uint32_t* primitiveIndexes,
-           uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
+template <typename Container>
+bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes, const Container& container,
+           const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
 {
     // Boxes are computed for the fused tree only, but a cancel source is polled once per
     // emitted record, as a refit of the whole emitted tree would poll it, so that where a
@@ -191,7 +191,7 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
     if (quantity == 0)
         return !cancelled(cancel);
     const uint32_t* leafAt = tree.leafAt;
-    kxBoxStream boxes(container, primitiveIndexes, quantity);
+    kxBoxStream<Container> boxes(container, primitiveIndexes, quantity);
     for (uint32_t position = 0; position < quantity;)
     {
         if (position + kPrefetchDistance < quantity)
@@ -220,4 +220,10 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
     }
     return true;
 }
+
+template bool refit(const kxEmittedTree&, std::vector<kxGNode>&,
+                    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&, const uint32_t*, uint32_t,
+                    const kx::kxCancelInterfaceReadOnly*);
+template bool refit(const kxEmittedTree&, std::vector<kxGNode>&, const kxBVHTriangleContainer&, const uint32_t*,
+                    uint32_t, const kx::kxCancelInterfaceReadOnly*);
 } // namespace kxLinearBVH

@@ -86,6 +86,35 @@ TEST(LinearBuilder, BuildsTheReferenceTreeFromATriangleMesh)
     ASSERT_TRUE(builder.build(container, bvh, nullptr, 20));
     EXPECT_EQ(checkInvariants(bvh, boxes, reference.codes, 4, reference.nodeCount), "");
     EXPECT_EQ(compareHierarchies(bvh, fusedReference(reference, 4)), "");
+
+    // A subclass that answers with other boxes is asked, not the boxes it inherits.
+    class MirroredTriangles : public kxBVHTriangleContainer
+    {
+    public:
+        explicit MirroredTriangles(const kx::kxTriMesh& mesh) : kxBVHTriangleContainer(mesh)
+        {
+            for (uint32_t t = 0; t < getQuantity(); ++t)
+            {
+                kxBBox box = kxBVHTriangleContainer::getBBox(t);
+                std::swap(box.min[0], box.max[0]);
+                box.min[0] = -box.min[0];
+                box.max[0] = -box.max[0];
+                mMirrored.push_back(box);
+            }
+        }
+        const kxBBox& getBBox(unsigned int i) const override { return mMirrored[i]; }
+
+    private:
+        std::vector<kxBBox> mMirrored;
+    };
+    const MirroredTriangles mirrored(mesh);
+    std::vector<kxBBox> mirroredBoxes;
+    for (uint32_t t = 0; t < mirrored.getQuantity(); ++t)
+        mirroredBoxes.push_back(mirrored.getBBox(t));
+    const Reference mirroredReference = buildReference(mirroredBoxes, 20);
+    ASSERT_TRUE(builder.build(mirrored, bvh, nullptr, 20));
+    EXPECT_EQ(checkInvariants(bvh, mirroredBoxes, mirroredReference.codes, 4, mirroredReference.nodeCount), "");
+    EXPECT_EQ(compareHierarchies(bvh, fusedReference(mirroredReference, 4)), "");
 }
 
 TEST(LinearBuilder, ReadsTheQuantityOnceAndEveryBoxInThreeSweeps)
