@@ -26,65 +26,32 @@ constexpr double kEps = 8.0 * std::numeric_limits<Real>::epsilon();
 
 enum Kind
 {
-    kIdentity,
-    kRotation,
-    kUniformPositive,
-    kUniformNegative,
-    kAxisScale,
-    kNonUniformPositive,
-    kMixedSigns,
-    kEqualMagnitudeMixedSigns,
-    kGeneralNearUnitDeterminant,
-    kGeneralUnimodular,
-    kKindCount
+    kIdentity, kRotation, kUniformPositive, kUniformNegative, kAxisScale, kNonUniformPositive, kMixedSigns,
+    kEqualMagnitudeMixedSigns, kGeneralUnitDeterminant, kGeneralUnimodular, kKindCount
 };
 
-double uniform(std::mt19937& rng, double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); }
-double randomSign(std::mt19937& rng) { return rng() % 2 ? -1.0 : 1.0; }
+template <typename Real>
+Real uniform(std::mt19937& rng, double lo, double hi)
+{
+    return Real(std::uniform_real_distribution<double>(lo, hi)(rng));
+}
 
 template <typename Real>
 V3<Real> randomVector(std::mt19937& rng, double range)
 {
-    return V3<Real>(Real(uniform(rng, -range, range)), Real(uniform(rng, -range, range)), Real(uniform(rng, -range, range)));
+    return V3<Real>(uniform<Real>(rng, -range, range), uniform<Real>(rng, -range, range),
+                    uniform<Real>(rng, -range, range));
 }
 
 template <typename Real>
-M3<Real> toReal(const M3<double>& m)
+M3<Real> randomRotation(std::mt19937& rng)
 {
-    M3<Real> r;
-    for (int i = 0; i < 9; ++i)
-        static_cast<Real*>(r)[i] = static_cast<Real>(static_cast<const double*>(m)[i]);
-    return r;
-}
-
-M3<double> randomRotation(std::mt19937& rng)
-{
-    std::normal_distribution<double> g;
-    Wm4::Quaternion<double> q(g(rng), g(rng), g(rng), g(rng));
+    Wm4::Quaternion<Real> q(uniform<Real>(rng, -1, 1), uniform<Real>(rng, -1, 1), uniform<Real>(rng, -1, 1),
+                            uniform<Real>(rng, -1, 1));
     q.Normalize();
-    M3<double> r;
+    M3<Real> r;
     q.ToRotationMatrix(r);
     return r;
-}
-
-// Integer entries and determinant ±1, so the inverse is exact; signed permutations (the only
-// such matrices with orthogonal columns) are avoided.
-M3<double> randomUnimodular(std::mt19937& rng)
-{
-    for (;;)
-    {
-        M3<double> m(randomSign(rng), 1.0, 1.0);
-        for (int op = 0; op < 3; ++op)
-        {
-            const int i = rng() % 3, j = (i + 1 + rng() % 2) % 3;
-            const double k = randomSign(rng);
-            for (int c = 0; c < 3; ++c)
-                m[i][c] += k * m[j][c];
-        }
-        for (int a = 0; a < 3; ++a)
-            if (m[0][a] * m[0][(a + 1) % 3] + m[1][a] * m[1][(a + 1) % 3] + m[2][a] * m[2][(a + 1) % 3] != 0.0)
-                return m;
-    }
 }
 
 template <typename Real>
@@ -93,26 +60,28 @@ Xf<Real> randomTransformation(int kind, std::mt19937& rng)
     Xf<Real> t;
     if (kind == kIdentity)
         return t;
+    auto sign = [&] { return rng() % 2 ? Real(-1) : Real(1); };
     t.SetTranslate(randomVector<Real>(rng, 10.0));
-    const double a = uniform(rng, 0.5, 2.0), b = uniform(rng, 0.5, 2.0), c = uniform(rng, 0.5, 2.0);
-    if (kind == kGeneralNearUnitDeterminant)
-        t.SetMatrix(toReal<Real>(randomRotation(rng) * M3<double>(a, b, 1.0 / (a * b)) * randomRotation(rng)));
-    else if (kind == kGeneralUnimodular)
-        t.SetMatrix(toReal<Real>(randomUnimodular(rng)));
+    const Real a = uniform<Real>(rng, 0.5, 2.0), b = uniform<Real>(rng, 0.5, 2.0), c = uniform<Real>(rng, 0.5, 2.0);
+    if (kind == kGeneralUnitDeterminant)
+        t.SetMatrix(randomRotation<Real>(rng) * M3<Real>(a, b, 1 / (a * b)) * randomRotation<Real>(rng));
+    else if (kind == kGeneralUnimodular) // integers, determinant +-1: the inverse is exact
+        t.SetMatrix(M3<Real>(sign(), sign() * (1 + rng() % 2), Real(rng() % 3), 0, 1, sign(), 0, 0, 1));
     else if (kind != kAxisScale)
-        t.SetRotate(toReal<Real>(randomRotation(rng)));
+        t.SetRotate(randomRotation<Real>(rng));
 
-    V3<double> s = kind == kEqualMagnitudeMixedSigns ? V3<double>(a, a, a) : V3<double>(a, b, c);
     if (kind == kUniformPositive || kind == kUniformNegative)
-        t.SetUniformScale(Real(kind == kUniformNegative ? -a : a));
+        t.SetUniformScale(kind == kUniformNegative ? -a : a);
     else if (kind == kNonUniformPositive)
-        t.SetScale(V3<Real>(Real(a), Real(b), Real(c)));
+        t.SetScale(V3<Real>(a, b, c));
     else if (kind == kAxisScale || kind == kMixedSigns || kind == kEqualMagnitudeMixedSigns)
     {
+        const bool equal = kind == kEqualMagnitudeMixedSigns;
+        V3<Real> s;
         do
-            s = V3<double>(a * randomSign(rng), std::fabs(s[1]) * randomSign(rng), std::fabs(s[2]) * randomSign(rng));
+            s = V3<Real>(a * sign(), (equal ? a : b) * sign(), (equal ? a : c) * sign());
         while (kind != kAxisScale && (s[0] > 0) == (s[1] > 0) && (s[1] > 0) == (s[2] > 0));
-        t.SetScale(V3<Real>(Real(s[0]), Real(s[1]), Real(s[2])));
+        t.SetScale(s);
     }
     return t;
 }
@@ -175,6 +144,7 @@ class GenericTransformation : public ::testing::Test
 };
 using RealTypes = ::testing::Types<float, double>;
 TYPED_TEST_SUITE(GenericTransformation, RealTypes);
+} // namespace
 
 TYPED_TEST(GenericTransformation, ForwardThenInverseReturnsThePointSingleAndBatch)
 {
@@ -247,10 +217,10 @@ TYPED_TEST(GenericTransformation, ProductAppliesTheSecondThenTheFirstExceptTheAx
     });
 }
 
-TYPED_TEST(GenericTransformation, HomogeneousMatrixRoundTripsInBothConventions)
+TYPED_TEST(GenericTransformation, HomogeneousMatrixRoundTripsInBothConventionsWithMirrorsInTheFirstScale)
 {
     using Real = TypeParam;
-    forEachRandom<Real>(13, 20, [](int kind, const Xf<Real>& t, std::mt19937& rng) {
+    forEachRandom<Real>(13, 20, [](int, const Xf<Real>& t, std::mt19937& rng) {
         M4<Real> h, back;
         t.GetHomogeneous(h);
         const V3<Real> p = randomVector<Real>(rng, 10.0);
@@ -264,10 +234,6 @@ TYPED_TEST(GenericTransformation, HomogeneousMatrixRoundTripsInBothConventions)
         fromRows.GetHomogeneous(back);
         for (int i = 0; i < 16; ++i)
             EXPECT_NEAR(static_cast<const Real*>(back)[i], static_cast<const Real*>(h)[i], 1e-5);
-        if (kind == kRotation)
-        {
-            EXPECT_TRUE(fromRows.GetScale() == V3<Real>::ONE);
-        }
 
         const V3<Real>& s = t.GetScale();
         const int negatives = (s[0] < 0) + (s[1] < 0) + (s[2] < 0);
@@ -277,7 +243,6 @@ TYPED_TEST(GenericTransformation, HomogeneousMatrixRoundTripsInBothConventions)
             EXPECT_EQ(fromRows.IsRSMatrix(), t.IsRSMatrix());
             return;
         }
-        // A reflection ends up in the first scale, the other two come out positive.
         const V3<Real>& r = fromRows.GetScale();
         EXPECT_TRUE(fromRows.IsRSMatrix());
         EXPECT_EQ(r[0] < 0, negatives % 2 == 1);
@@ -295,7 +260,7 @@ TYPED_TEST(GenericTransformation, MappedPlanesAndNormalsFitTheMappedGeometry)
         V3<Real> n = randomVector<Real>(rng, 1.0);
         n.Normalize();
         const V3<Real> u = n.UnitCross(randomVector<Real>(rng, 1.0)), v = n.Cross(u);
-        const Wm4::Plane3<Real> plane(n, Real(uniform(rng, -5.0, 5.0)));
+        const Wm4::Plane3<Real> plane(n, uniform<Real>(rng, -5.0, 5.0));
         const Wm4::Plane3<Real> mapped = t.ApplyForward(plane);
         const V3<Real> normal = t.ApplyNormal(n);
         const double bound = roundTripBound(t);
@@ -303,7 +268,7 @@ TYPED_TEST(GenericTransformation, MappedPlanesAndNormalsFitTheMappedGeometry)
         EXPECT_NEAR(normal.Length(), 1.0, kEps<Real> * bound);
         for (int i = 0; i < 8; ++i)
         {
-            const Real x = Real(uniform(rng, -5.0, 5.0)), y = Real(uniform(rng, -5.0, 5.0));
+            const Real x = uniform<Real>(rng, -5.0, 5.0), y = uniform<Real>(rng, -5.0, 5.0);
             EXPECT_NEAR(mapped.DistanceTo(t.ApplyForward(n * plane.Constant + u * x + v * y, true)), 0.0,
                         kEps<Real> * bound * 4);
             EXPECT_NEAR(normal.Dot(t.ApplyForward(u * x + v * y, false)), 0.0, kEps<Real> * bound);
@@ -311,44 +276,25 @@ TYPED_TEST(GenericTransformation, MappedPlanesAndNormalsFitTheMappedGeometry)
     });
 }
 
-TYPED_TEST(GenericTransformation, IdentityPassesPointsThroughBitForBitAndBatchesMatchSingleCalls)
+TYPED_TEST(GenericTransformation, IdentityPassesPointsThroughBitForBitSingleAndBatch)
 {
     using Real = TypeParam;
-    const Real inf = std::numeric_limits<Real>::infinity(), nan = std::numeric_limits<Real>::quiet_NaN();
-    const V3<Real> in[3] = {V3<Real>(Real(-0.0), Real(1.5), std::numeric_limits<Real>::denorm_min()),
-                            V3<Real>(nan, -inf, Real(3)), V3<Real>(Real(7), Real(-0.0), Real(-2))};
+    const Real nan = std::numeric_limits<Real>::quiet_NaN(), tiny = std::numeric_limits<Real>::denorm_min();
+    const V3<Real> in[2] = {V3<Real>(Real(-0.0), Real(1.5), tiny), V3<Real>(nan, -1 / tiny, Real(-0.0))};
     const Xf<Real> t;
-    V3<Real> out[4];
-    std::memset(static_cast<void*>(out), 0x5a, sizeof(out));
-    const V3<Real> sentinel = out[3];
-    for (const V3<Real>& p : in)
-    {
-        EXPECT_TRUE(sameBits(t.ApplyForward(p, true), p));
-        EXPECT_TRUE(sameBits(t.ApplyForward(p, false), p));
-        EXPECT_TRUE(sameBits(t.ApplyInverse(p, true), p));
-        EXPECT_TRUE(sameBits(t.InvertVector(p), p));
-    }
-    t.ApplyForward(3, in, out, true);
+    V3<Real> out[2];
+    EXPECT_TRUE(sameBits(t.ApplyForward(in[1], true), in[1]));
+    EXPECT_TRUE(sameBits(t.ApplyInverse(in[1], true), in[1]));
+    t.ApplyForward(2, in, out, true);
     EXPECT_EQ(std::memcmp(in, out, sizeof(in)), 0);
     std::memset(static_cast<void*>(out), 0x5a, sizeof(out));
-    t.ApplyInverse(3, in, out);
+    t.ApplyInverse(2, in, out);
     EXPECT_EQ(std::memcmp(in, out, sizeof(in)), 0);
-    EXPECT_TRUE(sameBits(out[3], sentinel));
-    Xf<Real> scaled;
-    scaled.SetUniformScale(Real(2));
-    scaled.ApplyForward(-1, in, out + 3, true);
-    scaled.ApplyInverse(0, in, out + 3);
-    EXPECT_TRUE(sameBits(out[3], sentinel));
-    const V3<Real> negative(Real(-0.0), Real(-1), Real(-2));
-    scaled.ApplyForward(1, &negative, out, false);
-    EXPECT_TRUE(sameBits(out[0], scaled.ApplyForward(negative, false)));
-    EXPECT_TRUE(std::signbit(out[0][0]));
 }
 
-TYPED_TEST(GenericTransformation, IdentityFlagMixesExactValueEqualityWithABitwiseMatrixTest)
+TYPED_TEST(GenericTransformation, TheIdentityTestComparesTheMatrixBitwiseAndTheRestByValue)
 {
     using Real = TypeParam;
-    const V3<Real> p(Real(1.25), Real(-3), Real(0.5));
     M3<Real> negativeZero = M3<Real>::IDENTITY;
     negativeZero[0][1] = Real(-0.0);
     Xf<Real> t;
@@ -365,22 +311,12 @@ TYPED_TEST(GenericTransformation, IdentityFlagMixesExactValueEqualityWithABitwis
     EXPECT_TRUE(t.IsUniformScale());
     t.recomputeIsIdentity();
     EXPECT_TRUE(t.IsIdentity());
+}
 
-    // A general identity matrix is still the identity, but not RS form.
-    t.SetMatrix(M3<Real>::IDENTITY);
-    EXPECT_TRUE(t.IsIdentity());
-    EXPECT_FALSE(t.IsRSMatrix());
-    EXPECT_FALSE(t.IsUniformScale());
-    EXPECT_EQ(t.GetNorm(), Real(1));
-    Xf<Real> inverse;
-    t.Inverse(inverse);
-    EXPECT_TRUE(inverse == t);
-
-    // Outside RS form the scale is ignored but keeps the flag false.
-    t.SetUniformScale(Real(3));
-    EXPECT_FALSE(t.IsIdentity());
-    EXPECT_TRUE(sameBits(t.ApplyForward(p, true), p));
-
+TYPED_TEST(GenericTransformation, AGeneralProductKeepsTheTargetsStaleScaleAndSoIsNotTheIdentity)
+{
+    using Real = TypeParam;
+    const V3<Real> p(Real(1.25), Real(-3), Real(0.5));
     Xf<Real> a, b, product;
     a.SetMatrix(M3<Real>(Real(2), Real(4), Real(0.5)));
     b.SetMatrix(M3<Real>(Real(0.5), Real(0.25), Real(2)));
@@ -398,29 +334,25 @@ TYPED_TEST(GenericTransformation, IdentityFlagMixesExactValueEqualityWithABitwis
 
     // An identity side is a plain copy, stale scale and flags included.
     Xf<Real> identity, copy;
-    copy.Product(identity, t);
-    EXPECT_TRUE(copy == t);
-    copy.Product(t, identity);
-    EXPECT_TRUE(copy == t);
+    copy.Product(identity, product);
+    EXPECT_TRUE(copy == product);
 }
 
 TYPED_TEST(GenericTransformation, GetNormOfARotationIsItsRowSumNotOne)
 {
     using Real = TypeParam;
     Xf<Real> t;
-    t.SetRotate(toReal<Real>(M3<double>(V3<double>::UNIT_Z, std::atan(1.0))));
+    t.SetRotate(M3<Real>(V3<Real>::UNIT_Z, Real(std::atan(1.0))));
     EXPECT_NEAR(t.GetNorm(), std::sqrt(2.0), 1e-6);
     t.SetScale(V3<Real>(Real(2), Real(-3), Real(1)));
     EXPECT_EQ(t.GetNorm(), Real(3));
-    t.SetMatrix(M3<Real>(Real(1), Real(-2), Real(0), Real(3), Real(0), Real(-4), Real(1), Real(1), Real(1)));
-    EXPECT_EQ(t.GetNorm(), Real(7));
 }
 
-TYPED_TEST(GenericTransformation, ZeroScalesInvertToMaxRealSinglyAndNonFiniteInBatches)
+TYPED_TEST(GenericTransformation, ZeroUniformScaleInvertsToMaxRealSinglyButNotInBatches)
 {
     using Real = TypeParam;
     Xf<Real> t;
-    t.SetRotate(toReal<Real>(M3<double>(V3<double>::UNIT_X, 0.3)));
+    t.SetRotate(M3<Real>(V3<Real>::UNIT_X, Real(0.3)));
     t.SetTranslate(V3<Real>(Real(1), Real(2), Real(3)));
     t.SetUniformScale(Real(0));
     const Real big = Wm4::Math<Real>::MAX_REAL;
@@ -432,97 +364,52 @@ TYPED_TEST(GenericTransformation, ZeroScalesInvertToMaxRealSinglyAndNonFiniteInB
     for (int i = 0; i < 3; ++i)
         EXPECT_FALSE(std::isfinite(out[i]));
 
-    t.SetScale(V3<Real>(Real(0), Real(1), Real(2)));
-    EXPECT_FALSE(std::isfinite(t.InvertVector(p)[0]));
+    // The reciprocal matrix of unequal scales is a full product: -0.5 * 0 + 0 * 1 + 0 * 0 is
+    // +0 where scaling a row would give -0.
     Xf<Real> inverse;
-    t.SetRotate(M3<Real>::IDENTITY);
-    t.Inverse(inverse);
-    // The reciprocal matrix is a full product, so the infinite row meets zeros.
-    EXPECT_TRUE(std::isinf(inverse.GetMatrix()[0][0]));
-    EXPECT_TRUE(std::isnan(inverse.GetMatrix()[0][1]));
-    EXPECT_TRUE(std::isnan(inverse.GetMatrix()[0][2]));
     t.SetScale(V3<Real>(Real(-2), Real(4), Real(8)));
+    t.SetRotate(M3<Real>::IDENTITY);
     t.Inverse(inverse);
     EXPECT_FALSE(std::signbit(inverse.GetMatrix()[0][1]));
-
-    EXPECT_TRUE(t.IsFinite());
-    t.GetRotate()[2][1] = std::numeric_limits<Real>::quiet_NaN();
-    EXPECT_FALSE(t.IsFinite());
-    t.SetRotate(M3<Real>::IDENTITY);
-    t.SetTranslate(V3<Real>(Real(0), std::numeric_limits<Real>::infinity(), Real(0)));
-    EXPECT_FALSE(t.IsFinite());
 }
 
 TYPED_TEST(GenericTransformation, NegativeDeterminantsAreSingularUnlessCloseToMinusOne)
 {
     using Real = TypeParam;
-    const Real tolerance = Wm4::Math<Real>::ZERO_TOLERANCE;
-    struct Case
-    {
-        M3<Real> m;
-        bool invertible;
-    } cases[] = {{M3<Real>(Real(-2), Real(1), Real(1)), false},
-                 {M3<Real>(Real(-0.5), Real(1), Real(1)), false},
-                 {M3<Real>(tolerance / 2, Real(1), Real(1)), false},
-                 {M3<Real>(Real(-1), Real(1), Real(1)), true},
-                 {M3<Real>(Real(0), Real(1), Real(0), Real(1), Real(0), Real(0), Real(0), Real(0), Real(1)), true},
-                 {M3<Real>(Real(0.5), Real(1), Real(1)), true}};
     const V3<Real> p(Real(1), Real(2), Real(3));
-    for (const Case& c : cases)
+    for (Real first : {Real(-2), Real(-0.5), Wm4::Math<Real>::ZERO_TOLERANCE / 2, Real(-1), Real(0.5)})
     {
         Xf<Real> t, inverse;
-        t.SetMatrix(c.m);
+        t.SetMatrix(M3<Real>(first, Real(1), Real(1)));
         t.Inverse(inverse);
-        if (c.invertible)
-        {
-            EXPECT_TRUE(c.m * inverse.GetMatrix() == M3<Real>::IDENTITY);
-            EXPECT_TRUE(t.ApplyForward(t.ApplyInverse(p, false), false) == p);
-        }
-        else
-        {
-            EXPECT_TRUE(inverse.GetMatrix() == M3<Real>::ZERO);
-            EXPECT_TRUE(t.ApplyInverse(p, false) == V3<Real>::ZERO);
-        }
+        const bool invertible = first == Real(-1) || first == Real(0.5);
+        EXPECT_TRUE(inverse.GetMatrix() == (invertible ? M3<Real>(1 / first, Real(1), Real(1)) : M3<Real>::ZERO))
+            << first;
+        EXPECT_TRUE(t.ApplyInverse(p, false) == (invertible ? V3<Real>(p[0] / first, p[1], p[2]) : V3<Real>::ZERO));
     }
 }
 
-TYPED_TEST(GenericTransformation, DecompositionDropsTinyTranslationsAndKeepsMirrorsAndNegativeShear)
+TYPED_TEST(GenericTransformation, DecompositionDropsTinyTranslationsAndNearIdentitiesAndPassesNegativeShear)
 {
     using Real = TypeParam;
-    M4<Real> h(false);
-    h[3][0] = Real(0.0005);
     Xf<Real> t;
-    t.FromHomogeneousMatrix(h, true);
-    EXPECT_TRUE(t.IsIdentity());
-    EXPECT_TRUE(t.GetTranslate() == V3<Real>::ZERO);
-    h[3][0] = Real(0);
-    h[1][3] = Real(0.0011);
-    t.FromHomogeneousMatrix(h, false);
-    EXPECT_TRUE(t.GetTranslate() == V3<Real>(Real(0), Real(0.0011), Real(0)));
-
-    M4<Real> mirror(false);
-    mirror[1][1] = Real(-1);
-    t.FromHomogeneousMatrix(mirror, true);
-    EXPECT_TRUE(t.IsRSMatrix());
-    EXPECT_FALSE(t.IsUniformScale());
-    EXPECT_TRUE(t.GetScale() == V3<Real>(Real(-1), Real(1), Real(1)));
-    EXPECT_NEAR(t.GetMatrix().Determinant(), 1.0, 1e-6);
-    expectNear(t.ApplyForward(V3<Real>(Real(1), Real(2), Real(3)), true), V3<Real>(Real(1), Real(-2), Real(3)), 4);
-
+    for (bool rows : {true, false})
+    {
+        M4<Real> h(false);
+        (rows ? h[3][0] : h[0][3]) = Real(0.0005);
+        t.FromHomogeneousMatrix(h, rows);
+        EXPECT_TRUE(t.IsIdentity());
+        EXPECT_TRUE(t.GetTranslate() == V3<Real>::ZERO);
+        (rows ? h[3][1] : h[1][3]) = Real(0.0011);
+        t.FromHomogeneousMatrix(h, rows);
+        EXPECT_TRUE(t.GetTranslate() == V3<Real>(Real(0.0005), Real(0.0011), Real(0)));
+    }
     // Within 1e-6 of the identity a linear part is dropped, even with unequal scales.
     M4<Real> almost(false);
     almost[0][0] = Real(1 + 8e-7);
     almost[1][1] = Real(1 - 8e-7);
     t.FromHomogeneousMatrix(almost, true);
     EXPECT_TRUE(t.IsIdentity());
-    M4<Real> nearRotation(false);
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            nearRotation[i][j] = Real(2 * M3<double>(V3<double>::UNIT_Y, 2e-7)[j][i]);
-    t.FromHomogeneousMatrix(nearRotation, true);
-    EXPECT_TRUE(t.GetMatrix() == M3<Real>::IDENTITY);
-    EXPECT_NEAR(t.GetUniformScale(), 2.0, 1e-6);
-
     // The cross-term test has no absolute value: a slightly negative shear passes as RS.
     for (Real shear : {Real(-5e-4), Real(5e-4)})
     {
@@ -534,27 +421,25 @@ TYPED_TEST(GenericTransformation, DecompositionDropsTinyTranslationsAndKeepsMirr
     }
 }
 
-TYPED_TEST(GenericTransformation, EqualsIgnoresFlagsWhileTheOperatorComparesEverythingExactly)
+TYPED_TEST(GenericTransformation, EqualsToleratesAMillionthAndIgnoresFlagsWhileTheOperatorIsExact)
 {
     using Real = TypeParam;
     Xf<Real> a, b;
     b.SetMatrix(M3<Real>::IDENTITY);
     EXPECT_TRUE(a.Equals(b));
     EXPECT_FALSE(a == b);
-    b = a;
-    EXPECT_TRUE(a == b);
-    M3<Real> m = M3<Real>::IDENTITY;
-    m[0][1] = Real(5e-7);
-    b.SetRotate(m);
-    EXPECT_TRUE(a.Equals(b));
-    EXPECT_FALSE(a == b);
-    m[0][1] = Real(2e-6);
-    b.SetRotate(m);
-    EXPECT_FALSE(a.Equals(b));
-    b = a;
-    b.SetTranslate(V3<Real>(Real(9e-4), Real(0), Real(0)));
-    EXPECT_TRUE(a.Equals(b));
-    b.SetTranslate(V3<Real>(Real(0), Real(0), Real(1.1e-3)));
-    EXPECT_FALSE(a.Equals(b));
+    for (Real offset : {Real(5e-7), Real(2e-6)})
+    {
+        M3<Real> m = M3<Real>::IDENTITY;
+        m[0][1] = offset;
+        b.SetMatrix(m);
+        EXPECT_EQ(a.Equals(b), offset < Real(1e-6));
+    }
+    // Translations compare by squared distance: 9e-4 is close, 1.1e-3 is not.
+    for (Real offset : {Real(9e-4), Real(1.1e-3)})
+    {
+        b = a;
+        b.SetTranslate(V3<Real>(offset, Real(0), Real(0)));
+        EXPECT_EQ(a.Equals(b), offset < Real(1e-3));
+    }
 }
-} // namespace

@@ -1,23 +1,49 @@
 // kxbvh: what kxCommonAddOns does for a mesh, from the command line.
-#include <kxCommonAddOns.h>
+#include "Cli.h"
+#include "Errors.h"
+#include "Interrupt.h"
 
-#include <CLI/CLI.hpp>
-
-#include <iostream>
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <stdexcept>
 
 int main(int argc, char** argv)
 {
-    CLI::App app{"kxbvh: build and query bounding volume hierarchies over triangle meshes"};
-    app.set_version_flag("--version",
-                         std::string("kxbvh ") + kxCommonAddOns::Version::GetDescStringMajorMinorReleaseRevisionDate());
+    using namespace kxbvh;
+    installInterruptHandler();
     try
     {
-        app.parse(argc, argv);
+        return runCommandLine(argc, argv);
     }
-    catch (const CLI::ParseError& e)
+    catch (const InputError& e)
     {
-        return app.exit(e);
+        std::fprintf(stderr, "kxbvh: error: %s\n", e.what());
+        return eExitBadInput;
     }
-    std::cout << app.help();
-    return 0;
+    catch (const OutputError& e)
+    {
+        std::fprintf(stderr, "kxbvh: error: %s\n", e.what());
+        return eExitFailure;
+    }
+    catch (const Cancelled& e)
+    {
+        std::fprintf(stderr, "kxbvh: %s\n", e.what());
+        return eExitCancelled;
+    }
+    catch (const std::bad_alloc&)
+    {
+        std::fprintf(stderr, "kxbvh: error: out of memory (try a smaller mesh or picture)\n");
+        return eExitFailure;
+    }
+    catch (const std::length_error& e)
+    {
+        std::fprintf(stderr, "kxbvh: error: the mesh is too large for the library's arrays (%s)\n", e.what());
+        return eExitFailure;
+    }
+    catch (const std::exception& e)
+    {
+        std::fprintf(stderr, "kxbvh: error: %s\n", e.what());
+        return eExitFailure;
+    }
 }

@@ -1,0 +1,37 @@
+// The same mesh in Embree, for side-by-side figures. Compiled only when Embree was found.
+#ifndef KXBVH_EMBREESCENE_H
+#define KXBVH_EMBREESCENE_H
+
+#include "Camera.h"
+
+#include <kxTriMesh.h>
+
+#include <memory>
+
+namespace kxbvh
+{
+class EmbreeScene
+{
+public:
+    /// Copies the mesh into Embree and commits the scene with Embree's default build
+    /// quality on `threads` threads of its own pool; the time covers both.
+    EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads);
+    ~EmbreeScene();
+    EmbreeScene(const EmbreeScene&) = delete;
+    EmbreeScene& operator=(const EmbreeScene&) = delete;
+
+    double buildSeconds() const { return mBuildSeconds; }
+
+    /// Nearest hit in [0, t]: shortens t and names the mesh's triangle. Thread-safe.
+    bool intersect(const Vec3& origin, const Vec3& direction, float& t, unsigned& triangle) const;
+
+    static const char* version();
+
+private:
+    struct Handles;
+    std::unique_ptr<Handles> mHandles;
+    double mBuildSeconds = 0.0;
+};
+} // namespace kxbvh
+
+#endif

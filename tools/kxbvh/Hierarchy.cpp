@@ -1,0 +1,93 @@
+#include "Hierarchy.h"
+
+#include "Errors.h"
+#include "Interrupt.h"
+#include "Progress.h"
+
+#include <kxBVHContainers.h>
+#include <kxCancelInterface.h>
+#include <kxGenericBVHBuilder.h>
+#include <kxLinearGenericBVHBuilder.h>
+
+#include <chrono>
+#include <memory>
+
+namespace kxbvh
+{
+namespace
+{
+// The resolution buildFromMesh uses.
+constexpr unsigned kMortonBits = 20;
+
+/// Reads the Ctrl-C flag through the library's proxy, and turns the spinner each time
+/// the builder asks.
+class TickingCancel : public kx::kxCancelInterfaceReadOnly
+{
+public:
+    explicit TickingCancel(const Progress& progress) : mFlag(interruptFlag(), nullptr, nullptr), mProgress(progress) {}
+    bool shouldCancel() const override
+    {
+        mProgress.tick();
+        return mFlag.shouldCancel();
+    }
+
+private:
+    kx::kxCancelInterfaceProxy mFlag;
+    const Progress& mProgress;
+};
+
+class Stopwatch
+{
+public:
+    double lap()
+    {
+        const auto now = std::chrono::steady_clock::now();
+        const double seconds = std::chrono::duration<double>(now - mLast).count();
+        mLast = now;
+        return seconds;
+    }
+
+private:
+    std::chrono::steady_clock::time_point mLast = std::chrono::steady_clock::now();
+};
+} // namespace
+
+const char* builderName(Builder builder)
+{
+    return builder == Builder::eSah ? "sah" : "linear";
+}
+
+void buildHierarchy(const Mesh& mesh, const BuildOptions& options, Hierarchy& out, const Progress* ticker)
+{
+    std::unique_ptr<Progress> ownProgress;
+    if (!ticker)
+    {
+        ownProgress = std::make_unique<Progress>(std::string("building the BVH (") + builderName(options.builder) +
+                                                 ")");
+        ticker = ownProgress.get();
+    }
+    out.bvh = kxGenericBVH();
+    Stopwatch clock;
+    const kxBVHTriangleContainer container(*mesh.mesh);
+    out.times.container = clock.lap();
+    if (options.builder == Builder::eLinear)
+    {
+        kxLinearGenericBVHBuilder builder;
+        builder.setMaxPrimitivesPerLeaf(options.leafSize);
+        const TickingCancel cancel(*ticker);
+        if (!builder.build(container, out.bvh, &cancel, kMortonBits))
+            throw Cancelled("cancelled while building the BVH");
+    }
+    else
+    {
+        kxGenericBVHBuilder builder;
+        builder.build(container, out.bvh);
+        throwIfInterrupted("building the BVH");
+    }
+    out.times.binary = clock.lap();
+    out.qbvh.buildFromBVH(kxQBVH::tQBVHDataFlags(kxQBVH::eTrianglesVertices | kxQBVH::eTrianglesEquations), out.bvh,
+                          *mesh.mesh);
+    out.times.collapse = clock.lap();
+    throwIfInterrupted("building the QBVH");
+}
+} // namespace kxbvh
