@@ -1,4 +1,6 @@
-// Deterministic procedural meshes for the benchmarks.
+// Deterministic procedural meshes for the benchmarks, all made of parametric grids in grid
+// order (neighbouring triangles have neighbouring numbers, as in scanned or tessellated
+// models). The same arguments give the same mesh on every call.
 #ifndef KXBENCHMESHES_H
 #define KXBENCHMESHES_H
 
@@ -6,14 +8,24 @@
 #include "kxTriMesh.h"
 
 #include <cstdint>
+#include <vector>
 
 namespace kxBench
 {
-/// A torus with a bumpy surface, as a grid of rows x columns quads of two triangles each,
-/// in grid order (neighbouring triangles have neighbouring numbers, as in scanned or
-/// tessellated models). About the requested number of triangles, at least 12; the same
-/// mesh on every call.
+/// A torus with a bumpy surface: one closed grid. About the requested number of triangles,
+/// at least 12.
 kx::kxPointer<kx::kxTriMesh> makeBumpyTorus(uint32_t triangles);
+
+/// A rolling height field with 16 bumpy spheres standing on it, half of the triangles in
+/// each, so that rays meet open ground, dense clusters and empty space. About the
+/// requested number of triangles.
+kx::kxPointer<kx::kxTriMesh> makeLandscape(uint32_t triangles);
+
+uint32_t triangleCount(const kx::kxTriMesh& mesh);
+
+/// x, y, z of every vertex, with room after the last for readers that load 16 bytes at a
+/// time (Embree).
+std::vector<float> paddedPositions(const kx::kxTriMesh& mesh);
 } // namespace kxBench
 
 #endif

@@ -35,7 +35,7 @@ const kx::kxTriMesh& meshOf(int64_t triangles)
 
 int64_t triangleCount(const kx::kxTriMesh& mesh)
 {
-    return mesh.GetIndexBuffer()->GetIndexQuantity() / 3;
+    return kxBench::triangleCount(mesh);
 }
 
 void SAHBuild(benchmark::State& state)

@@ -101,11 +101,6 @@ const kx::kxTriMesh& meshOf(uint32_t triangles)
     return *mesh;
 }
 
-uint32_t triangleCount(const kx::kxTriMesh& mesh)
-{
-    return static_cast<uint32_t>(mesh.GetIndexBuffer()->GetIndexQuantity() / 3);
-}
-
 // Peak heap memory that one call adds, in MiB.
 template <typename Build>
 double peakMiB(Build&& build)
@@ -138,7 +133,7 @@ void linearBuild(benchmark::State& state, uint32_t triangles, bool fromMesh)
     state.counters["peak_MiB"] = peakMiB(build);
     for (auto _ : state)
         build();
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * triangleCount(mesh));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kxBench::triangleCount(mesh));
 }
 
 #ifdef KX_BENCH_WITH_EMBREE
@@ -146,11 +141,7 @@ void embreeLowBuild(benchmark::State& state, uint32_t triangles)
 {
     const kx::kxTriMesh& mesh = meshOf(triangles);
     const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
-    // Embree reads vertices with 16-byte loads: pad the copy.
-    std::vector<float> positions(3 * static_cast<size_t>(vertices.GetVertexQuantity()) + 4);
-    for (int i = 0; i < vertices.GetVertexQuantity(); ++i)
-        for (int a = 0; a < 3; ++a)
-            positions[3 * static_cast<size_t>(i) + a] = vertices.Position3(i)[a];
+    const std::vector<float> positions = kxBench::paddedPositions(mesh);
     const unsigned int* indices = mesh.GetIndexBuffer()->GetData();
 
     RTCDevice device = rtcNewDevice("threads=1");
@@ -171,7 +162,7 @@ void embreeLowBuild(benchmark::State& state, uint32_t triangles)
         rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, positions.data(), 0,
                                    3 * sizeof(float), static_cast<size_t>(vertices.GetVertexQuantity()));
         rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, indices, 0,
-                                   3 * sizeof(unsigned int), triangleCount(mesh));
+                                   3 * sizeof(unsigned int), kxBench::triangleCount(mesh));
         rtcCommitGeometry(geometry);
         rtcAttachGeometry(scene, geometry);
         rtcReleaseGeometry(geometry);
@@ -182,7 +173,7 @@ void embreeLowBuild(benchmark::State& state, uint32_t triangles)
     for (auto _ : state)
         build();
     rtcReleaseDevice(device);
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * triangleCount(mesh));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kxBench::triangleCount(mesh));
 }
 #endif
 
@@ -221,7 +212,7 @@ public:
             const Result* embree = find("embree_low/", size);
             if (!build || !fromMesh)
                 continue;
-            const double triangles = triangleCount(meshOf(size.triangles));
+            const double triangles = kxBench::triangleCount(meshOf(size.triangles));
             std::printf("%-5s | %s | %s | %s |", size.label, describe(*build, triangles).c_str(),
                         describe(*fromMesh, triangles).c_str(), embree ? describe(*embree, triangles).c_str() : "-");
             if (embree)

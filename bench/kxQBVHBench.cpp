@@ -1,26 +1,36 @@
-// Single-ray throughput of kxQBVH beside Embree 3 on the same triangles and rays:
-// primary camera rays and random rays from inside the bounds, then our queries from
-// 1, 2 and all cores. Extra arguments name mesh files (anything assimp reads).
-#include "kxMedianSplitBVH.h"
+// Single-ray throughput of kxQBVH beside Embree 3 (rtcIntersect1) on the same triangles
+// and rays, in one process and one thread: primary camera rays and random rays from
+// inside the bounds, over a QBVH from the main road (buildFromMesh: linear builder, leaves
+// of at most 4) and one collapsed from an SAH tree. Embree runs twice: with the widest
+// instruction set it picks on this machine, and held to SSE4.2, whose four-wide BVH is the
+// same shape as ours. Our queries then run from 1, 2 and all cores. Extra arguments name
+// mesh files (anything assimp reads). The tables at the end hold the ratios.
+#include "kxBVHContainers.h"
+#include "kxBenchMeshes.h"
+#include "kxGenericBVHBuilder.h"
+#include "kxLog.h"
 #include "kxQBVH.h"
-#include "kxQBVHBenchMeshes.h"
+#include "kxQBVHReference.h"
 
+#include <benchmark/benchmark.h>
+#include <embree3/rtcore.h>
+#ifdef KX_BENCH_WITH_ASSIMP
 #include <assimp/cimport.h>
 #include <assimp/postprocess.h>
 #include <assimp/scene.h>
-#include <benchmark/benchmark.h>
-#include <embree3/rtcore.h>
+#endif
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <map>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
-
-using namespace kxbench;
+#include <vector>
 
 namespace
 {
@@ -29,55 +39,72 @@ struct Ray
     Wm4::Vector3<float> origin, direction;
 };
 
+const char* const kRayKinds[] = {"primary", "random"};
+const char* const kTrees[] = {"linear", "sah"};
+const char* const kEmbrees[] = {"embree", "embree_sse42"};
+
 struct Workload
 {
     std::string name;
-    MeshData data;
     kx::kxPointer<kx::kxTriMesh> mesh;
-    kxQBVH qbvh;
-    RTCScene scene = nullptr;
-    std::vector<Ray> primary, random;
-    double buildSeconds = 0.0;
+    std::vector<float> positions; // Embree's padded copy
+    kxQBVH trees[2];               // linear, SAH
+    double treeSeconds[2] = {};
+    RTCScene scenes[2] = {};       // native, SSE4.2
+    double sceneSeconds[2] = {};
+    std::vector<Ray> rays[2];      // primary, random
 };
 
-RTCDevice gDevice = nullptr;
+RTCDevice gDevices[2] = {};
 std::vector<std::unique_ptr<Workload>> gWorkloads;
 
-bool loadMeshFile(const std::string& path, MeshData& m)
+double secondsSince(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+#ifdef KX_BENCH_WITH_ASSIMP
+kx::kxPointer<kx::kxTriMesh> loadMeshFile(const std::string& path)
 {
     const aiScene* scene = aiImportFile(path.c_str(), aiProcess_Triangulate | aiProcess_JoinIdenticalVertices |
                                                           aiProcess_PreTransformVertices);
     if (!scene)
     {
         std::fprintf(stderr, "cannot read %s: %s\n", path.c_str(), aiGetErrorString());
-        return false;
+        return nullptr;
     }
+    std::vector<Wm4::Vector3<float>> positions;
+    std::vector<unsigned int> indices;
     for (unsigned int i = 0; i < scene->mNumMeshes; ++i)
     {
         const aiMesh* mesh = scene->mMeshes[i];
-        const unsigned int base = static_cast<unsigned int>(m.positions.size() / 3);
+        const unsigned int base = static_cast<unsigned int>(positions.size());
         for (unsigned int v = 0; v < mesh->mNumVertices; ++v)
-            m.positions.insert(m.positions.end(), {mesh->mVertices[v].x, mesh->mVertices[v].y, mesh->mVertices[v].z});
+            positions.emplace_back(mesh->mVertices[v].x, mesh->mVertices[v].y, mesh->mVertices[v].z);
         for (unsigned int f = 0; f < mesh->mNumFaces; ++f)
             if (mesh->mFaces[f].mNumIndices == 3)
                 for (int c = 0; c < 3; ++c)
-                    m.indices.push_back(base + mesh->mFaces[f].mIndices[c]);
+                    indices.push_back(base + mesh->mFaces[f].mIndices[c]);
     }
     aiReleaseImport(scene);
-    return !m.indices.empty();
+    if (indices.empty())
+        return nullptr;
+    kx::kxPointer<kx::kxVertexBuffer> vertices = new kx::kxVertexBuffer(static_cast<int>(positions.size()));
+    std::copy(positions.begin(), positions.end(), &vertices->Position3(0));
+    kx::kxPointer<kx::kxIndexBuffer> index = new kx::kxIndexBuffer(static_cast<int>(indices.size()));
+    std::copy(indices.begin(), indices.end(), index->GetData());
+    return new kx::kxTriMesh(vertices, index);
 }
+#endif
 
-RTCScene embreeScene(const MeshData& m)
+RTCScene embreeScene(RTCDevice device, const Workload& w)
 {
-    RTCScene scene = rtcNewScene(gDevice);
-    RTCGeometry geometry = rtcNewGeometry(gDevice, RTC_GEOMETRY_TYPE_TRIANGLE);
-    auto* vertices = static_cast<float*>(rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0,
-                                                                 RTC_FORMAT_FLOAT3, 3 * sizeof(float),
-                                                                 m.positions.size() / 3));
-    std::copy(m.positions.begin(), m.positions.end(), vertices);
-    auto* indices = static_cast<unsigned int*>(rtcSetNewGeometryBuffer(
-        geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 3 * sizeof(unsigned int), m.indices.size() / 3));
-    std::copy(m.indices.begin(), m.indices.end(), indices);
+    RTCScene scene = rtcNewScene(device);
+    RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
+    rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, w.positions.data(), 0,
+                               3 * sizeof(float), (w.positions.size() - 4) / 3);
+    rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, w.mesh->GetIndexBuffer()->GetData(),
+                               0, 3 * sizeof(unsigned int), kxBench::triangleCount(*w.mesh));
     rtcCommitGeometry(geometry);
     rtcAttachGeometry(scene, geometry);
     rtcReleaseGeometry(geometry);
@@ -87,12 +114,12 @@ RTCScene embreeScene(const MeshData& m)
 
 void makeRays(Workload& w)
 {
-    const kxBBox& box = w.qbvh.getBBox();
+    const kxBBox& box = w.trees[0].getBBox();
     const Wm4::Vector3<float> centre = box.getCenter();
     const Wm4::Vector3<float> extent(box.max[0] - box.min[0], box.max[1] - box.min[1], box.max[2] - box.min[2]);
     // A camera above and in front of the scene, looking at its centre, seeing all of it.
-    const Wm4::Vector3<float> eye = centre + Wm4::Vector3<float>(0.3f * extent[0], 0.8f * extent.Length(),
-                                                                 0.9f * extent.Length());
+    const Wm4::Vector3<float> eye =
+        centre + Wm4::Vector3<float>(0.3f * extent[0], 0.8f * extent.Length(), 0.9f * extent.Length());
     Wm4::Vector3<float> forward = centre - eye;
     forward.Normalize();
     Wm4::Vector3<float> right = forward.Cross(Wm4::Vector3<float>::UNIT_Y);
@@ -107,11 +134,11 @@ void makeRays(Workload& w)
             const float sy = (1.0f - 2.0f * (static_cast<float>(y) + 0.5f) / side) * halfWidth;
             Wm4::Vector3<float> d = forward + right * sx + up * sy;
             d.Normalize();
-            w.primary.push_back({eye, d});
+            w.rays[0].push_back({eye, d});
         }
     std::mt19937 rng(1234);
     std::uniform_real_distribution<float> unit(0.0f, 1.0f), signedUnit(-1.0f, 1.0f);
-    while (w.random.size() < w.primary.size())
+    while (w.rays[1].size() < w.rays[0].size())
     {
         Wm4::Vector3<float> o, d(signedUnit(rng), signedUnit(rng), signedUnit(rng));
         for (int a = 0; a < 3; ++a)
@@ -119,7 +146,7 @@ void makeRays(Workload& w)
         if (d.Length() < 0.1f)
             continue;
         d.Normalize();
-        w.random.push_back({o, d});
+        w.rays[1].push_back({o, d});
     }
 }
 
@@ -149,29 +176,48 @@ bool embreeHit(RTCScene scene, const Ray& r, float& t)
     return rh.hit.geomID != RTC_INVALID_GEOMETRY_ID;
 }
 
-void agreement(const Workload& w, const std::vector<Ray>& rays, const char* kind)
+// Hit rate, agreement with Embree (same hit or miss, distances within a relative 1e-4),
+// and the work per ray counted by the scalar twin of the query, which must give the same
+// answers bit for bit.
+void describeTree(const Workload& w, int tree)
 {
-    size_t agree = 0, hits = 0;
-    for (const Ray& r : rays)
+    const kxQBVH& q = w.trees[tree];
+    std::printf("  %-6s %7u nodes %8u groups, built in %6.3f s\n", kTrees[tree], q.getNodeCount(), q.getGroupCount(),
+                w.treeSeconds[tree]);
+    for (int kind = 0; kind < 2; ++kind)
     {
-        float a, b;
-        const bool ha = ourHit(w.qbvh, r, a), hb = embreeHit(w.scene, r, b);
-        hits += ha;
-        agree += ha == hb && (!ha || std::fabs(a - b) <= 1e-4f * std::max(std::fabs(a), std::fabs(b)));
+        const std::vector<Ray>& rays = w.rays[kind];
+        size_t hits = 0, agree = 0, twinDiffers = 0;
+        kxQBVHReference::RayWork work;
+        for (const Ray& r : rays)
+        {
+            float a, b;
+            const bool ha = ourHit(q, r, a), hb = embreeHit(w.scenes[0], r, b);
+            hits += ha;
+            agree += ha == hb && (!ha || std::fabs(a - b) <= 1e-4f * std::max(std::fabs(a), std::fabs(b)));
+            float t = std::numeric_limits<float>::infinity();
+            Wm4::Vector2<float> bary;
+            unsigned int triangle;
+            const bool hr = kxQBVHReference::intersectRay(q, r.origin, r.direction, 0.0f, t, bary, triangle,
+                                                          kxQBVH::eAllSides, &work);
+            twinDiffers += hr != ha || (ha && t != a);
+        }
+        const double n = static_cast<double>(rays.size());
+        std::printf("    %-8s hit %5.1f%%, agrees with Embree %8.4f%%, per ray %5.2f nodes %5.2f leaves %5.2f groups%s\n",
+                    kRayKinds[kind], 100.0 * hits / n, 100.0 * agree / n, work.nodes / n, work.leaves / n,
+                    work.groups / n, twinDiffers ? " SCALAR TWIN DISAGREES" : "");
     }
-    std::printf("%-12s %-8s hit rate %5.1f%%, agreement with Embree %.4f%%\n", w.name.c_str(), kind,
-                100.0 * hits / rays.size(), 100.0 * agree / rays.size());
 }
 
-void ours(benchmark::State& state, const Workload* w, const std::vector<Ray>* rays)
+void ours(benchmark::State& state, const kxQBVH* q, const std::vector<Ray>* rays)
 {
-    // Each thread takes its own stretch of the rays.
-    const size_t n = rays->size(), first = n * state.thread_index() / state.threads();
-    size_t i = first, hits = 0;
+    // Each thread starts at its own stretch of the rays.
+    const size_t n = rays->size();
+    size_t i = n * static_cast<size_t>(state.thread_index()) / static_cast<size_t>(state.threads()), hits = 0;
     for (auto _ : state)
     {
         float t;
-        hits += ourHit(w->qbvh, (*rays)[i], t);
+        hits += ourHit(*q, (*rays)[i], t);
         if (++i == n)
             i = 0;
     }
@@ -179,13 +225,13 @@ void ours(benchmark::State& state, const Workload* w, const std::vector<Ray>* ra
     state.SetItemsProcessed(state.iterations());
 }
 
-void embree(benchmark::State& state, const Workload* w, const std::vector<Ray>* rays)
+void embree(benchmark::State& state, RTCScene scene, const std::vector<Ray>* rays)
 {
     size_t i = 0, hits = 0;
     for (auto _ : state)
     {
         float t;
-        hits += embreeHit(w->scene, (*rays)[i], t);
+        hits += embreeHit(scene, (*rays)[i], t);
         if (++i == rays->size())
             i = 0;
     }
@@ -193,79 +239,157 @@ void embree(benchmark::State& state, const Workload* w, const std::vector<Ray>* 
     state.SetItemsProcessed(state.iterations());
 }
 
+std::string key(const std::string& what, const Workload& w, int kind)
+{
+    return what + "/" + w.name + "/" + kRayKinds[kind];
+}
+
+// Keeps the best rate of every benchmark over its repetitions, by name and thread count.
 class RateReporter : public benchmark::ConsoleReporter
 {
 public:
-    std::map<std::string, double> rates;
     void ReportRuns(const std::vector<Run>& runs) override
     {
         for (const Run& run : runs)
         {
             const auto it = run.counters.find("items_per_second");
-            if (it != run.counters.end())
-                rates[run.benchmark_name()] = it->second;
+            if (run.run_type != Run::RT_Iteration || it == run.counters.end())
+                continue;
+            double& best = mRates[run.run_name.function_name + "#" + std::to_string(run.threads)];
+            best = std::max(best, it->second.value);
         }
         ConsoleReporter::ReportRuns(runs);
     }
+
+    double rate(const std::string& name, int threads = 1) const
+    {
+        const auto it = mRates.find(name + "#" + std::to_string(threads));
+        return it == mRates.end() ? 0.0 : it->second;
+    }
+
+private:
+    std::map<std::string, double> mRates;
 };
+
+void printTables(const RateReporter& reporter, const std::vector<int>& threadCounts)
+{
+    std::printf("\nMillion rays per second, one thread, and ours / Embree in this process\n");
+    std::printf("%-20s %7s %7s %7s %7s | %8s %8s | %8s %8s\n", "workload", "linear", "sah", "embree", "sse4.2",
+                "lin/emb", "sah/emb", "lin/sse", "sah/sse");
+    for (const auto& w : gWorkloads)
+        for (int kind = 0; kind < 2; ++kind)
+        {
+            double r[4];
+            for (int i = 0; i < 2; ++i)
+            {
+                r[i] = reporter.rate(key(kTrees[i], *w, kind));
+                r[2 + i] = reporter.rate(key(kEmbrees[i], *w, kind));
+            }
+            const auto ratio = [](double a, double b) { return b > 0.0 ? a / b : 0.0; };
+            std::printf("%-20s %7.2f %7.2f %7.2f %7.2f | %8.2f %8.2f | %8.2f %8.2f\n",
+                        (w->name + "/" + kRayKinds[kind]).c_str(), r[0] * 1e-6, r[1] * 1e-6, r[2] * 1e-6, r[3] * 1e-6,
+                        ratio(r[0], r[2]), ratio(r[1], r[2]), ratio(r[0], r[3]), ratio(r[1], r[3]));
+        }
+    std::printf("\nOur linear-built QBVH from several threads: million rays per second (speed-up)\n%-20s", "workload");
+    for (int threads : threadCounts)
+        std::printf("   %2d thread%s      ", threads, threads == 1 ? " " : "s");
+    std::printf("\n");
+    for (const auto& w : gWorkloads)
+        for (int kind = 0; kind < 2; ++kind)
+        {
+            const std::string name = key("threads", *w, kind);
+            const double single = reporter.rate(name, 1);
+            std::printf("%-20s", (w->name + "/" + kRayKinds[kind]).c_str());
+            for (int threads : threadCounts)
+            {
+                const double rate = reporter.rate(name, threads);
+                std::printf("   %7.2f (%4.2fx)", rate * 1e-6, single > 0.0 ? rate / single : 0.0);
+            }
+            std::printf("\n");
+        }
+}
 } // namespace
 
 int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
-    gDevice = rtcNewDevice("threads=1");
-    std::vector<std::pair<std::string, MeshData>> meshes = {{"land100k", landscape(100000)},
-                                                            {"land1M", landscape(1000000)}};
+    // The builder's memory report goes to a log whose info level is off, as in an application.
+    kx::kxLog log;
+    log.setLevelEnabled(1, false);
+    kx::kxLog::msInstance = &log;
+    gDevices[0] = rtcNewDevice("threads=1");
+    gDevices[1] = rtcNewDevice("threads=1,isa=sse4.2");
+
+    std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>> meshes = {
+        {"land100k", kxBench::makeLandscape(100000)}, {"land1M", kxBench::makeLandscape(1000000)}};
     for (int i = 1; i < argc; ++i)
     {
-        MeshData m;
-        if (loadMeshFile(argv[i], m))
-            meshes.emplace_back(std::string(argv[i]).substr(std::string(argv[i]).find_last_of('/') + 1), std::move(m));
+#ifdef KX_BENCH_WITH_ASSIMP
+        const std::string path = argv[i];
+        if (kx::kxPointer<kx::kxTriMesh> mesh = loadMeshFile(path))
+            meshes.emplace_back(path.substr(path.find_last_of('/') + 1), mesh);
+#else
+        std::fprintf(stderr, "built without assimp: %s is not read\n", argv[i]);
+#endif
     }
-    for (auto& [name, data] : meshes)
+    for (auto& [name, mesh] : meshes)
     {
         auto w = std::make_unique<Workload>();
         w->name = name;
-        w->data = std::move(data);
-        w->mesh = toTriMesh(w->data);
-        const auto start = std::chrono::steady_clock::now();
-        w->qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, kxtest::buildMedianSplitBVH(*w->mesh), *w->mesh);
-        w->buildSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        w->scene = embreeScene(w->data);
+        w->mesh = mesh;
+        w->positions = kxBench::paddedPositions(*mesh);
+        auto start = std::chrono::steady_clock::now();
+        w->trees[0].buildFromMesh(kxQBVH::eTrianglesEquations, *mesh, 4);
+        w->treeSeconds[0] = secondsSince(start);
+        start = std::chrono::steady_clock::now();
+        {
+            const kxBVHTriangleContainer container(*mesh);
+            kxGenericBVH bvh;
+            kxGenericBVHBuilder().build(container, bvh);
+            w->trees[1].buildFromBVH(kxQBVH::eTrianglesEquations, bvh, *mesh);
+        }
+        w->treeSeconds[1] = secondsSince(start);
+        for (int e = 0; e < 2; ++e)
+        {
+            start = std::chrono::steady_clock::now();
+            w->scenes[e] = embreeScene(gDevices[e], *w);
+            w->sceneSeconds[e] = secondsSince(start);
+        }
         makeRays(*w);
-        std::printf("%-12s %zu triangles, %u four-wide nodes, %u groups, built in %.2f s\n", name.c_str(),
-                    w->data.indices.size() / 3, w->qbvh.getNodeCount(), w->qbvh.getGroupCount(), w->buildSeconds);
-        agreement(*w, w->primary, "primary");
-        agreement(*w, w->random, "random");
+        std::printf("%s: %u triangles; Embree scenes committed in %.3f s (native), %.3f s (SSE4.2)\n", name.c_str(),
+                    kxBench::triangleCount(*mesh), w->sceneSeconds[0], w->sceneSeconds[1]);
+        for (int tree = 0; tree < 2; ++tree)
+            describeTree(*w, tree);
         gWorkloads.push_back(std::move(w));
     }
+
+    std::vector<int> threadCounts = {1, 2};
     const int cores = static_cast<int>(std::thread::hardware_concurrency());
+    if (cores > 2)
+        threadCounts.push_back(cores);
     for (const auto& w : gWorkloads)
-        for (const auto& [kind, rays] : {std::make_pair("primary", &w->primary), std::make_pair("random", &w->random)})
+        for (int kind = 0; kind < 2; ++kind)
         {
-            benchmark::RegisterBenchmark(("ours/" + w->name + "/" + kind).c_str(), ours, w.get(), rays);
-            benchmark::RegisterBenchmark(("embree/" + w->name + "/" + kind).c_str(), embree, w.get(), rays);
-            auto* threaded = benchmark::RegisterBenchmark(("ours_threads/" + w->name + "/" + kind).c_str(), ours,
-                                                          w.get(), rays);
-            threaded->UseRealTime()->Threads(1)->Threads(2);
-            if (cores > 2)
-                threaded->Threads(cores);
+            const std::vector<Ray>* rays = &w->rays[kind];
+            for (int i = 0; i < 2; ++i)
+                benchmark::RegisterBenchmark(key(kTrees[i], *w, kind).c_str(), ours, &w->trees[i], rays);
+            for (int i = 0; i < 2; ++i)
+                benchmark::RegisterBenchmark(key(kEmbrees[i], *w, kind).c_str(), embree, w->scenes[i], rays);
+            auto* threaded = benchmark::RegisterBenchmark(key("threads", *w, kind).c_str(), ours, &w->trees[0], rays);
+            threaded->UseRealTime();
+            for (int threads : threadCounts)
+                threaded->Threads(threads);
         }
     RateReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nours / Embree, single-threaded rays per second:\n");
+    printTables(reporter, threadCounts);
+
     for (const auto& w : gWorkloads)
-        for (const char* kind : {"primary", "random"})
-        {
-            const std::string suffix = w->name + "/" + kind;
-            const double a = reporter.rates["ours/" + suffix], b = reporter.rates["embree/" + suffix];
-            if (a > 0 && b > 0)
-                std::printf("  %-22s %8.2f Mrays/s vs %8.2f Mrays/s: %.2f\n", suffix.c_str(), a * 1e-6, b * 1e-6,
-                            a / b);
-        }
-    for (const auto& w : gWorkloads)
-        rtcReleaseScene(w->scene);
-    rtcReleaseDevice(gDevice);
+        for (RTCScene scene : w->scenes)
+            rtcReleaseScene(scene);
+    for (RTCDevice device : gDevices)
+        rtcReleaseDevice(device);
+    kx::kxLog::msInstance = nullptr;
     benchmark::Shutdown();
     return 0;
 }

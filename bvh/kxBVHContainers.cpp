@@ -1,20 +1,7 @@
 #include "kxBVHContainers.h"
 
+#include "kxBoxLanes.h"
 #include "kxHugePages.h"
-
-namespace
-{
-// The comparisons of kxBBox::extend, written as selects: on scattered vertices branches
-// would mispredict about every other time.
-inline void extendBySelect(kxBBox& box, const Wm4::Vector3<float>& p)
-{
-    for (int a = 0; a < 3; ++a)
-    {
-        box.min[a] = p[a] < box.min[a] ? p[a] : box.min[a];
-        box.max[a] = p[a] > box.max[a] ? p[a] : box.max[a];
-    }
-}
-} // namespace
 
 kxLinearGenericBVHBuilder::tPrimitiveContainerInterface::~tPrimitiveContainerInterface() = default;
 
@@ -47,10 +34,11 @@ void kxBVHTriangleContainer::computeBoxes()
     const unsigned int* index = mIndices->GetData();
     for (int64_t t = 0; t < triangles; ++t, index += 3)
     {
-        kxBBox box;
-        for (int corner = 0; corner < 3; ++corner)
-            extendBySelect(box, mVertices->Position3(static_cast<int>(index[corner])));
-        mBoxes.push_back(box);
+        kxBoxLanes::Accumulator box;
+        box.extend(kxBoxLanes::load3(&mVertices->Position3(static_cast<int>(index[0]))[0]));
+        box.extend(kxBoxLanes::load3(&mVertices->Position3(static_cast<int>(index[1]))[0]));
+        box.extend(kxBoxLanes::load3(&mVertices->Position3(static_cast<int>(index[2]))[0]));
+        box.store(mBoxes.emplace_back());
     }
 }
 

@@ -30,6 +30,14 @@ public:
 
 private:
     bool groupTest(const kxQBVH::tSOATriangleVertices& group) const;
+    // A node spans two cache lines, a vertex block three.
+    void prefetch(uint32_t ref, uint32_t count) const
+    {
+        if (count == kNone)
+            prefetchLines(mNodes + ref, 2);
+        else
+            prefetchLines(mVertices + ref, 3);
+    }
 
     const kxQBVH::tQBVHNode* mNodes;
     const kxQBVH::tSOATriangleVertices* mVertices;
@@ -69,6 +77,10 @@ bool HullQuery::nodeTest(uint32_t index) const
     if ((lowest > zero).any())
         return true;
     const int skip = outside.bits();
+    // Later slots are fetched while the earlier ones are searched.
+    for (int k = 0; k < 4; ++k)
+        if (!(skip & (1 << k)))
+            prefetch(node.child[k], node.count[k]);
     for (int k = 0; k < 4; ++k)
     {
         if (skip & (1 << k))

@@ -19,12 +19,13 @@ struct RayRecord
 
     RayRecord(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction)
     {
-        for (int a = 0; a < 3; ++a)
-        {
-            org[a] = vfloat4(origin[a]);
-            dir[a] = vfloat4(direction[a]);
-            inv[a] = vfloat4(1.0f / direction[a]);
-        }
+        // The three reciprocals in one division (each lane rounds as 1.0f / d would).
+        const vfloat4 d(_mm_setr_ps(direction[0], direction[1], direction[2], 1.0f));
+        const vfloat4 o(_mm_setr_ps(origin[0], origin[1], origin[2], 0.0f));
+        const vfloat4 r = vfloat4(1.0f) / d;
+        org[0] = lane<0>(o), org[1] = lane<1>(o), org[2] = lane<2>(o);
+        dir[0] = lane<0>(d), dir[1] = lane<1>(d), dir[2] = lane<2>(d);
+        inv[0] = lane<0>(r), inv[1] = lane<1>(r), inv[2] = lane<2>(r);
     }
 };
 
@@ -69,6 +70,9 @@ struct SymmetricRule
     }
 };
 
+// Visited slots of a node by their lane mask.
+constexpr int kSlotCount[16] = {0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4};
+
 template <class Rule>
 class Traversal
 {
@@ -79,7 +83,9 @@ public:
     {
     }
 
-    void leafTest(uint32_t g0, uint32_t count, Hit& hit) const;
+    // Inlined into the walk, which would otherwise save and reload its registers around
+    // every leaf.
+    inline void leafTest(uint32_t g0, uint32_t count, Hit& hit) const __attribute__((always_inline));
     void run(uint32_t ref, uint32_t count, Hit& hit) const;
 
 private:
@@ -92,8 +98,7 @@ private:
         uint32_t count;
     };
 
-    int nodeOrder(uint32_t node, float t, Entry order[4]) const;
-    void prefetch(const Entry& e) const;
+    void prefetch(uint32_t ref, uint32_t count) const;
 
     const kxQBVH::tQBVHNode* mNodes;
     const kxQBVH::tSOATriangleEquations* mEquations;
@@ -114,7 +119,7 @@ void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
     const RayRecord& r = mRay;
     vfloat4 best(kInf), bestW(0.0f), bestU(0.0f);
     vuint4 bestIndex(kNone);
-    bool found = false;
+    int accepted = 0;
     for (uint32_t g = g0; g < end && g < mGroupCount; ++g)
     {
         const float(*E)[4] = mEquations[g].eq;
@@ -133,15 +138,16 @@ void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
         const vfloat4 distance = Rule::distance(th);
         const vmask4 accept = mRule.accepts(denom, th, tEntry) & (distance < best) & (tolerance < w) &
                               (tolerance < v) & (tolerance < u);
-        if (!accept.any())
+        const int lanes = accept.bits();
+        if (lanes == 0)
             continue;
-        found = true;
+        accepted |= lanes;
         best = select(accept, distance, best);
         bestW = select(accept, w, bestW);
         bestU = select(accept, u, bestU);
         bestIndex = select(accept, vuint4::load(mIndices[g].index), bestIndex);
     }
-    if (!found)
+    if (accepted == 0)
         return;
     alignas(16) float d[4], ws[4], us[4];
     alignas(16) uint32_t index[4];
@@ -149,8 +155,11 @@ void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
     bestW.store(ws);
     bestU.store(us);
     bestIndex.store(index);
-    // Lane order with a strict test: ties go to the lower lane.
-    for (int k = 0; k < 4; ++k)
+    // Lane order with a strict test: ties go to the lower lane. A lane that never accepted
+    // keeps +infinity, which no t exceeds.
+    for (; accepted != 0; accepted &= accepted - 1)
+    {
+        const int k = __builtin_ctz(static_cast<unsigned>(accepted));
         if (hit.t > d[k])
         {
             hit.t = d[k];
@@ -158,84 +167,18 @@ void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
             hit.u = us[k];
             hit.triangle = index[k];
         }
+    }
 }
 
-// Child data is fetched while the nearer siblings are processed.
+// Child data is fetched while the nearer siblings are processed: a node spans two cache
+// lines, a group of equations three.
 template <class Rule>
-void Traversal<Rule>::prefetch(const Entry& e) const
+void Traversal<Rule>::prefetch(uint32_t ref, uint32_t count) const
 {
-    const char* p = e.count == kNone ? reinterpret_cast<const char*>(mNodes + e.ref)
-                                     : reinterpret_cast<const char*>(mEquations + e.ref);
-    kxSimd::prefetch(p);
-    kxSimd::prefetch(p + 64);
-    if (e.count != kNone)
-        kxSimd::prefetch(p + 128);
-}
-
-// Writes the slots to visit, nearest first, and returns how many. Keys are never NaN
-// (a slot is keyed only when near <= far), so a slot is visited exactly when its key is
-// below +infinity.
-template <class Rule>
-int Traversal<Rule>::nodeOrder(uint32_t index, float t, Entry order[4]) const
-{
-    const kxQBVH::tQBVHNode& node = mNodes[index];
-    const RayRecord& r = mRay;
-    const vfloat4 x1 = (vfloat4::load(node.bboxMin[0]) - r.org[0]) * r.inv[0];
-    const vfloat4 x2 = (vfloat4::load(node.bboxMax[0]) - r.org[0]) * r.inv[0];
-    const vfloat4 y1 = (vfloat4::load(node.bboxMin[1]) - r.org[1]) * r.inv[1];
-    const vfloat4 y2 = (vfloat4::load(node.bboxMax[1]) - r.org[1]) * r.inv[1];
-    const vfloat4 z1 = (vfloat4::load(node.bboxMin[2]) - r.org[2]) * r.inv[2];
-    const vfloat4 z2 = (vfloat4::load(node.bboxMax[2]) - r.org[2]) * r.inv[2];
-    const vfloat4 nearT = max(min(z1, z2), max(min(y1, y2), max(min(x1, x2), mRule.lower(t))));
-    const vfloat4 farT = min(max(z1, z2), min(max(y1, y2), min(max(x1, x2), Rule::upper(t))));
-    const vfloat4 zero(0.0f), inf(kInf);
-    // Near when the box lies ahead, 0 when the origin is inside, far (negative) when the
-    // whole box lies behind the origin.
-    const vfloat4 key = select(nearT <= farT, orBits(max(nearT, zero), min(farT, zero)), inf);
-    const int visit = (key < inf).bits();
-    if (visit == 0)
-        return 0;
-
-    const int lowest = __builtin_ctz(static_cast<unsigned>(visit));
-    const int remaining = visit & (visit - 1);
-    if (remaining == 0)
-    {
-        order[0] = {node.child[lowest], node.count[lowest]};
-        return 1;
-    }
-
-    alignas(16) float keys[4];
-    key.store(keys);
-    if ((remaining & (remaining - 1)) == 0)
-    {
-        // Two slots: the network keeps their slot order on equal keys.
-        int first = lowest, second = __builtin_ctz(static_cast<unsigned>(remaining));
-        if (keys[first] > keys[second])
-            std::swap(first, second);
-        order[0] = {node.child[first], node.count[first]};
-        order[1] = {node.child[second], node.count[second]};
-        return 2;
-    }
-
-    int slot[4] = {0, 1, 2, 3};
-    auto exchange = [&](int i, int j) {
-        const bool swap = keys[i] > keys[j];
-        const float ki = keys[i], kj = keys[j];
-        const int si = slot[i], sj = slot[j];
-        keys[i] = swap ? kj : ki;
-        keys[j] = swap ? ki : kj;
-        slot[i] = swap ? sj : si;
-        slot[j] = swap ? si : sj;
-    };
-    exchange(0, 1);
-    exchange(2, 3);
-    exchange(0, 2);
-    exchange(1, 3);
-    exchange(1, 2);
-    const int n = __builtin_popcount(static_cast<unsigned>(visit));
-    for (int i = 0; i < n; ++i)
-        order[i] = {node.child[slot[i]], node.count[slot[i]]};
-    return n;
+    if (count == kNone)
+        prefetchLines(mNodes + ref, 2);
+    else
+        prefetchLines(mEquations + ref, 3);
 }
 
 template <class Rule>
@@ -243,31 +186,103 @@ void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
 {
     Entry stack[kStackSize];
     int top = 0;
-    Entry current = {ref, count};
+    const RayRecord& r = mRay;
+    const vfloat4 ox = r.org[0], oy = r.org[1], oz = r.org[2];
+    const vfloat4 ix = r.inv[0], iy = r.inv[1], iz = r.inv[2];
+    const vfloat4 zero(0.0f), inf(kInf);
+    // The interval follows t, which only leaf tests change.
+    vfloat4 lower = mRule.lower(hit.t), upper = Rule::upper(hit.t);
     for (;;)
     {
-        if (current.count == kNone)
+        if (count == kNone)
         {
-            Entry order[4];
-            const int n = nodeOrder(current.ref, hit.t, order);
-            if (n > 0 && top + n - 1 <= kStackSize)
+            const kxQBVH::tQBVHNode& node = mNodes[ref];
+            const vfloat4 x1 = (vfloat4::load(node.bboxMin[0]) - ox) * ix;
+            const vfloat4 x2 = (vfloat4::load(node.bboxMax[0]) - ox) * ix;
+            const vfloat4 y1 = (vfloat4::load(node.bboxMin[1]) - oy) * iy;
+            const vfloat4 y2 = (vfloat4::load(node.bboxMax[1]) - oy) * iy;
+            const vfloat4 z1 = (vfloat4::load(node.bboxMin[2]) - oz) * iz;
+            const vfloat4 z2 = (vfloat4::load(node.bboxMax[2]) - oz) * iz;
+            const vfloat4 nearT = max(min(z1, z2), max(min(y1, y2), max(min(x1, x2), lower)));
+            const vfloat4 farT = min(max(z1, z2), min(max(y1, y2), min(max(x1, x2), upper)));
+            // A keyed slot (near <= far) is visited when its key is below +infinity, that is
+            // when near is: the key is near when near > 0, else 0 or far. Keys themselves
+            // are formed only to order several slots.
+            const vmask4 keyed = nearT <= farT;
+            const int visit = (keyed & (nearT < inf)).bits();
+            if (visit != 0)
             {
-                for (int i = n - 1; i > 0; --i)
+                const int lowest = __builtin_ctz(static_cast<unsigned>(visit));
+                const int remaining = visit & (visit - 1);
+                if (remaining == 0)
                 {
-                    prefetch(order[i]);
-                    stack[top++] = order[i];
+                    ref = node.child[lowest];
+                    count = node.count[lowest];
+                    continue;
                 }
-                current = order[0];
-                continue;
+                // Near when the box lies ahead, 0 when the origin is inside, far (negative)
+                // when the whole box lies behind the origin.
+                const vfloat4 bits = orBits(max(nearT, zero), min(farT, zero));
+                alignas(16) float keys[4];
+                int slot[4];
+                if ((remaining & (remaining - 1)) == 0)
+                {
+                    // Two slots: the network keeps their slot order on equal keys.
+                    bits.store(keys);
+                    const int other = __builtin_ctz(static_cast<unsigned>(remaining));
+                    const bool swap = keys[lowest] > keys[other];
+                    slot[0] = swap ? other : lowest;
+                    slot[1] = swap ? lowest : other;
+                }
+                else
+                {
+                    select(keyed, bits, inf).store(keys);
+                    slot[0] = 0, slot[1] = 1, slot[2] = 2, slot[3] = 3;
+                    const auto exchange = [&](int i, int j) {
+                        const bool swap = keys[i] > keys[j];
+                        const float ki = keys[i], kj = keys[j];
+                        const int si = slot[i], sj = slot[j];
+                        keys[i] = swap ? kj : ki;
+                        keys[j] = swap ? ki : kj;
+                        slot[i] = swap ? sj : si;
+                        slot[j] = swap ? si : sj;
+                    };
+                    exchange(0, 1);
+                    exchange(2, 3);
+                    exchange(0, 2);
+                    exchange(1, 3);
+                    exchange(1, 2);
+                }
+                const int n = kSlotCount[visit];
+                if (top + n - 1 <= kStackSize)
+                {
+                    for (int i = n - 1; i > 0; --i)
+                    {
+                        const uint32_t childRef = node.child[slot[i]], childCount = node.count[slot[i]];
+                        prefetch(childRef, childCount);
+                        stack[top++] = {childRef, childCount};
+                    }
+                    ref = node.child[slot[0]];
+                    count = node.count[slot[0]];
+                    continue;
+                }
+                for (int i = 0; i < n; ++i)
+                    run(node.child[slot[i]], node.count[slot[i]], hit);
+                lower = mRule.lower(hit.t);
+                upper = Rule::upper(hit.t);
             }
-            for (int i = 0; i < n; ++i)
-                run(order[i].ref, order[i].count, hit);
         }
         else
-            leafTest(current.ref, current.count, hit);
+        {
+            leafTest(ref, count, hit);
+            lower = mRule.lower(hit.t);
+            upper = Rule::upper(hit.t);
+        }
         if (top == 0)
             return;
-        current = stack[--top];
+        --top;
+        ref = stack[top].ref;
+        count = stack[top].count;
     }
 }
 

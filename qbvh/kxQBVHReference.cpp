@@ -44,6 +44,7 @@ struct RayQuery
     float t;
     float w, u;
     uint32_t triangle;
+    kxQBVHReference::RayWork* work;
 
     float lower() const { return symmetric ? -std::abs(t) : tMin; }
     float upper() const { return symmetric ? std::abs(t) : t; }
@@ -67,11 +68,15 @@ struct RayQuery
     {
         if (g0 >= g0 + count)
             return;
+        if (work)
+            ++work->leaves;
         const float tEntry = t;
         float best[4] = {kInf, kInf, kInf, kInf}, bestW[4] = {}, bestU[4] = {};
         uint32_t bestIndex[4] = {kNone, kNone, kNone, kNone};
         for (uint32_t g = g0; g < g0 + count && g < qbvh.getGroupCount(); ++g)
         {
+            if (work)
+                ++work->groups;
             const float(*E)[4] = qbvh.getTriangleEquations()[g].eq;
             for (int k = 0; k < 4; ++k)
             {
@@ -108,6 +113,8 @@ struct RayQuery
 
     void nodeVisit(uint32_t index)
     {
+        if (work)
+            ++work->nodes;
         const kxQBVH::tQBVHNode& node = qbvh.getNodes()[index];
         float key[4];
         int slot[4] = {0, 1, 2, 3};
@@ -248,11 +255,11 @@ namespace kxQBVHReference
 {
 bool intersectRay(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction,
                   float tMin, float& t, Wm4::Vector2<float>& barycentric, unsigned int& triangle,
-                  kxQBVH::tIntersectionPolicy policy)
+                  kxQBVH::tIntersectionPolicy policy, RayWork* work)
 {
     RayQuery query{qbvh, {origin[0], origin[1], origin[2]}, {direction[0], direction[1], direction[2]},
                    {1.0f / direction[0], 1.0f / direction[1], 1.0f / direction[2]}, false, policy, tMin, t,
-                   0.0f, 0.0f, kNone};
+                   0.0f, 0.0f, kNone, work};
     return answer(query, t, barycentric, triangle);
 }
 
@@ -262,7 +269,7 @@ bool intersectRaySymmetric(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin
 {
     RayQuery query{qbvh, {origin[0], origin[1], origin[2]}, {direction[0], direction[1], direction[2]},
                    {1.0f / direction[0], 1.0f / direction[1], 1.0f / direction[2]}, true, kxQBVH::eAllSides,
-                   0.0f, t, 0.0f, 0.0f, kNone};
+                   0.0f, t, 0.0f, 0.0f, kNone, nullptr};
     return answer(query, t, barycentric, triangle);
 }
 

@@ -8,9 +8,18 @@
 
 namespace kxQBVHReference
 {
+/// What a ray query did: four-wide nodes visited, leaf tests entered, groups tested.
+struct RayWork
+{
+    uint64_t nodes = 0;
+    uint64_t leaves = 0;
+    uint64_t groups = 0;
+};
+
+/// work, when given, is added to.
 bool intersectRay(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction,
                   float tMin, float& t, Wm4::Vector2<float>& barycentric, unsigned int& triangle,
-                  kxQBVH::tIntersectionPolicy policy);
+                  kxQBVH::tIntersectionPolicy policy, RayWork* work = nullptr);
 
 bool intersectRaySymmetric(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin,
                            const Wm4::Vector3<float>& direction, float& t, Wm4::Vector2<float>& barycentric,

@@ -39,6 +39,14 @@ inline vfloat4 operator*(vfloat4 a, vfloat4 b) { return vfloat4(_mm_mul_ps(a.v, 
 inline vfloat4 operator/(vfloat4 a, vfloat4 b) { return vfloat4(_mm_div_ps(a.v, b.v)); }
 inline vfloat4 operator-(vfloat4 a) { return vfloat4(_mm_xor_ps(a.v, _mm_set1_ps(-0.0f))); }
 inline vfloat4 abs(vfloat4 a) { return vfloat4(_mm_andnot_ps(_mm_set1_ps(-0.0f), a.v)); }
+inline vfloat4 sqrt(vfloat4 a) { return vfloat4(_mm_sqrt_ps(a.v)); }
+
+/// Lane k of a in all four lanes.
+template <int k>
+inline vfloat4 lane(vfloat4 a)
+{
+    return vfloat4(_mm_shuffle_ps(a.v, a.v, _MM_SHUFFLE(k, k, k, k)));
+}
 
 inline vfloat4 min(vfloat4 a, vfloat4 b) { return vfloat4(_mm_min_ps(a.v, b.v)); }
 inline vfloat4 max(vfloat4 a, vfloat4 b) { return vfloat4(_mm_max_ps(a.v, b.v)); }
@@ -53,6 +61,13 @@ inline vmask4 ordered(vfloat4 a) { return vmask4(_mm_cmpord_ps(a.v, a.v)); }
 inline vmask4 operator&(vmask4 a, vmask4 b) { return vmask4(_mm_and_ps(a.v, b.v)); }
 inline vmask4 operator|(vmask4 a, vmask4 b) { return vmask4(_mm_or_ps(a.v, b.v)); }
 inline vmask4 operator!(vmask4 a) { return vmask4(_mm_xor_ps(a.v, _mm_castsi128_ps(_mm_set1_epi32(-1)))); }
+
+/// Lanes 0 .. n - 1 set, for n up to 4.
+inline vmask4 laneBelow(uint32_t n)
+{
+    const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
+    return vmask4(_mm_castsi128_ps(_mm_cmplt_epi32(lane, _mm_set1_epi32(static_cast<int>(n)))));
+}
 
 /// Lanes of a where m is set, of b elsewhere.
 inline vfloat4 select(vmask4 m, vfloat4 a, vfloat4 b)
@@ -89,6 +104,13 @@ inline vuint4 select(vmask4 m, vuint4 a, vuint4 b)
 inline void prefetch(const void* p)
 {
     _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0);
+}
+
+/// Asks for the first `lines` cache lines from p on.
+inline void prefetchLines(const void* p, int lines)
+{
+    for (int i = 0; i < lines; ++i)
+        prefetch(static_cast<const char*>(p) + 64 * i);
 }
 
 /// The bit patterns of a as unsigned lanes.

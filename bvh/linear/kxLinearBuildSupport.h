@@ -1,6 +1,7 @@
 #ifndef KXLINEARBUILDSUPPORT_H
 #define KXLINEARBUILDSUPPORT_H
 
+#include "kxBVHContainers.h"
 #include "kxCancelInterface.h"
 #include "kxLogObject.h"
 #include "kxStringUtils.h"
@@ -9,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <typeinfo>
 
 namespace kxLinearBVH
 {
@@ -64,6 +66,28 @@ template <typename T>
 inline void prefetchForRead(const T* address)
 {
     __builtin_prefetch(address, 0);
+}
+
+/// The box of primitive i, through the container's getBBox. A container known to be exactly
+/// a kxBVHTriangleContainer has the call bound statically, so that the sweeps over all
+/// boxes inline it; any other container, derived ones included, is called virtually.
+inline const kxBBox& boxOf(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, uint32_t i)
+{
+    return container.getBBox(i);
+}
+inline const kxBBox& boxOf(const kxBVHTriangleContainer& container, uint32_t i)
+{
+    return container.kxBVHTriangleContainer::getBBox(i);
+}
+
+/// Calls work(container) with the container as its exact type when that is the triangle
+/// container, as the interface otherwise.
+template <typename Work>
+inline auto withContainer(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, Work&& work)
+{
+    if (typeid(container) == typeid(kxBVHTriangleContainer))
+        return work(static_cast<const kxBVHTriangleContainer&>(container));
+    return work(container);
 }
 
 inline bool cancelled(const kx::kxCancelInterfaceReadOnly* cancel)

@@ -1,5 +1,6 @@
 #include "kxLinearGenericBVHBuilder.h"
 
+#include "../kxBoxLanes.h"
 #include "../kxHugePages.h"
 #include "kxLinearBuildSupport.h"
 #include "kxMortonCodes.h"
@@ -8,6 +9,7 @@
 #include "kxRunLevels.h"
 
 #include <algorithm>
+#include <type_traits>
 
 using namespace kxLinearBVH;
 
@@ -15,9 +17,10 @@ namespace
 {
 constexpr unsigned kMaxAxisBits = 21;
 
+template <typename Container>
 struct Primitives
 {
-    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container;
+    const Container& container;
     const kxBBox& sceneBox;
     uint32_t* indexes;
     uint32_t quantity;
@@ -33,8 +36,8 @@ size_t workMemory(uint32_t quantity)
 }
 
 // Codes, sort and run counting; the codes die here. False when cancelled.
-template <typename Code>
-bool sortAndCountRuns(const Primitives& primitives, unsigned axisBits, kxBuildArena& arena,
+template <typename Code, typename Container>
+bool sortAndCountRuns(const Primitives<Container>& primitives, unsigned axisBits, kxBuildArena& arena,
                       const kx::kxCancelInterfaceReadOnly* cancel, kxRunLevels& runs)
 {
     const size_t top = arena.top();
@@ -52,8 +55,8 @@ bool sortAndCountRuns(const Primitives& primitives, unsigned axisBits, kxBuildAr
 
 // Sorts the primitives by code and writes the words of the hierarchy's records into the
 // tree. False when cancelled.
-template <typename Code>
-bool emitHierarchy(const Primitives& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
+template <typename Code, typename Container>
+bool emitHierarchy(const Primitives<Container>& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
                    unsigned bits, kxBuildArena& arena, kxEmittedTree& tree)
 {
     const unsigned axisBits = std::min(bits, kMaxAxisBits);
@@ -75,8 +78,8 @@ bool emitHierarchy(const Primitives& primitives, kxGenericBVH& bvh, const kx::kx
 }
 
 // Emission, fusing and refit over one arena. False when cancelled.
-template <typename Code>
-bool buildWithCodes(const Primitives& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
+template <typename Code, typename Container>
+bool buildWithCodes(const Primitives<Container>& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
                     unsigned bits, uint32_t maxPrimitivesPerLeaf, std::vector<kxGNode>& nodes)
 {
     kxBuildArena arena(workMemory<Code>(primitives.quantity));
@@ -105,12 +108,14 @@ bool kxLinearGenericBVHBuilder::build(const tPrimitiveContainerInterface& contai
                                       const kx::kxCancelInterfaceReadOnly* cancel, unsigned int bits)
 {
     gatherPrimitives(container);
-    const Primitives primitives{container, mSceneBox, mPrimitiveIndexes.data(), mQuantity};
     std::vector<kxGNode> nodes;
-    // Coarse grids sort 32-bit keys in half the passes.
-    const bool built = bits <= 10
-                           ? buildWithCodes<uint32_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes)
-                           : buildWithCodes<uint64_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes);
+    const bool built = withContainer(container, [&](const auto& exact) {
+        const Primitives<std::decay_t<decltype(exact)>> primitives{exact, mSceneBox, mPrimitiveIndexes.data(),
+                                                                   mQuantity};
+        // Coarse grids sort 32-bit keys in half the passes.
+        return bits <= 10 ? buildWithCodes<uint32_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes)
+                          : buildWithCodes<uint64_t>(primitives, bvh, cancel, bits, mMaxPrimitivesPerLeaf, nodes);
+    });
     if (!built || cancelled(cancel))
         return false;
     // Emission sized the records for the emitted ones and a spare.
@@ -129,9 +134,13 @@ void kxLinearGenericBVHBuilder::gatherPrimitives(const tPrimitiveContainerInterf
     mSceneBox = kxBBox();
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(uint64_t{mQuantity} * 4u) << "B for "
                      << mQuantity << " primitives indexes";
-    for (uint32_t i = 0; i < mQuantity; ++i)
-    {
-        mPrimitiveIndexes[i] = i;
-        mSceneBox.extend(container.getBBox(i));
-    }
+    withContainer(container, [this](const auto& exact) {
+        kxBoxLanes::Accumulator sceneBox;
+        for (uint32_t i = 0; i < mQuantity; ++i)
+        {
+            mPrimitiveIndexes[i] = i;
+            sceneBox.extend(boxOf(exact, i));
+        }
+        sceneBox.store(mSceneBox);
+    });
 }

@@ -1,5 +1,7 @@
 #include "kxMortonCodes.h"
 
+#include "kxLinearBuildSupport.h"
+
 namespace kxLinearBVH
 {
 kxMortonGrid::kxMortonGrid(const kxBBox& scene, unsigned axisBits)
@@ -35,19 +37,19 @@ uint64_t mortonCode<uint64_t>(uint32_t x, uint32_t y, uint32_t z)
 }
 } // namespace
 
-template <typename Code>
-void computeMortonCodes(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, uint32_t quantity,
-                        const kxMortonGrid& grid, Code* codes)
+template <typename Code, typename Container>
+void computeMortonCodes(const Container& container, uint32_t quantity, const kxMortonGrid& grid, Code* codes)
 {
     for (uint32_t i = 0; i < quantity; ++i)
     {
-        const Wm4::Vector3<float> centre = container.getBBox(i).getCenter();
+        const Wm4::Vector3<float> centre = boxOf(container, i).getCenter();
         codes[i] = mortonCode<Code>(grid.cell(centre[0], 0), grid.cell(centre[1], 1), grid.cell(centre[2], 2));
     }
 }
 
-template void computeMortonCodes<uint32_t>(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&, uint32_t,
-                                           const kxMortonGrid&, uint32_t*);
-template void computeMortonCodes<uint64_t>(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&, uint32_t,
-                                           const kxMortonGrid&, uint64_t*);
+using Interface = kxLinearGenericBVHBuilder::tPrimitiveContainerInterface;
+template void computeMortonCodes<uint32_t>(const Interface&, uint32_t, const kxMortonGrid&, uint32_t*);
+template void computeMortonCodes<uint64_t>(const Interface&, uint32_t, const kxMortonGrid&, uint64_t*);
+template void computeMortonCodes<uint32_t>(const kxBVHTriangleContainer&, uint32_t, const kxMortonGrid&, uint32_t*);
+template void computeMortonCodes<uint64_t>(const kxBVHTriangleContainer&, uint32_t, const kxMortonGrid&, uint64_t*);
 } // namespace kxLinearBVH

@@ -66,9 +66,9 @@ inline uint64_t mortonCode64(uint64_t x, uint64_t y, uint64_t z)
 }
 
 /// codes[i] = Morton code of the centre of primitive i's box, for i below quantity.
-template <typename Code>
-void computeMortonCodes(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, uint32_t quantity,
-                        const kxMortonGrid& grid, Code* codes);
+/// Container: the container interface or kxBVHTriangleContainer (see boxOf).
+template <typename Code, typename Container>
+void computeMortonCodes(const Container& container, uint32_t quantity, const kxMortonGrid& grid, Code* codes);
 } // namespace kxLinearBVH
 
 #endif

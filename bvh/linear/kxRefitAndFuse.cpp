@@ -2,6 +2,7 @@
 
 #include "kxLinearBuildSupport.h"
 
+#include "../kxBoxLanes.h"
 #include "../kxHugePages.h"
 
 #include <algorithm>
@@ -114,11 +115,11 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
 // Hands out the container's boxes of the primitives at ascending positions. Each box is
 // asked for a few positions ahead and prefetched, so that the cache misses of boxes
 // scattered over the container overlap; every box is still asked for once, in order.
+template <typename Container>
 class kxBoxStream
 {
 public:
-    kxBoxStream(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-                const uint32_t* primitiveIndexes, uint32_t quantity)
+    kxBoxStream(const Container& container, const uint32_t* primitiveIndexes, uint32_t quantity)
         : mContainer(container), mIndexes(primitiveIndexes), mQuantity(quantity)
     {
         for (uint32_t position = 0; position < quantity && position < kAhead; ++position)
@@ -139,37 +140,23 @@ private:
 
     void request(uint32_t position)
     {
-        const kxBBox& box = mContainer.getBBox(mIndexes[position]);
+        const kxBBox& box = boxOf(mContainer, mIndexes[position]);
         prefetchForRead(&box);
         mAhead[position % kAhead] = &box;
     }
 
-    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& mContainer;
+    const Container& mContainer;
     const uint32_t* mIndexes;
     uint32_t mQuantity;
     uint32_t mPosition = 0;
     const kxBBox* mAhead[kAhead];
 };
 
-// Written component by component: a box assembled on the stack and copied whole would be
-// reloaded in wider pieces than it was stored, which stalls.
-inline void storeBox(kxBBox& target, const kxBBox& box)
-{
-    for (int a = 0; a < 3; ++a)
-    {
-        target.min[a] = box.min[a];
-        target.max[a] = box.max[a];
-    }
-}
-
 // left extended by right, with the comparisons of kxBBox::extend.
 inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 {
-    for (int a = 0; a < 3; ++a)
-    {
-        target.min[a] = right.min[a] < left.min[a] ? right.min[a] : left.min[a];
-        target.max[a] = right.max[a] > left.max[a] ? right.max[a] : left.max[a];
-    }
+    kxBoxLanes::store(target, _mm_min_ps(kxBoxLanes::load3(right.min), kxBoxLanes::load3(left.min)),
+                      _mm_max_ps(kxBoxLanes::load3(right.max), kxBoxLanes::load3(left.max)));
 }
 } // namespace
 
@@ -186,9 +173,9 @@ bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena
     return !cancelled(cancel);
 }
 
-bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
-           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, const uint32_t* primitiveIndexes,
-           uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
+template <typename Container>
+bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes, const Container& container,
+           const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
 {
     // Boxes are computed for the fused tree only, but a cancel source is polled once per
     // emitted record, as a refit of the whole emitted tree would poll it, so that where a
@@ -204,7 +191,7 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
     if (quantity == 0)
         return !cancelled(cancel);
     const uint32_t* leafAt = tree.leafAt;
-    kxBoxStream boxes(container, primitiveIndexes, quantity);
+    kxBoxStream<Container> boxes(container, primitiveIndexes, quantity);
     for (uint32_t position = 0; position < quantity;)
     {
         if (position + kPrefetchDistance < quantity)
@@ -212,14 +199,14 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
         if (cancelled(cancel))
             return false;
         kxGNode& node = nodes[leafAt[position]];
-        kxBBox box;
+        kxBoxLanes::Accumulator box;
         for (uint32_t i = 0; i < node.count; ++i)
         {
             box.extend(boxes.next());
             if (cancelled(cancel))
                 return false;
         }
-        storeBox(node.bbox, box);
+        box.store(node.bbox);
         position += node.count;
     }
     for (size_t k = nodes.size(); k-- > 0;)
@@ -233,4 +220,10 @@ bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
     }
     return true;
 }
+
+template bool refit(const kxEmittedTree&, std::vector<kxGNode>&,
+                    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&, const uint32_t*, uint32_t,
+                    const kx::kxCancelInterfaceReadOnly*);
+template bool refit(const kxEmittedTree&, std::vector<kxGNode>&, const kxBVHTriangleContainer&, const uint32_t*,
+                    uint32_t, const kx::kxCancelInterfaceReadOnly*);
 } // namespace kxLinearBVH

@@ -31,9 +31,10 @@ bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena
 /// (the empty box for none), leaves visited by ascending position so that the container is
 /// read in code order; an inner record the union of its children's. Polls once per emitted
 /// record (kept or fused away) and after every primitive box; false when cancelled.
-bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes,
-           const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, const uint32_t* primitiveIndexes,
-           uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel);
+/// Container: the container interface or kxBVHTriangleContainer (see boxOf).
+template <typename Container>
+bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes, const Container& container,
+           const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel);
 } // namespace kxLinearBVH
 
 #endif

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
+#include <limits>
 #include <random>
 #include <stdexcept>
 
@@ -90,4 +92,32 @@ TEST(MeshContainer, EachBoxBoundsEveryVertexOfItsMeshAndAnEmptyMeshKeepsTheEmpty
     }
     EXPECT_EQ(container.getBBox(1), kxBBox());
     EXPECT_EQ(kxBVHMeshContainer({}).getQuantity(), 0u);
+}
+
+TEST(TriangleContainer, BoxesAreTheEmptyBoxExtendedByTheCornersInOrderEvenForZerosInfinitiesAndNaNs)
+{
+    // Signed zeros and NaNs tell the comparison order apart: extend keeps the first of two
+    // equal zeros and skips NaN coordinates. Compared bit for bit.
+    const float special[] = {0.0f, -0.0f, 1.5f, -2.0f, std::numeric_limits<float>::infinity(),
+                             -std::numeric_limits<float>::infinity(), std::numeric_limits<float>::quiet_NaN()};
+    std::mt19937 random(5);
+    const int vertexCount = 64;
+    kx::kxPointer<kx::kxVertexBuffer> vertices = new kx::kxVertexBuffer(vertexCount);
+    for (int i = 0; i < vertexCount; ++i)
+        for (int a = 0; a < 3; ++a)
+            vertices->Position3(i)[a] = special[random() % 7];
+    const int triangles = 2000;
+    kx::kxPointer<kx::kxIndexBuffer> indices = new kx::kxIndexBuffer(3 * triangles);
+    for (int i = 0; i < 3 * triangles; ++i)
+        indices->GetData()[i] = random() % vertexCount;
+    const kxBVHTriangleContainer container(vertices, indices);
+    ASSERT_EQ(container.getQuantity(), static_cast<uint32_t>(triangles));
+    for (int t = 0; t < triangles; ++t)
+    {
+        kxBBox expected;
+        for (int c = 0; c < 3; ++c)
+            expected.extend(vertices->Position3(static_cast<int>(indices->GetData()[3 * t + c])));
+        EXPECT_EQ(std::memcmp(&container.getBBox(static_cast<unsigned int>(t)), &expected, sizeof(kxBBox)), 0)
+            << "triangle " << t;
+    }
 }

@@ -315,6 +315,79 @@ TEST(QBVHRay, EqualHitsInSeveralLeavesGoToTheBoxEnteredFirstAndSidesFollowTheWin
     }
 }
 
+TEST(QBVHRay, SlotsAreVisitedInTheOrderOfTheSortingNetworkWhateverTheirKeysAndTies)
+{
+    // One four-wide node over four one-triangle leaves. The ray runs along +x from the
+    // origin; slot k's box is entered at distance key[k] (0: the origin is inside it) or
+    // missed (+infinity). Two chosen slots hold the same triangle at distance 5 and the
+    // others one the ray misses: of two equal hits the first visited stays, so the answer
+    // tells which of the two slots comes first. Every key pattern over {0, 1, 2, 3, miss}
+    // and every pair of slots is tried, including the unstable ties of the network.
+    const float values[] = {0.0f, 1.0f, 2.0f, 3.0f, kInf};
+    const std::vector<V3> corners = {{5, -0.5f, -0.5f}, {5, -0.5f, 1}, {5, 1, -0.5f},
+                                     {5, 50, 50},       {5, 50, 51},    {5, 51, 50}};
+    const auto networkOrder = [](const float key[4]) {
+        float k[4] = {key[0], key[1], key[2], key[3]};
+        std::vector<int> slot = {0, 1, 2, 3};
+        for (const auto& p : {std::make_pair(0, 1), std::make_pair(2, 3), std::make_pair(0, 2),
+                              std::make_pair(1, 3), std::make_pair(1, 2)})
+            if (k[p.first] > k[p.second])
+            {
+                std::swap(k[p.first], k[p.second]);
+                std::swap(slot[p.first], slot[p.second]);
+            }
+        std::vector<int> visited;
+        for (int i = 0; i < 4 && k[i] != kInf; ++i)
+            visited.push_back(slot[i]);
+        return visited;
+    };
+    int checked = 0;
+    for (int pattern = 0; pattern < 625; ++pattern)
+    {
+        float key[4];
+        std::vector<kxBBox> boxes;
+        for (int k = 0, p = pattern; k < 4; ++k, p /= 5)
+        {
+            key[k] = values[p % 5];
+            boxes.push_back(key[k] == kInf ? kxBBox(V3(0, 5, -1), V3(10, 6, 1))
+                                           : kxBBox(V3(key[k] == 0.0f ? -1.0f : key[k], -1, -1), V3(10, 1, 1)));
+        }
+        const std::vector<int> order = networkOrder(key);
+        for (int a = 0; a < 4; ++a)
+            for (int b = a + 1; b < 4; ++b)
+            {
+                std::vector<unsigned int> indices;
+                for (int k = 0; k < 4; ++k)
+                    indices.insert(indices.end(), k == a || k == b ? std::initializer_list<unsigned int>{0, 1, 2}
+                                                                   : std::initializer_list<unsigned int>{3, 4, 5});
+                const auto mesh = makeMesh(corners, indices);
+                kxQBVH qbvh;
+                qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, leafTree(boxes, {1, 1, 1, 1}), *mesh);
+                ASSERT_EQ(qbvh.getNodeCount(), 1u);
+                unsigned int expected = kNone;
+                for (int slot : order)
+                    if (slot == a || slot == b)
+                    {
+                        expected = static_cast<unsigned int>(slot);
+                        break;
+                    }
+                for (int mode : {int(kxQBVH::eAllSides), int(kxQBVH::eFrontSide), kSymmetric})
+                {
+                    const Answer got = shoot(qbvh, V3(0, 0, 0), V3(1, 0, 0), 0.0f, kInf, mode);
+                    EXPECT_EQ(got, shoot(qbvh, V3(0, 0, 0), V3(1, 0, 0), 0.0f, kInf, mode, true));
+                    EXPECT_EQ(got.triangle, expected) << "keys " << key[0] << " " << key[1] << " " << key[2] << " "
+                                                      << key[3] << ", slots " << a << " and " << b << ", mode " << mode;
+                    if (expected != kNone)
+                    {
+                        EXPECT_EQ(got.t, 5.0f);
+                    }
+                    ++checked;
+                }
+            }
+    }
+    EXPECT_EQ(checked, 625 * 6 * 3);
+}
+
 TEST(QBVHRay, AFlatRayOnABoxFaceFollowsTheSseMinMaxRule)
 {
     // The ray runs along x with no y component, in the plane of the leaf box's lowest or

@@ -1,3 +1,4 @@
+#include "kxBVHContainers.h"
 #include "kxBVHInvariants.h"
 #include "kxCapturingLog.h"
 #include "kxLinearGenericBVHBuilder.h"
@@ -82,6 +83,47 @@ TEST(LinearBuilder, MatchesAPlainReferenceAndKeepsEveryInvariantOnRandomScenes)
                 }
             }
         }
+}
+
+// The builder reads the boxes of the exact triangle container without a virtual call; a
+// subclass that answers with other boxes must still be asked.
+TEST(LinearBuilder, BuildsFromTriangleContainersAndTheirSubclasses)
+{
+    kx::kxCapturingLog quiet;
+    quiet.install();
+    const kx::kxPointer<kx::kxTriMesh> mesh = kxtest::randomTriangleMesh(7, 1000, kxtest::Layout::Clustered);
+
+    class MirroredTriangles : public kxBVHTriangleContainer
+    {
+    public:
+        explicit MirroredTriangles(const kx::kxTriMesh& mesh) : kxBVHTriangleContainer(mesh)
+        {
+            for (uint32_t t = 0; t < getQuantity(); ++t)
+            {
+                const kxBBox& box = kxBVHTriangleContainer::getBBox(t);
+                mMirrored.push_back(kxBBox(Wm4::Vector3<float>(-box.max[0], box.min[1], box.min[2]),
+                                           Wm4::Vector3<float>(-box.min[0], box.max[1], box.max[2])));
+            }
+        }
+        const kxBBox& getBBox(unsigned int i) const override { return mMirrored[i]; }
+
+    private:
+        std::vector<kxBBox> mMirrored;
+    };
+    const kxBVHTriangleContainer plain(*mesh);
+    const MirroredTriangles mirrored(*mesh);
+    kxLinearGenericBVHBuilder builder;
+    for (const kxBVHTriangleContainer* container : {&plain, static_cast<const kxBVHTriangleContainer*>(&mirrored)})
+    {
+        std::vector<kxBBox> boxes;
+        for (uint32_t t = 0; t < container->getQuantity(); ++t)
+            boxes.push_back(container->getBBox(t));
+        const Reference reference = buildReference(boxes, 20);
+        kxGenericBVH bvh;
+        ASSERT_TRUE(builder.build(*container, bvh, nullptr, 20));
+        ASSERT_NO_FATAL_FAILURE(checkLinearTree(bvh, boxes, reference, 4));
+        EXPECT_EQ(compareHierarchies(bvh, fusedReference(reference, 4)), "");
+    }
 }
 
 TEST(LinearBuilder, LeafLimitStartsAtFourAndNeverDropsBelowOne)

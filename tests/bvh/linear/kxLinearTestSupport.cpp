@@ -89,6 +89,16 @@ std::vector<Scene> makeScenes(uint32_t quantity, uint32_t seed)
     scenes.push_back({"some empty boxes", randomBoxes(quantity, -1.0f, 1.0f, 0.1f)});
     for (size_t i = 0; i < quantity; i += 5)
         scenes.back().boxes[i] = kxBBox();
+
+    // Signed zeros and NaNs tell apart the order of the comparisons that grow boxes.
+    const float special[] = {0.0f, -0.0f, 0.5f, -0.5f, std::numeric_limits<float>::quiet_NaN()};
+    scenes.push_back({"signed zeros and NaNs", randomBoxes(quantity, -1.0f, 1.0f, 0.1f)});
+    for (size_t i = 0; i < quantity; i += 3)
+        for (int a = 0; a < 3; ++a)
+        {
+            scenes.back().boxes[i].min[a] = special[random() % 5];
+            scenes.back().boxes[i].max[a] = special[random() % 5];
+        }
     return scenes;
 }
 

@@ -1,0 +1,58 @@
+#ifndef KXBOXLANES_H
+#define KXBOXLANES_H
+
+#include "kxBBox.h"
+
+#include <emmintrin.h>
+
+#include <limits>
+
+/// Boxes on three SSE lanes (x, y, z), for sweeps over many boxes. SSE's min(a, m) is
+/// a < m ? a : m and max(a, m) is a > m ? a : m: with the new value first these are the
+/// comparisons of kxBBox::extend, so a NaN coordinate leaves the box alone as extend does.
+namespace kxBoxLanes
+{
+/// p[0], p[1], p[2] in the low lanes, without reading past them.
+inline __m128 load3(const float* p)
+{
+    const __m128 xy = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    return _mm_movelh_ps(xy, _mm_load_ss(p + 2));
+}
+
+/// Writes lo and hi as the box's minimum and maximum, in two stores that stay inside it.
+inline void store(kxBBox& box, __m128 lo, __m128 hi)
+{
+    const __m128 joint = _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(0, 0, 2, 2));
+    _mm_storeu_ps(box.min, _mm_shuffle_ps(lo, joint, _MM_SHUFFLE(2, 0, 1, 0)));
+    _mm_storel_pi(reinterpret_cast<__m64*>(box.max + 1), _mm_shuffle_ps(hi, hi, _MM_SHUFFLE(3, 3, 2, 1)));
+}
+
+/// A box grown in registers, from the empty box.
+class Accumulator
+{
+public:
+    Accumulator()
+        : mMin(_mm_set1_ps(std::numeric_limits<float>::infinity())),
+          mMax(_mm_set1_ps(-std::numeric_limits<float>::infinity()))
+    {
+    }
+
+    void extend(__m128 point)
+    {
+        mMin = _mm_min_ps(point, mMin);
+        mMax = _mm_max_ps(point, mMax);
+    }
+    void extend(const kxBBox& box)
+    {
+        mMin = _mm_min_ps(load3(box.min), mMin);
+        mMax = _mm_max_ps(load3(box.max), mMax);
+    }
+    void store(kxBBox& box) const { kxBoxLanes::store(box, mMin, mMax); }
+
+private:
+    __m128 mMin;
+    __m128 mMax;
+};
+} // namespace kxBoxLanes
+
+#endif
