@@ -21,15 +21,16 @@ class kxQBVH
 {
 public:
     /// What is stored per group of four triangles; the bits may be combined.
-    enum tQBVHDataFlags
+    enum tQBVHDataFlags : uint32_t
     {
         eTrianglesVertices = 1,  ///< the corners, needed by intersectConvexHull
         eTrianglesEquations = 2  ///< plane and barycentric planes, needed by the ray queries
     };
 
     /// Which side of a triangle a ray may hit (n = the stored unit normal, dir = the ray
-    /// direction). Any other value behaves like eAllSides.
-    enum tIntersectionPolicy
+    /// direction). Any other value behaves like eAllSides; the fixed underlying type makes
+    /// every such value representable.
+    enum tIntersectionPolicy : uint32_t
     {
         eAllSides = 0,  ///< any n.dir that is not NaN
         eFrontSide = 1, ///< n.dir <= 0
