@@ -8,7 +8,7 @@
 
 #include <benchmark/benchmark.h>
 
-#ifdef KX_HAVE_EMBREE
+#ifdef KX_BENCH_WITH_EMBREE
 #include <embree3/rtcore.h>
 #endif
 
@@ -67,7 +67,7 @@ void SAHBuildFromMesh(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * triangleCount(mesh));
 }
 
-#ifdef KX_HAVE_EMBREE
+#ifdef KX_BENCH_WITH_EMBREE
 RTCDevice device()
 {
     static RTCDevice d = rtcNewDevice("threads=1");
@@ -220,7 +220,7 @@ int main(int argc, char** argv)
                         benchmark::RegisterBenchmark("SAHBuildFromMesh", SAHBuildFromMesh)})
         for (int64_t n : kSizes)
             bench->Arg(n)->Unit(benchmark::kMillisecond);
-#ifdef KX_HAVE_EMBREE
+#ifdef KX_BENCH_WITH_EMBREE
     for (auto* bench : {benchmark::RegisterBenchmark("EmbreeBuildBVH", EmbreeBuildBVH),
                         benchmark::RegisterBenchmark("EmbreeSceneCommit", EmbreeSceneCommit)})
         for (int64_t n : kSizes)
@@ -231,7 +231,7 @@ int main(int argc, char** argv)
         return 1;
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-#ifdef KX_HAVE_EMBREE
+#ifdef KX_BENCH_WITH_EMBREE
     reporter.printRatio("SAHBuild", "EmbreeBuildBVH");
     reporter.printRatio("SAHBuildFromMesh", "EmbreeSceneCommit");
 #else
