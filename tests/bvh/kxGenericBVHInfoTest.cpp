@@ -83,8 +83,7 @@ TEST(GenericBVHInfo, StatisticsMatchAnIndependentWalk)
         uint32_t position = 0;
         growRandomTree(bvh, rng, 0, 0, position);
         // The minimum starts at the node count, so it may stay there.
-        Statistics ref;
-        ref.minLeaf = int(bvh.mNodeCount);
+        Statistics ref{0, int(bvh.mNodeCount)};
         walk(bvh, 0, 0, ref);
         int nodes, leaves, minLeaf, maxLeaf;
         float avg;
@@ -94,8 +93,7 @@ TEST(GenericBVHInfo, StatisticsMatchAnIndependentWalk)
                     maxLeaf == ref.maxLeaf && avg == float(ref.sum) / float(ref.leaves));
         // The summary puts the numbers before their label; the level line goes to standard output.
         std::ostringstream summary, expected;
-        summary << bvh;
-        expected << nodes << " nodes. " << leaves << "(" << maxLeaf << "," << minLeaf << "," << double(avg)
+        summary << bvh, expected << nodes << " nodes. " << leaves << "(" << maxLeaf << "," << minLeaf << "," << double(avg)
                  << ") leaves (max, min, avg):";
         EXPECT_EQ(summary.str(), expected.str());
         const std::string level = "max at lvl:" + std::to_string(ref.maxLevel) + "\n";
@@ -103,8 +101,7 @@ TEST(GenericBVHInfo, StatisticsMatchAnIndependentWalk)
 
         // A walk of one subtree from a given level adds to what the caller already has.
         const auto from = std::uniform_int_distribution<uint32_t>(0, bvh.mNodeCount - 1)(rng);
-        Statistics sub;
-        sub.minLeaf = 1000;
+        Statistics sub{0, 1000};
         walk(bvh, from, 7, sub);
         int subLeaves = 2, subMin = 1000, subMax = 0, subSum = 5, maxAt = -1;
         bvh.getBVHInfoIter(int(from), subLeaves, subMin, subMax, subSum, maxAt, 7);
