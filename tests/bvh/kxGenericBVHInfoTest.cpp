@@ -93,8 +93,8 @@ TEST(GenericBVHInfo, StatisticsMatchAnIndependentWalk)
                     maxLeaf == ref.maxLeaf && avg == float(ref.sum) / float(ref.leaves));
         // The summary puts the numbers before their label; the level line goes to standard output.
         std::ostringstream summary, expected;
-        summary << bvh, expected << nodes << " nodes. " << leaves << "(" << maxLeaf << "," << minLeaf << "," << double(avg)
-                 << ") leaves (max, min, avg):";
+        summary << bvh, expected << nodes << " nodes. " << leaves << "(" << maxLeaf << "," << minLeaf << ","
+                                 << double(avg) << ") leaves (max, min, avg):";
         EXPECT_EQ(summary.str(), expected.str());
         const std::string level = "max at lvl:" + std::to_string(ref.maxLevel) + "\n";
         EXPECT_EQ(out.text(), level + level);
