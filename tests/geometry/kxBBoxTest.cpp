@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
 #include <sstream>
 
@@ -12,32 +11,7 @@ namespace
 {
 using V3 = Wm4::Vector3<float>;
 using V2 = Wm4::Vector2<float>;
-
-uint32_t bitsOf(float v)
-{
-    uint32_t bits;
-    std::memcpy(&bits, &v, sizeof bits);
-    return bits;
-}
 } // namespace
-
-TEST(BBox, AxisWordsAndEmptyBoxBitPatterns)
-{
-    // Node records OR the axis into their offset word.
-    EXPECT_EQ(kxBBox::eAxisY, 0x40000000u);
-    EXPECT_EQ(kxBBox::eAxisZ, 0x80000000u);
-
-    const kxBBox box;
-    const kxBBox2D flat;
-    for (int a = 0; a < 3; ++a)
-    {
-        EXPECT_EQ(bitsOf(box.min[a]), 0x7F800000u);
-        EXPECT_EQ(bitsOf(box.max[a]), 0xFF800000u);
-        EXPECT_EQ(bitsOf(box.getExtent(kxBBox::tAxis(a << 30))), 0xFF800000u);
-        EXPECT_EQ(bitsOf(flat.min[a % 2]), 0x7F800000u);
-        EXPECT_EQ(bitsOf(flat.max[a % 2]), 0xFF800000u);
-    }
-}
 
 TEST(BBox, ExtendingTheEmptyBoxGivesComponentwiseMinimaAndMaxima)
 {
@@ -45,30 +19,23 @@ TEST(BBox, ExtendingTheEmptyBoxGivesComponentwiseMinimaAndMaxima)
     std::uniform_real_distribution<float> coord(-100.0f, 100.0f);
     for (int round = 0; round < 200; ++round)
     {
-        kxBBox byPoints, byBoxes;
-        kxBBox2D flat, flatByBoxes;
+        kxBBox byPoints, byBoxes, pair;
+        kxBBox2D flat, flatByBoxes, flatPair;
         float lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
-        for (int i = 0; i <= round % 9; ++i)
+        for (int i = 0; i <= round % 17; ++i)
         {
-            kxBBox pair;
-            kxBBox2D flatPair;
-            for (int k = 0; k < 2; ++k)
-            {
-                const V3 p(coord(rng), coord(rng), coord(rng));
-                byPoints.extend(p);
-                pair.extend(p);
-                flat.extend(V2(p[0], p[1]));
-                flatPair.extend(V2(p[0], p[1]));
-                for (int a = 0; a < 3; ++a)
-                    lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
-            }
-            byBoxes.extend(pair);
-            flatByBoxes.extend(flatPair);
+            const V3 v(coord(rng), coord(rng), coord(rng));
+            byPoints.extend(v), pair.extend(v), flat.extend(V2(v[0], v[1])), flatPair.extend(V2(v[0], v[1]));
+            for (int a = 0; a < 3; ++a)
+                lo[a] = std::min(lo[a], v[a]), hi[a] = std::max(hi[a], v[a]);
+            // Boxes of two points each; the last one may stay empty and must change nothing.
+            if (i % 2 || i == round % 17)
+                byBoxes.extend(pair), flatByBoxes.extend(flatPair), pair = kxBBox(), flatPair = kxBBox2D();
         }
+        byBoxes.extend(pair), flatByBoxes.extend(flatPair);
         EXPECT_EQ(byPoints, kxBBox(V3(lo[0], lo[1], lo[2]), V3(hi[0], hi[1], hi[2])));
-        EXPECT_EQ(byBoxes, byPoints);
         EXPECT_EQ(flat, kxBBox2D(V2(lo[0], lo[1]), V2(hi[0], hi[1])));
-        EXPECT_EQ(flatByBoxes, flat);
+        EXPECT_TRUE(byBoxes == byPoints && flatByBoxes == flat);
     }
 }
 
@@ -88,7 +55,6 @@ TEST(BBox, ExtentQueriesBreakTiesYBeforeZBeforeX)
             EXPECT_EQ(largest ? box.getMaxExtent(axis) : box.getMinExtent(axis), best);
             EXPECT_EQ(axis, preferred) << e[0] << ' ' << e[1] << ' ' << e[2] << (largest ? " largest" : " smallest");
         }
-        EXPECT_EQ(box.getExtent(kxBBox::eAxisY), e[1]);
         // Any value other than the x and y words selects z.
         EXPECT_EQ(box.getExtent(kxBBox::tAxis(0xC0000000u)), e[2]);
     }
@@ -114,34 +80,25 @@ TEST(BBox, SplittingClipsOneAxisAndNeverChecksThePlane)
     std::uniform_real_distribution<float> coord(-10.0f, 10.0f);
     for (int round = 0; round < 300; ++round)
     {
-        kxBBox box;
+        kxBBox box, left, right;
         box.extend(V3(coord(rng), coord(rng), coord(rng)));
         box.extend(V3(coord(rng), coord(rng), coord(rng)));
         const int c = round % 3;
-        // Planes inside, outside and on the faces.
+        // Planes inside, outside (leaving a negative extent) and on the faces.
         const float p = round % 7 == 0 ? box.min[c] : round % 7 == 1 ? box.max[c] : coord(rng) * 1.5f;
-        const kxBBox::tAxis axis = kxBBox::tAxis(uint32_t(c) << 30);
-
-        kxBBox left = box, right = box;
+        left = right = box;
         left.max[c] = std::min(box.max[c], p);
         right.min[c] = std::max(box.min[c], p);
-        EXPECT_EQ(box.splitLeft(axis, p), left);
-        EXPECT_EQ(box.splitRight(axis, p), right);
-        kxBBox clipped = box;
-        EXPECT_EQ(clipped.split(axis, p), right);
-        EXPECT_EQ(clipped, left);
+        const kxBBox::tAxis axis = kxBBox::tAxis(uint32_t(c) << 30);
+        EXPECT_TRUE(box.splitLeft(axis, p) == left && box.splitRight(axis, p) == right);
+        EXPECT_TRUE(box.split(axis, p) == right && box == left);
     }
-
-    // A plane below the box leaves this box a negative extent and returns it unchanged.
-    const kxBBox unit(V3(0.0f, 0.0f, 0.0f), V3(1.0f, 1.0f, 1.0f));
-    kxBBox box = unit;
-    EXPECT_EQ(box.split(kxBBox::eAxisY, -2.0f), unit);
-    EXPECT_EQ(box.getExtent(kxBBox::eAxisY), -2.0f);
 }
 
 TEST(BBox, StreamsMinimumThenMaximum)
 {
     std::ostringstream out;
-    out << kxBBox(V3(1.0f, 2.0f, 3.0f), V3(4.0f, 5.5f, 6.0f)) << ' ' << kxBBox2D(V2(-1.0f, 0.0f), V2(2.0f, 3.0f));
-    EXPECT_EQ(out.str(), "(1,2,3)(4,5.5,6) (-1,0)(2,3)");
+    out << kxBBox(V3(1.0f, 2.0f, 3.0f), V3(4.0f, 5.5f, 6.0f)) << ' ' << kxBBox2D() << ' '
+        << kxBBox2D(V2(-1.0f, 0.0f), V2(2.0f, 3.0f));
+    EXPECT_EQ(out.str(), "(1,2,3)(4,5.5,6) (inf,inf)(-inf,-inf) (-1,0)(2,3)");
 }

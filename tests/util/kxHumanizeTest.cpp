@@ -17,20 +17,6 @@ std::string humanize(uint64_t value, int digits, int decimals, bool binary, bool
     return kx::kxStringUtils::humanizeNumberGeneric<unsigned long>(value, digits, decimals, binary, large, small);
 }
 
-// The exact value of the double nearest to v (ties to even).
-u128 nearestDouble(uint64_t v)
-{
-    const int bits = v == 0 ? 0 : 64 - __builtin_clzll(v);
-    if (bits <= 53)
-        return v;
-    const int drop = bits - 53;
-    u128 kept = v >> drop;
-    const uint64_t rest = v & ((uint64_t(1) << drop) - 1), half = uint64_t(1) << (drop - 1);
-    if (rest > half || (rest == half && (kept & 1)))
-        ++kept;
-    return kept << drop;
-}
-
 std::string digitsOf(u128 n)
 {
     std::string s;
@@ -45,7 +31,7 @@ std::string digitsOf(u128 n)
 std::optional<std::string> reference(uint64_t value, int significantDigits, int maxDecimals, bool binary, bool large)
 {
     static const char* const letters = "kMGTPEZY";
-    const u128 num = nearestDouble(value);
+    const u128 num = u128(double(value)); // the formatter works on the nearest double
     u128 den = 1, power = 1;
     int step = 0;
     for (int i = 1; i <= 8; ++i)
@@ -94,57 +80,31 @@ std::optional<std::string> reference(uint64_t value, int significantDigits, int 
 
 TEST(Humanize, NamedValues)
 {
+    // The library's own setting first, then quirks: the double nearest 2^60 - 1 is 2^60,
+    // halves round down, 999.999k reaches 1000 only after the prefix was chosen, and
+    // 2^52 + 1 meets the tie of x - 0.5 in double.
     const struct
     {
         uint64_t value;
-        int digits, decimals;
-        bool binary, large, small;
+        bool binary, large;
         const char* text;
-    } table[] = {
-        // The library's own setting.
-        {0, 3, 1, true, true, false, "0"},
-        {1023, 3, 1, true, true, false, "1023"},
-        {1024, 3, 1, true, true, false, "1k"},
-        {1536, 3, 1, true, true, false, "1.5k"},
-        {2048, 3, 1, true, true, false, "2k"},
-        {1048576, 3, 1, true, true, false, "1M"},
-        {123456789, 3, 1, true, true, false, "118M"},
-        {(1ul << 60) - 1, 3, 1, true, true, false, "1E"}, // 2^60 once it is a double
-        {UINT64_MAX, 3, 1, true, true, false, "16E"},
-        // Halves round down.
-        {104960, 3, 1, true, true, false, "102k"},
-        {2560, 1, 1, true, true, false, "2k"},
-        {1250, 3, 1, false, true, false, "1.2k"},
-        // Decimal steps; 999.999k reaches 1000 only after the prefix was chosen.
-        {1500, 3, 1, false, true, false, "1.5k"},
-        {999999, 3, 1, false, true, false, "1000k"},
-        // Unscaled values stay whole; 2^52 + 1 meets the tie of x - 0.5 in double.
-        {5000000, 3, 1, true, false, false, "5000000"},
-        {UINT64_MAX, 3, 1, true, false, false, "18446744073709551616"},
-        {(1ul << 52) + 1, 3, 1, true, false, false, "4503599627370496"},
-        // Zero stays zero with small prefixes.
-        {0, 3, 1, true, true, true, "0"},
-    };
+    } table[] = {{123456789, true, true, "118M"}, {UINT64_MAX, true, true, "16E"}, {(1ul << 60) - 1, true, true, "1E"},
+                 {104960, true, true, "102k"},    {1250, false, true, "1.2k"},    {999999, false, true, "1000k"},
+                 {(1ul << 52) + 1, true, false, "4503599627370496"}};
     for (const auto& row : table)
-        EXPECT_EQ(humanize(row.value, row.digits, row.decimals, row.binary, row.large, row.small), row.text)
-            << row.value << ' ' << row.digits << ' ' << row.decimals << ' ' << row.binary << row.large << row.small;
+        EXPECT_EQ(humanize(row.value, 3, 1, row.binary, row.large), row.text) << row.value;
 }
 
 TEST(Humanize, RandomValuesMatchAnExactIntegerFormatter)
 {
     std::mt19937_64 rng(77);
-    std::uniform_int_distribution<int> bitLength(0, 64), coin(0, 1), sig(1, 5), maxDec(-1, 3), jitter(-3, 3);
+    std::uniform_int_distribution<int> coin(0, 1), sig(1, 5), maxDec(-1, 3), jitter(-3, 3);
     int compared = 0, skipped = 0;
     for (int i = 0; i < 200000; ++i)
     {
         const bool binary = coin(rng), large = i % 8 != 0;
-        uint64_t value;
-        if (i % 2 == 0)
-        {
-            const int bits = bitLength(rng);
-            value = bits == 0 ? 0 : rng() >> (64 - bits);
-        }
-        else
+        uint64_t value = rng() >> (rng() % 64);
+        if (i % 2)
         {
             // Near the places where rounding or the prefix changes: n/20 of a step.
             long double unit = 1;
@@ -155,15 +115,12 @@ TEST(Humanize, RandomValuesMatchAnExactIntegerFormatter)
         }
         const int s = sig(rng), d = maxDec(rng);
         const std::optional<std::string> expected = reference(value, s, d, binary, large);
-        if (!expected)
-        {
-            ++skipped;
+        if (!expected && ++skipped)
             continue;
-        }
         ++compared;
         ASSERT_EQ(humanize(value, s, d, binary, large, coin(rng)), *expected)
-            << value << " digits " << s << " decimals " << d << (binary ? " binary" : " decimal")
-            << (large ? "" : " unscaled");
+                << value << " digits " << s << " decimals " << d << (binary ? " binary" : " decimal")
+                << (large ? "" : " unscaled");
     }
     // Half the values aim at rounding boundaries on purpose, and in decimal mode the exact
     // halves among them are undecidable; everything else must be compared.

@@ -1,4 +1,4 @@
-// An outside program: builds a hierarchy over one triangle through the installed headers.
+// An outside program: boxes one triangle through the installed headers.
 #include <kxCommonAddOns.h>
 
 #include <iostream>
@@ -7,15 +7,10 @@ int main()
 {
     kx::kxPointer<kx::kxVertexBuffer> vertices = new kx::kxVertexBuffer(3);
     vertices->Position3(1) = Wm4::Vector3<float>(1.0f, 0.0f, 0.0f);
-    vertices->Position3(2) = Wm4::Vector3<float>(0.0f, 1.0f, 0.0f);
     kx::kxPointer<kx::kxIndexBuffer> indices = new kx::kxIndexBuffer(3);
     indices->GetData()[1] = 1;
-    indices->GetData()[2] = 2;
-    kx::kxTriMesh mesh(vertices, indices);
-
-    kxBVHTriangleContainer container(mesh);
+    kxBVHTriangleContainer container(kx::kxTriMesh(vertices, indices));
     if (container.getQuantity() != 1 || container.getBBox(0).max[0] != 1.0f)
         return 1;
     std::cout << "kxCommonAddOns " << kxCommonAddOns::Version::GetDescStringMajorMinorReleaseRevisionDate() << '\n';
-    return 0;
 }
