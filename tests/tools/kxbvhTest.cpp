@@ -162,6 +162,7 @@ Png readPng(const std::string& path)
     stbi_image_free(pixels);
     return png;
 }
+
 void expectOneErrorLine(const ToolResult& run, int status, const std::string& culprit, const std::string& reason)
 {
     EXPECT_EQ(run.status, status) << run.err;
