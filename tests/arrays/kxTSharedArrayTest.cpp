@@ -280,6 +280,9 @@ TEST(SharedArrayCopy, CopiesAssignmentsAndClonesAreDeepAndLeaveTheBaseAlone)
     const kx::kxMatrix3dArray copy(*original);
     EXPECT_TRUE(sameElements(*original, copy) && original->GetData() != copy.GetData());
     EXPECT_TRUE(original->GetID() != copy.GetID() && copy.GetReferences() == 0);
+    // A null array copies as null with its quantity.
+    const kx::kxMatrix3dArray hollowMatrices(3, nullptr), hollowCopy(hollowMatrices);
+    EXPECT_TRUE(hollowCopy.GetQuantity() == 3 && hollowCopy.GetData() == nullptr);
     kx::kxPointer<kx::kxMatrix3dArray> target = randomArray<Wm4::Matrix3<double>>(rng, 2);
     const unsigned int id = target->GetID();
     *target = *original;

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <map>
 #include <random>
@@ -269,51 +270,65 @@ TEST(QBVHRay, SlotsAreVisitedInTheOrderOfTheSortingNetworkWhateverTheirKeysAndTi
     // missed (+infinity). Two chosen slots hold the same triangle at distance 5 and the
     // others one the ray misses: of two equal hits the first visited stays, so the answer
     // tells which of the two slots comes first. Every key pattern over {0, 1, 2, 3, miss}
-    // and every pair of slots is tried, including the unstable ties of the network.
+    // and every pair of slots is tried, including the unstable ties of the network. The
+    // symmetric query also runs along -x with the triangle turned round: boxes wholly
+    // behind the origin are keyed by their far ends, -key[k].
     const float values[] = {0.0f, 1.0f, 2.0f, 3.0f, kInf};
     const std::vector<V3> corners = {{5, -0.5f, -0.5f}, {5, -0.5f, 1}, {5, 1, -0.5f},
                                      {5, 50, 50},       {5, 50, 51},    {5, 51, 50}};
+    const auto visiting = [](std::array<float, 4> key) {
+        std::array<int, 4> slot = {0, 1, 2, 3};
+        for (const auto& [i, j] : {std::pair{0, 1}, {2, 3}, {0, 2}, {1, 3}, {1, 2}})
+            if (key[i] > key[j])
+            {
+                std::swap(key[i], key[j]);
+                std::swap(slot[i], slot[j]);
+            }
+        std::vector<int> order;
+        for (int i = 0; i < 4 && key[i] != kInf; ++i)
+            order.push_back(slot[i]);
+        return order;
+    };
     for (int pattern = 0; pattern < 625; ++pattern)
     {
-        float key[4];
-        int order[4] = {0, 1, 2, 3};
+        std::array<float, 4> key, behind;
         std::vector<kxBBox> boxes;
         for (int k = 0, p = pattern; k < 4; ++k, p /= 5)
         {
             key[k] = values[p % 5];
+            behind[k] = key[k] == kInf ? kInf : -key[k];
             boxes.push_back(key[k] == kInf ? kxBBox(V3(0, 5, -1), V3(10, 6, 1))
                                            : kxBBox(V3(key[k] == 0.0f ? -1.0f : key[k], -1, -1), V3(10, 1, 1)));
         }
-        float sorted[4] = {key[0], key[1], key[2], key[3]};
-        for (const auto& [i, j] : {std::pair{0, 1}, {2, 3}, {0, 2}, {1, 3}, {1, 2}})
-            if (sorted[i] > sorted[j])
-            {
-                std::swap(sorted[i], sorted[j]);
-                std::swap(order[i], order[j]);
-            }
         for (int a = 0; a < 4; ++a)
             for (int b = a + 1; b < 4; ++b)
-            {
-                std::vector<unsigned int> indices;
-                for (int k = 0; k < 4; ++k)
-                    indices.insert(indices.end(), k == a || k == b ? std::initializer_list<unsigned int>{0, 1, 2}
-                                                                   : std::initializer_list<unsigned int>{3, 4, 5});
-                kxQBVH qbvh;
-                qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, leafTree(boxes, {1, 1, 1, 1}),
-                                  *makeMesh(corners, indices));
-                unsigned int expected = kNone;
-                for (int i = 3; i >= 0; --i)
-                    if (sorted[i] != kInf && (order[i] == a || order[i] == b))
-                        expected = static_cast<unsigned int>(order[i]);
-                for (int mode : {int(kxQBVH::eAllSides), int(kxQBVH::eFrontSide), kSymmetric})
+                for (bool mirrored : {false, true})
                 {
-                    const Answer got = shoot(qbvh, V3(0, 0, 0), V3(1, 0, 0), 0.0f, kInf, mode);
-                    ASSERT_EQ(got, shoot(qbvh, V3(0, 0, 0), V3(1, 0, 0), 0.0f, kInf, mode, true));
-                    ASSERT_EQ(got.triangle, expected) << "keys " << key[0] << " " << key[1] << " " << key[2] << " "
-                                                      << key[3] << ", slots " << a << " and " << b << ", mode " << mode;
-                    ASSERT_EQ(got.t, expected == kNone ? kInf : 5.0f);
+                    std::vector<unsigned int> indices;
+                    for (int k = 0; k < 4; ++k)
+                        indices.insert(indices.end(), k != a && k != b ? std::initializer_list<unsigned int>{3, 4, 5}
+                                                      : mirrored       ? std::initializer_list<unsigned int>{0, 2, 1}
+                                                                       : std::initializer_list<unsigned int>{0, 1, 2});
+                    kxQBVH qbvh;
+                    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, leafTree(boxes, {1, 1, 1, 1}),
+                                      *makeMesh(corners, indices));
+                    unsigned int expected = kNone;
+                    for (int slot : visiting(mirrored ? behind : key))
+                        if (expected == kNone && (slot == a || slot == b))
+                            expected = static_cast<unsigned int>(slot);
+                    const V3 d(mirrored ? -1.0f : 1.0f, 0.0f, 0.0f);
+                    for (int mode : {kSymmetric, int(kxQBVH::eAllSides), int(kxQBVH::eFrontSide)})
+                    {
+                        if (mirrored && mode != kSymmetric)
+                            break;
+                        const Answer got = shoot(qbvh, V3(0, 0, 0), d, 0.0f, kInf, mode);
+                        ASSERT_EQ(got, shoot(qbvh, V3(0, 0, 0), d, 0.0f, kInf, mode, true));
+                        ASSERT_EQ(got.triangle, expected) << "keys " << key[0] << " " << key[1] << " " << key[2]
+                                                          << " " << key[3] << ", slots " << a << " and " << b
+                                                          << ", mode " << mode << (mirrored ? ", behind" : "");
+                        ASSERT_EQ(got.t, expected == kNone ? kInf : 5.0f);
+                    }
                 }
-            }
     }
 }
 

@@ -469,6 +469,21 @@ TEST(KxbvhRender, AQuadFacingTheCameraCoversExactlyItsProjectionFromTheFront)
     }
 }
 
+TEST(KxbvhRender, TheDefaultCameraFramesTheBuiltInScene)
+{
+    TempDir dir;
+    const ToolResult run = runTool({"render", "--triangles", "2000", "--width", "64", "--height", "48", "-o",
+                                    dir.file("scene.png")});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("rays/s"), std::string::npos) << run.out;
+    const Png png = readPng(dir.file("scene.png"));
+    int hits = 0;
+    for (size_t i = 3; i < png.rgba.size(); i += 4)
+        hits += png.rgba[i] == 255;
+    // Much of the picture is hit, but not every pixel.
+    EXPECT_TRUE(png.width == 64 && png.height == 48 && hits > 64 * 48 / 4 && hits < 64 * 48) << hits;
+}
+
 TEST(KxbvhCull, TilesSeeGeometryExactlyWhereTheQuadProjects)
 {
     TempDir dir;
