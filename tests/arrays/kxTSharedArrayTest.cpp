@@ -44,17 +44,11 @@ kx::kxTSharedArray<T>* randomArray(std::mt19937& rng, int quantity)
 }
 
 template <typename T>
-kx::kxTSharedArray<T> arrayOf(std::initializer_list<T> values)
-{
-    T* data = new T[values.size()];
-    std::copy(values.begin(), values.end(), data);
-    return kx::kxTSharedArray<T>(static_cast<int>(values.size()), data);
-}
-
-template <typename T>
 bool equal(std::initializer_list<T> a, std::initializer_list<T> b)
 {
-    const kx::kxTSharedArray<T> first = arrayOf(a), second = arrayOf(b);
+    const kx::kxTSharedArray<T> first(int(a.size()), new T[a.size()]), second(int(b.size()), new T[b.size()]);
+    std::copy(a.begin(), a.end(), first.GetData());
+    std::copy(b.begin(), b.end(), second.GetData());
     return first.Equals(&second);
 }
 
@@ -114,7 +108,7 @@ TYPED_TEST(SharedArray, RandomArraysRoundTripThroughTheRegisteredFactoryAsTheirS
     using Array = kx::kxTSharedArray<TypeParam>;
     Array::RegisterFactory();
     std::mt19937 rng(7);
-    for (int quantity : {0, 1, 2, 17, 200})
+    for (int quantity : {0, 1, 17})
     {
         kx::kxPointer<Array> original = randomArray<TypeParam>(rng, quantity);
         kx::kxBaseStream stream;
@@ -122,7 +116,6 @@ TYPED_TEST(SharedArray, RandomArraysRoundTripThroughTheRegisteredFactoryAsTheirS
         EXPECT_EQ(streamBytes(Array::TYPE.GetName(), original->GetID(), quantity, original->GetData(),
                               quantity * sizeof(TypeParam)),
                   stream.GetBuffer());
-
         kx::kxPointer<kx::kxObject> loaded = stream.LoadObject();
         ASSERT_NE(nullptr, loaded.get());
         EXPECT_EQ(0u, stream.GetRemaining());
@@ -131,8 +124,7 @@ TYPED_TEST(SharedArray, RandomArraysRoundTripThroughTheRegisteredFactoryAsTheirS
         EXPECT_TRUE(sameElements(*original, copy));
         // A stream quantity of 0 still gives a (zero-length) allocation.
         EXPECT_NE(nullptr, copy.GetData());
-        EXPECT_TRUE(original->Equals(&copy));
-        EXPECT_TRUE(copy.Equals(original));
+        EXPECT_TRUE(original->Equals(&copy) && copy.Equals(original));
     }
     Array::UnRegisterFactory();
     EXPECT_EQ(nullptr, kx::kxRttiInterface::FindFactoryFunction(Array::TYPE.GetName()));
@@ -159,48 +151,23 @@ TYPED_TEST(SharedArray, EveryTruncationFailsWithoutAnObjectOrALeak)
         stream.SetBuffer(std::vector<unsigned char>(bytes.begin() + objectStart, bytes.begin() + length));
         Array fresh;
         EXPECT_NO_THROW(fresh.Load(stream)) << "length " << length;
-        EXPECT_TRUE(stream.Failed());
-        EXPECT_EQ(0, fresh.GetQuantity());
-        EXPECT_EQ(nullptr, fresh.GetData());
+        EXPECT_TRUE(stream.Failed() && fresh.GetQuantity() == 0 && fresh.GetData() == nullptr) << "length " << length;
     }
 }
 
-TEST(SharedArrayStream, NegativeOrEnormousQuantitiesLoadNothing)
+TEST(SharedArrayStream, NegativeQuantitiesLoadNothing)
 {
     kx::kxFloatArray::RegisterFactory();
     const std::vector<unsigned char> padding(128);
-    for (int32_t quantity : {-1, INT_MIN, INT_MAX})
+    for (int32_t quantity : {-1, INT_MIN})
     {
-        SCOPED_TRACE(quantity);
         kx::kxBaseStream stream;
         stream.SetBuffer(streamBytes("kxFloatArray", 1, quantity, padding.data(), padding.size()));
         EXPECT_EQ(nullptr, kx::kxPointer<kx::kxObject>(stream.LoadObject()).get());
-
         stream.SetBuffer(streamBytes("", 1, quantity, padding.data(), padding.size()));
         kx::kxFloatArray fresh;
-        if (quantity < 0)
-        {
-            EXPECT_THROW(kx::kxFloatArray::Factory(stream), std::bad_array_new_length);
-            stream.Rewind();
-            EXPECT_THROW(fresh.Load(stream), std::bad_array_new_length);
-        }
-        else
-        {
-            // Whether 2^31-1 floats can be reserved depends on the machine: either way the
-            // load fails and keeps nothing.
-            bool failed = true;
-            try
-            {
-                fresh.Load(stream);
-                failed = stream.Failed();
-            }
-            catch (const std::bad_alloc&)
-            {
-            }
-            EXPECT_TRUE(failed);
-        }
-        EXPECT_EQ(0, fresh.GetQuantity());
-        EXPECT_EQ(nullptr, fresh.GetData());
+        EXPECT_THROW(fresh.Load(stream), std::bad_array_new_length);
+        EXPECT_TRUE(fresh.GetQuantity() == 0 && fresh.GetData() == nullptr);
     }
     // An object part that runs short: its name length must not be read again as -1 elements.
     kx::kxBaseStream stream;
@@ -211,9 +178,12 @@ TEST(SharedArrayStream, NegativeOrEnormousQuantitiesLoadNothing)
     EXPECT_EQ(nullptr, fresh.GetData());
 }
 
-TEST(SharedArrayStream, GoldenBytesOfAFourByteAndAnEightByteType)
+TEST(SharedArrayStream, GoldenBytesOfAFourAndAnEightByteTypeAndOnlyTheActiveQuantityIsSaved)
 {
-    kx::kxFloatArray floats(2, new float[2]{1.0f, -2.5f});
+    kx::kxFloatArray floats(3, new float[3]{1.0f, -2.5f, 7.0f});
+    float* allocation = floats.GetData();
+    floats.SetActiveQuantity(2);
+    EXPECT_EQ(allocation, floats.GetData());
     kx::kxPlane3dArray planes(1, new Wm4::Plane3<double>[1]);
     planes[0] = Wm4::Plane3<double>(Wm4::Vector3<double>(1.0, 0.0, -2.0), 0.5);
     kx::kxBaseStream stream;
@@ -229,37 +199,13 @@ TEST(SharedArrayStream, GoldenBytesOfAFourByteAndAnEightByteType)
     EXPECT_EQ(expected, stream.GetBuffer());
 }
 
-TEST(SharedArrayStream, ActiveQuantityNarrowsWhatIsSavedWhileTheAllocationStays)
+TEST(SharedArrayEquals, MatricesAndColoursCompareEveryScalarIntsExactly)
 {
-    kx::kxIntArray array(5, new int[5]{10, 20, 30, 40, 50});
-    int* allocation = array.GetData();
-    array.SetActiveQuantity(2);
-    EXPECT_EQ(allocation, array.GetData());
-    kx::kxBaseStream stream;
-    array.Save(stream);
-    EXPECT_EQ(streamBytes("", array.GetID(), 2, allocation, 2 * sizeof(int)), stream.GetBuffer());
-    kx::kxIntArray loaded;
-    loaded.Load(stream);
-    ASSERT_EQ(2, loaded.GetQuantity());
-    EXPECT_EQ(20, loaded[1]);
-}
-
-TEST(SharedArrayEquals, VectorsAndQuaternionsUseSquaredDistanceIntsExactnessOthersEveryScalar)
-{
-    using V = Wm4::Vector3<float>;
-    EXPECT_TRUE(equal({V(1, 2, 3), V(-4, 5, 0)}, {V(1, 2, 3), V(-4, 5, 0.0005f)}));
-    EXPECT_FALSE(equal({V(1, 2, 3), V(-4, 5, 0)}, {V(1, 2, 3), V(-4, 5, 0.001f)}));
-    // 0.0006 on each axis: every coordinate is close, the distance is not.
-    EXPECT_FALSE(equal({V(1, 2, 3)}, {V(1.0006f, 2.0006f, 3.0006f)}));
-    using Q = Wm4::Quaternion<double>;
-    EXPECT_TRUE(equal({Q(1, 0, 0, 0)}, {Q(1, 0.0005, 0, 0.0005)}));
-    EXPECT_FALSE(equal({Q(1, 0, 0, 0)}, {Q(1, 0.0006, 0.0006, 0.0006)}));
-    using M = Wm4::Matrix2<float>;
-    EXPECT_FALSE(equal({M(1, 2, 3, 4)}, {M(1, 2.0005f, 3, 4)}));
+    // Vectors and quaternions compare by squared distance: the randomised test below.
+    EXPECT_FALSE(equal({Wm4::Matrix2<float>(1, 2, 3, 4)}, {Wm4::Matrix2<float>(1, 2.0005f, 3, 4)}));
     EXPECT_FALSE(equal({Wm4::ColorRGB(0.5f, 0.5f, 0.5f)}, {Wm4::ColorRGB(0.5f, 0.5005f, 0.5f)}));
     EXPECT_TRUE(equal({5, -7, 0x7FFFFFFF}, {5, -7, 0x7FFFFFFF}));
     EXPECT_FALSE(equal({5, -7, 0x7FFFFFFF}, {5, -7, 0x7FFFFFFE}));
-
     // Float differences are formed in float and compared with 1e-6 in double: 1e-6f lies
     // just below 1e-6, the next float above it.
     EXPECT_TRUE(equal({0.0f}, {1e-6f}));
@@ -271,7 +217,7 @@ TEST(SharedArrayEquals, VectorsAndQuaternionsUseSquaredDistanceIntsExactnessOthe
 // Pairs whose squared distance lies within a few rounding steps of 1e-6 are decided as
 // the sum formed in the element's own precision says, which differs from the sum formed
 // in a wider precision often enough to tell the two apart.
-TEST(SharedArrayEquals, SquaredDistancesAreSummedInTheElementPrecision)
+TEST(SharedArrayEquals, VectorsAndQuaternionsSumSquaredDistancesInTheElementPrecision)
 {
     auto check = [](auto element) {
         using T = decltype(element);
@@ -303,9 +249,8 @@ TEST(SharedArrayEquals, SquaredDistancesAreSummedInTheElementPrecision)
             const bool expected = static_cast<double>(sum) < 1e-6;
             decisive += expected != (widerSum < static_cast<Wider>(1e-6));
             equals += expected;
-            const kx::kxTSharedArray<T> first(1, new T[1]{a}), second(1, new T[1]{b});
-            ASSERT_EQ(expected, first.Equals(&second)) << "trial " << trial;
-            ASSERT_EQ(expected, second.Equals(&first)) << "trial " << trial;
+            ASSERT_EQ(expected, equal({a}, {b})) << "trial " << trial;
+            ASSERT_EQ(expected, equal({b}, {a})) << "trial " << trial;
         }
         EXPECT_GT(decisive, 0);
         EXPECT_GT(equals, 2000);
@@ -319,87 +264,58 @@ TEST(SharedArrayEquals, SquaredDistancesAreSummedInTheElementPrecision)
 
 TEST(SharedArrayEquals, RejectsNullOtherTypesAndOtherQuantitiesButAcceptsDerivedTypes)
 {
-    const kx::kxFloatArray array = arrayOf({1.0f, 2.0f});
-    EXPECT_TRUE(array.Equals(&array));
-    EXPECT_FALSE(array.Equals(nullptr));
-    const kx::kxDoubleArray doubles = arrayOf({1.0, 2.0});
-    EXPECT_FALSE(array.Equals(&doubles));
-    kx::kxFloatArray longer = arrayOf({1.0f, 2.0f, 99.0f});
-    EXPECT_FALSE(array.Equals(&longer));
-    EXPECT_FALSE(longer.Equals(&array));
-    longer.SetActiveQuantity(2);
-    EXPECT_TRUE(array.Equals(&longer));
+    const kx::kxFloatArray array(2, new float[2]{1.0f, 2.0f});
+    const kx::kxDoubleArray doubles(2, new double[2]{1.0, 2.0});
+    kx::kxFloatArray longer(3, new float[3]{1.0f, 2.0f, 99.0f});
     const TaggedFloatArray tagged(2, new float[2]{1.0f, 2.0f});
-    EXPECT_TRUE(array.Equals(&tagged));
-    EXPECT_TRUE(tagged.Equals(&array));
+    EXPECT_FALSE(array.Equals(nullptr) || array.Equals(&doubles) || array.Equals(&longer) || longer.Equals(&array));
+    longer.SetActiveQuantity(2);
+    EXPECT_TRUE(array.Equals(&array) && array.Equals(&longer) && array.Equals(&tagged) && tagged.Equals(&array));
 }
 
-TEST(SharedArrayCopy, CopiesAndAssignmentsAreDeepAndLeaveTheBaseAlone)
+TEST(SharedArrayCopy, CopiesAssignmentsAndClonesAreDeepAndLeaveTheBaseAlone)
 {
     std::mt19937 rng(5);
     kx::kxPointer<kx::kxMatrix3dArray> original = randomArray<Wm4::Matrix3<double>>(rng, 4);
     const kx::kxMatrix3dArray copy(*original);
-    EXPECT_TRUE(sameElements(*original, copy));
-    EXPECT_NE(original->GetData(), copy.GetData());
-    EXPECT_NE(original->GetID(), copy.GetID());
-    EXPECT_EQ(0, copy.GetReferences());
-
+    EXPECT_TRUE(sameElements(*original, copy) && original->GetData() != copy.GetData());
+    EXPECT_TRUE(original->GetID() != copy.GetID() && copy.GetReferences() == 0);
+    // A null array copies as null with its quantity.
+    const kx::kxMatrix3dArray hollowMatrices(3, nullptr), hollowCopy(hollowMatrices);
+    EXPECT_TRUE(hollowCopy.GetQuantity() == 3 && hollowCopy.GetData() == nullptr);
     kx::kxPointer<kx::kxMatrix3dArray> target = randomArray<Wm4::Matrix3<double>>(rng, 2);
     const unsigned int id = target->GetID();
     *target = *original;
-    EXPECT_TRUE(sameElements(*original, *target));
-    EXPECT_NE(original->GetData(), target->GetData());
-    EXPECT_EQ(id, target->GetID());
-    EXPECT_EQ(1, target->GetReferences());
-    const Wm4::Matrix3<double>* data = target->GetData();
-    const kx::kxMatrix3dArray& alias = *target;
-    *target = alias;
-    EXPECT_EQ(data, target->GetData());
-    EXPECT_TRUE(sameElements(*original, *target));
+    *target = *target.get();
+    EXPECT_TRUE(sameElements(*original, *target) && original->GetData() != target->GetData());
+    EXPECT_TRUE(target->GetID() == id && target->GetReferences() == 1);
 
-    // A null array copies as null with its quantity.
-    const kx::kxMatrix3dArray hollow(3, nullptr), hollowCopy(hollow);
-    *target = hollow;
-    EXPECT_TRUE(hollowCopy.GetQuantity() == 3 && hollowCopy.GetData() == nullptr);
-    EXPECT_TRUE(target->GetQuantity() == 3 && target->GetData() == nullptr);
-}
-
-TEST(SharedArrayClone, ClonesIntoANewArrayOrAnExistingOneOfAMatchingType)
-{
-    std::mt19937 rng(8);
-    kx::kxPointer<kx::kxQuaternionfArray> original = randomArray<Wm4::Quaternion<float>>(rng, 6);
-    kx::kxRttiInterface* target = nullptr;
-    ASSERT_TRUE(original->Clone(target));
-    kx::kxPointer<kx::kxObject> owner = static_cast<kx::kxObject*>(target);
-    ASSERT_TRUE(target->IsExactly(kx::kxQuaternionfArray::TYPE));
-    const auto& fresh = static_cast<const kx::kxQuaternionfArray&>(*target);
-    EXPECT_TRUE(sameElements(*original, fresh));
-    EXPECT_NE(original->GetData(), fresh.GetData());
-
-    kx::kxQuaterniondArray otherType;
-    target = &otherType;
-    EXPECT_FALSE(original->Clone(target));
+    kx::kxRttiInterface* cloned = nullptr;
+    ASSERT_TRUE(original->Clone(cloned));
+    kx::kxPointer<kx::kxObject> owner = static_cast<kx::kxObject*>(cloned);
+    ASSERT_TRUE(cloned->IsExactly(kx::kxMatrix3dArray::TYPE));
+    const auto& clone = static_cast<const kx::kxMatrix3dArray&>(*cloned);
+    EXPECT_TRUE(sameElements(*original, clone) && original->GetData() != clone.GetData());
+    kx::kxMatrix3fArray otherType;
+    cloned = &otherType;
+    EXPECT_FALSE(original->Clone(cloned));
     EXPECT_EQ(0, otherType.GetQuantity());
 
     // An existing target of a derived type is filled; a null source still gets an allocation.
-    const kx::kxFloatArray hollow(3, nullptr);
-    TaggedFloatArray tagged;
-    target = &tagged;
-    ASSERT_TRUE(hollow.Clone(target));
-    EXPECT_EQ(&tagged, target);
-    EXPECT_EQ(3, tagged.GetQuantity());
-    EXPECT_NE(nullptr, tagged.GetData());
     // The array the target held before is the caller's to release.
+    const kx::kxFloatArray hollow(3, nullptr), floats(2, new float[2]{4.0f, 5.0f});
+    TaggedFloatArray tagged;
+    kx::kxRttiInterface* existing = &tagged;
+    ASSERT_TRUE(hollow.Clone(existing) && existing == &tagged);
     float* previous = tagged.GetData();
-    const kx::kxFloatArray floats = arrayOf({4.0f, 5.0f});
-    ASSERT_TRUE(floats.Clone(target));
+    EXPECT_TRUE(tagged.GetQuantity() == 3 && previous != nullptr);
+    ASSERT_TRUE(floats.Clone(existing));
     EXPECT_TRUE(tagged.Equals(&floats));
     delete[] previous;
 
     // An impossible count fails before a new target is made, so nothing is left behind.
     original->SetActiveQuantity(-1);
-    target = nullptr;
-    EXPECT_THROW(original->Clone(target), std::bad_array_new_length);
-    EXPECT_EQ(nullptr, target);
-    EXPECT_THROW(kx::kxQuaternionfArray copy(*original), std::bad_array_new_length);
+    cloned = nullptr;
+    EXPECT_THROW(original->Clone(cloned), std::bad_array_new_length);
+    EXPECT_EQ(nullptr, cloned);
 }

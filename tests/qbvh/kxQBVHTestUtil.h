@@ -21,12 +21,6 @@ inline uint32_t bitsOf(float f)
     return b;
 }
 
-inline void buildWithLeafSize(kxQBVH& qbvh, unsigned int flags, const kx::kxTriMesh& mesh, unsigned int maxLeafSize)
-{
-    MedianSplitOptions options;
-    options.maxLeafSize = maxLeafSize;
-    qbvh.buildFromBVH(kxQBVH::tQBVHDataFlags(flags), buildMedianSplitBVH(mesh, options), mesh);
-}
 // A complete tree over two or four leaves, which become the slots of one node in this
 // order; leaf i holds the next counts[i] triangles.
 inline kxGenericBVH leafTree(const std::vector<kxBBox>& boxes, const std::vector<uint32_t>& counts)

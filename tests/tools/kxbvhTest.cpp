@@ -1,0 +1,511 @@
+// Runs the kxbvh program as a user would and checks what it prints and writes against
+// what the library computes itself for the same triangles.
+#include "kxStandardOutputCapture.h"
+#include "kxTestMeshes.h"
+
+#include <kxBVHContainers.h>
+#include <kxCapturingLog.h>
+#include <kxGenericBVHBuilder.h>
+#include <kxQBVH.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+#define STB_IMAGE_IMPLEMENTATION
+#include <stb/stb_image.h>
+
+using nlohmann::json;
+
+namespace
+{
+struct ToolResult
+{
+    int status = -1; // the exit status, or 128 + the signal that ended the process
+    std::string out;
+    std::string err;
+};
+
+// A fresh folder, removed with its files at the end of the test.
+class TempDir
+{
+public:
+    TempDir()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "kxbvh-test-XXXXXX").string();
+        if (!mkdtemp(pattern.data()))
+            throw std::runtime_error("mkdtemp");
+        mPath = pattern;
+    }
+    ~TempDir()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(mPath, ignored);
+    }
+    std::string file(const std::string& name) const { return mPath + "/" + name; }
+
+private:
+    std::string mPath;
+};
+
+struct Png
+{
+    int width = 0;
+    int height = 0;
+    std::vector<uint8_t> rgba;
+    const uint8_t* at(int x, int y) const { return &rgba[(size_t(y) * width + x) * 4]; }
+};
+
+// Runs the tool to its end; with a marker, presses Ctrl-C (SIGINT) once the marker shows on
+// its standard error.
+ToolResult runTool(const std::vector<std::string>& args, const std::string& interruptMarker = "")
+{
+    TempDir dir;
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0)
+        throw std::runtime_error("pipe");
+    std::vector<std::string> words(1, KXBVH_PATH);
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0)
+    {
+        const int out = open(dir.file("stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(out, STDOUT_FILENO);
+        dup2(pipeFds[1], STDERR_FILENO);
+        close(pipeFds[0]);
+        signal(SIGINT, SIG_DFL);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(pipeFds[1]);
+    ToolResult result;
+    bool sent = false;
+    char buffer[4096];
+    for (ssize_t n; (n = read(pipeFds[0], buffer, sizeof buffer)) > 0;)
+    {
+        result.err.append(buffer, size_t(n));
+        if (!sent && !interruptMarker.empty() && result.err.find(interruptMarker) != std::string::npos)
+            sent = kill(pid, SIGINT) == 0;
+    }
+    close(pipeFds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+    std::ostringstream out;
+    out << std::ifstream(dir.file("stdout")).rdbuf();
+    result.out = out.str();
+    return result;
+}
+
+void writeText(const std::string& path, const std::string& text)
+{
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// The mesh as .obj, or as ASCII .stl, which repeats the corners of every triangle.
+void writeMesh(const kx::kxTriMesh& mesh, const std::string& path)
+{
+    const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
+    const unsigned int* index = mesh.GetIndexBuffer()->GetData();
+    const bool stl = path.substr(path.size() - 3) == "stl";
+    auto point = [&](unsigned int v) {
+        char text[64];
+        const Wm4::Vector3<float>& p = vertices.Position3(int(v));
+        std::snprintf(text, sizeof text, "%.9g %.9g %.9g\n", p[0], p[1], p[2]);
+        return std::string(text);
+    };
+    std::string text = stl ? "solid mesh\n" : "";
+    for (int v = 0; v < vertices.GetVertexQuantity() && !stl; ++v)
+        text += "v " + point(unsigned(v));
+    for (int t = 0; t < mesh.GetIndexBuffer()->GetIndexQuantity() / 3; ++t)
+    {
+        const unsigned int* c = index + 3 * t;
+        text += stl ? "facet normal 0 0 0\nouter loop\nvertex " + point(c[0]) + "vertex " + point(c[1]) + "vertex " +
+                          point(c[2]) + "endloop\nendfacet\n"
+                    : "f " + std::to_string(c[0] + 1) + ' ' + std::to_string(c[1] + 1) + ' ' +
+                          std::to_string(c[2] + 1) + '\n';
+    }
+    writeText(path, stl ? text + "endsolid mesh\n" : text);
+}
+
+kx::kxPointer<kx::kxTriMesh> quad(float x0, float y0, float x1, float y1, float z)
+{
+    return kxtest::makeMesh({{x0, y0, z}, {x1, y0, z}, {x1, y1, z}, {x0, y1, z}}, {0, 1, 2, 0, 2, 3});
+}
+
+Png readPng(const std::string& path)
+{
+    Png png;
+    int channels = 0;
+    stbi_uc* pixels = stbi_load(path.c_str(), &png.width, &png.height, &channels, 4);
+    if (!pixels)
+        return Png{};
+    png.rgba.assign(pixels, pixels + size_t(png.width) * png.height * 4);
+    stbi_image_free(pixels);
+    return png;
+}
+
+void expectOneErrorLine(const ToolResult& run, int status, const std::string& culprit, const std::string& reason)
+{
+    EXPECT_EQ(run.status, status) << run.err;
+    EXPECT_TRUE(std::count(run.err.begin(), run.err.end(), '\n') == 1 && run.err.rfind("kxbvh: error: ", 0) == 0 &&
+                run.err.find(culprit) != std::string::npos && run.err.find(reason) != std::string::npos)
+        << run.err;
+    EXPECT_TRUE(run.out.empty()) << run.out;
+}
+
+json infoJson(const std::vector<std::string>& args)
+{
+    const ToolResult run = runTool(args);
+    EXPECT_EQ(run.status, 0) << run.err;
+    // Standard output must be the JSON object and nothing else.
+    return json::parse(run.out);
+}
+
+// Compares the tool's figures with what the library says about a hierarchy built over the
+// same mesh, read the way a client reads it: getBVHInfo with its "max at lvl:" line.
+void expectLibraryFigures(const json& tool, const kx::kxTriMesh& mesh, const std::string& builder, unsigned leaf)
+{
+    SCOPED_TRACE(builder + " " + std::to_string(leaf));
+    kx::kxCapturingLog quiet;
+    quiet.install();
+    const kxBVHTriangleContainer container(mesh);
+    kxGenericBVH bvh;
+    if (builder == "linear")
+    {
+        kxLinearGenericBVHBuilder linear;
+        linear.setMaxPrimitivesPerLeaf(leaf);
+        linear.build(container, bvh, nullptr, 20);
+    }
+    else
+        kxGenericBVHBuilder().build(container, bvh);
+    int nodes, leaves, minLeaf, maxLeaf;
+    float avgLeaf;
+    const kxStandardOutputCapture printed;
+    bvh.getBVHInfo(nodes, leaves, minLeaf, maxLeaf, avgLeaf);
+    const std::string line = printed.text();
+    ASSERT_NE(line.find("max at lvl:"), std::string::npos) << line;
+    kxQBVH qbvh;
+    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, bvh, mesh);
+
+    EXPECT_EQ(tool["mesh"]["triangles"], container.getQuantity());
+    for (int a = 0; a < 3; ++a)
+        EXPECT_TRUE(tool["mesh"]["bounds"]["min"][a].get<float>() == qbvh.getBBox().min[a] &&
+                    tool["mesh"]["bounds"]["max"][a].get<float>() == qbvh.getBBox().max[a]);
+    const json& b = tool["bvh"];
+    EXPECT_EQ(b["nodes"], nodes);
+    EXPECT_TRUE(b["leaves"] == leaves && b["tree_nodes"] == 2 * leaves - 1);
+    EXPECT_TRUE(b["min_leaf"] == minLeaf && b["max_leaf"] == maxLeaf);
+    EXPECT_FLOAT_EQ(b["avg_leaf"].get<float>(), avgLeaf);
+    EXPECT_EQ(b["largest_leaf_depth"], std::stoi(line.substr(line.find("max at lvl:") + 11)));
+    EXPECT_DOUBLE_EQ(b["sah_cost"].get<double>(), kxComputeSAHCost(bvh));
+    EXPECT_EQ(b["memory_bytes"], bvh.getMemoryUsed());
+    EXPECT_TRUE(tool["qbvh"]["nodes"] == qbvh.getNodeCount() && tool["qbvh"]["groups"] == qbvh.getGroupCount());
+}
+
+constexpr int kWidth = 160, kHeight = 120;
+// A quad off-centre in the plane z = 0, so that a mirrored or flipped picture cannot pass,
+// seen from (0, 0, 4) towards the origin with a 40 degree vertical field of view, y up.
+constexpr float kLeft = -1.5f, kRight = 0.5f, kBottom = -0.5f, kTop = 1.0f;
+const std::vector<std::string> kFacingCamera{"--view",  "0,0,4", "--at", "0,0,0", "--fov", "40", "--width",
+                                             std::to_string(kWidth), "--height", std::to_string(kHeight)};
+
+// Where the quad's edges land in the picture: x0, x1, y0 (top), y1 (bottom).
+std::array<float, 4> projection()
+{
+    const float halfHeight = 4.0f * std::tan(20.0f * 3.14159265f / 180.0f), halfWidth = halfHeight * kWidth / kHeight;
+    return {0.5f * kWidth * (1.0f + kLeft / halfWidth), 0.5f * kWidth * (1.0f + kRight / halfWidth),
+            0.5f * kHeight * (1.0f - kTop / halfHeight), 0.5f * kHeight * (1.0f - kBottom / halfHeight)};
+}
+
+ToolResult runFacingQuad(const std::string& command, const TempDir& dir, const std::vector<std::string>& extra)
+{
+    writeMesh(*quad(kLeft, kBottom, kRight, kTop, 0.0f), dir.file("quad.obj"));
+    std::vector<std::string> args{command, dir.file("quad.obj"), "-o", dir.file("out.png")};
+    args.insert(args.end(), kFacingCamera.begin(), kFacingCamera.end());
+    args.insert(args.end(), extra.begin(), extra.end());
+    return runTool(args);
+}
+
+} // namespace
+
+TEST(KxbvhErrors, BadMeshFilesAreNamedAndRejectedWithStatus2ByEveryCommand)
+{
+    TempDir dir;
+    const struct
+    {
+        const char* name;
+        const char* reason;
+        std::string content;
+        bool exists = true;
+    } cases[] = {{"missing.obj", "No such file or directory", "", false},
+                 {"", "is a directory", "", false},
+                 {"lines.obj", "contains no triangles", "v 0 0 0\nv 1 0 0\nv 0 1 0\nl 1 2\nl 2 3\n"},
+                 {"nan.obj", "not all finite numbers: (nan, 1, 1)",
+                  "v 0 0 0\nv 1 0 0\nv 0 1 0\nv nan 1 1\nf 1 2 3\nf 2 3 4\n"},
+                 {"bad-index.obj", "cannot read", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 9\n"},
+                 {"noise.stl", "cannot read", std::string("\x01\x02 not a mesh \xff\xfe", 17)},
+                 {"header.ply", "not a valid PLY file",
+                  "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nbogus\n"},
+                 {"empty.obj", "is empty", ""}};
+    for (const auto& c : cases)
+    {
+        const std::string file = dir.file(c.name);
+        if (c.exists)
+            writeText(file, c.content);
+        expectOneErrorLine(runTool({"info", file}), 2, file, c.reason);
+        expectOneErrorLine(runTool({"bench", file}), 2, file, c.reason);
+        expectOneErrorLine(runTool({"render", file, "-o", dir.file("x.png")}), 2, file, c.reason);
+        expectOneErrorLine(runTool({"cull", file, "-o", dir.file("x.png")}), 2, file, c.reason);
+    }
+}
+
+TEST(KxbvhErrors, BadOptionValuesAreNamedAndRejectedWithStatus2)
+{
+    TempDir dir;
+    writeMesh(*quad(0, 0, 1, 1, 0), dir.file("quad.obj"));
+    const std::string quadFile = dir.file("quad.obj"), png = dir.file("x.png");
+    const struct
+    {
+        std::vector<std::string> args;
+        const char* culprit;
+        const char* reason = "";
+    } cases[] = {{{"render", "--width", "0"}, "--width"},
+                 {{"cull", "--tile", "0"}, "--tile"},
+                 {{"info", "--leaf", "0"}, "--leaf"},
+                 {{"info", "--builder", "fast"}, "--builder"},
+                 {{"render", "--shade", "phong"}, "--shade"},
+                 {{"render", "--side", "left"}, "--side"},
+                 {{"render", "--view", "1,2"}, "--view"},
+                 {{"render", "--at", "1,2,x"}, "--at"},
+                 {{"render", "--fov", "180"}, "--fov"},
+                 {{"info", "--triangles", "5"}, "--triangles"},
+                 {{"bench", "--repeat", "0"}, "--repeat"},
+                 {{"render", "--threads", "-1"}, "--threads"},
+                 {{"info", "--leaf", "2", "--builder", "sah"}, "--leaf"},
+                 {{"info", quadFile, "--triangles", "1000"}, "--triangles"},
+                 {{"render", quadFile, "--view", "1,1,1", "--at", "1,1,1", "-o", png}, "--view", "same point"},
+                 {{"render", quadFile, "--view", "0,5,0", "--at", "0,0,0", "-o", png}, "--up", "parallel"}};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.args[0] + " " + c.args[1]);
+        expectOneErrorLine(runTool(c.args), 2, c.culprit, c.reason);
+    }
+    const ToolResult unknown = runTool({"frobnicate"});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_NE(unknown.err.find("frobnicate"), std::string::npos) << unknown.err;
+}
+
+TEST(KxbvhErrors, AnUnwritablePictureFailsWithStatus1)
+{
+    TempDir dir;
+    writeMesh(*quad(0, 0, 1, 1, 0), dir.file("quad.obj"));
+    for (const char* command : {"render", "cull"})
+        for (const auto& [output, reason] : {std::pair<std::string, const char*>{dir.file("no/such/out.png"),
+                                                                                "No such file or directory"},
+                                             {dir.file(""), "is a directory"}})
+            expectOneErrorLine(runTool({command, dir.file("quad.obj"), "-o", output}), 1, output, reason);
+}
+
+TEST(KxbvhErrors, CtrlCDuringABuildCancelsItWithStatus130)
+{
+    // Large enough that the build is still running when the signal arrives.
+    const ToolResult run =
+        runTool({"--progress", "always", "info", "--triangles", "8000000"}, "building the BVH");
+    EXPECT_EQ(run.status, 130) << run.err;
+    EXPECT_NE(run.err.find("kxbvh: cancelled while building the BVH\n"), std::string::npos) << run.err;
+    EXPECT_TRUE(run.out.empty()) << run.out;
+}
+
+TEST(KxbvhInfo, MeshesOfAFileAreMergedWithTheirNodeTransforms)
+{
+    // One mesh, in a .bin beside the glTF file, placed by two nodes: a translation and a
+    // translated uniform scale.
+    TempDir dir;
+    std::mt19937 rng(3);
+    const auto mesh = kxtest::randomSoup(rng, 40);
+    const kx::kxVertexBuffer& vertices = *mesh->GetVertexBuffer();
+    const int vertexCount = vertices.GetVertexQuantity(), indexCount = mesh->GetIndexBuffer()->GetIndexQuantity();
+    const float placements[2][4] = {{20.0f, 0.0f, -3.0f, 1.0f}, {0.0f, 1.0f, 0.0f, 2.0f}};
+    std::ofstream bin(dir.file("placed.bin"), std::ios::binary);
+    bin.write(reinterpret_cast<const char*>(&vertices.Position3(0)[0]), vertexCount * 12);
+    bin.write(reinterpret_cast<const char*>(mesh->GetIndexBuffer()->GetData()), indexCount * 4);
+    bin.close();
+    std::vector<Wm4::Vector3<float>> positions;
+    std::vector<unsigned int> indices;
+    json nodes = json::array();
+    for (const auto& p : placements)
+    {
+        nodes.push_back({{"mesh", 0}, {"translation", {p[0], p[1], p[2]}}, {"scale", {p[3], p[3], p[3]}}});
+        for (int i = 0; i < indexCount; ++i)
+            indices.push_back(static_cast<unsigned int>(positions.size()) + mesh->GetIndexBuffer()->GetData()[i]);
+        for (int v = 0; v < vertexCount; ++v)
+        {
+            const Wm4::Vector3<float>& q = vertices.Position3(v);
+            positions.emplace_back(q[0] * p[3] + p[0], q[1] * p[3] + p[1], q[2] * p[3] + p[2]);
+        }
+    }
+    const int positionBytes = vertexCount * 12;
+    const json gltf = {
+        {"asset", {{"version", "2.0"}}},
+        {"scene", 0},
+        {"scenes", {{{"nodes", {0, 1}}}}},
+        {"nodes", nodes},
+        {"meshes", {{{"primitives", {{{"attributes", {{"POSITION", 0}}}, {"indices", 1}, {"mode", 4}}}}}}},
+        {"buffers", {{{"uri", "placed.bin"}, {"byteLength", positionBytes + indexCount * 4}}}},
+        {"bufferViews",
+         {{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", positionBytes}},
+          {{"buffer", 0}, {"byteOffset", positionBytes}, {"byteLength", indexCount * 4}}}},
+        {"accessors",
+         {{{"bufferView", 0}, {"componentType", 5126}, {"count", vertexCount}, {"type", "VEC3"}},
+          {{"bufferView", 1}, {"componentType", 5125}, {"count", indexCount}, {"type", "SCALAR"}}}}};
+    writeText(dir.file("placed.gltf"), gltf.dump());
+    expectLibraryFigures(infoJson({"info", dir.file("placed.gltf"), "--json"}), *kxtest::makeMesh(positions, indices),
+                         "linear", 4);
+}
+
+TEST(KxbvhInfo, EveryFileFormatBuilderAndLeafSizeGivesTheLibrarysFigures)
+{
+    TempDir dir;
+    std::mt19937 rng(7);
+    kxtest::SoupOptions distinct;
+    distinct.shareVertices = false;
+    const auto mesh = kxtest::randomSoup(rng, 300, distinct);
+    for (const char* name : {"soup.obj", "soup.stl"})
+    {
+        writeMesh(*mesh, dir.file(name));
+        expectLibraryFigures(infoJson({"info", dir.file(name), "--json"}), *mesh, "linear", 4);
+    }
+    expectLibraryFigures(infoJson({"info", dir.file("soup.obj"), "--json", "--builder", "sah"}), *mesh, "sah", 4);
+    for (unsigned leaf : {1u, 7u})
+        expectLibraryFigures(infoJson({"info", dir.file("soup.obj"), "--json", "--leaf", std::to_string(leaf)}), *mesh,
+                             "linear", leaf);
+}
+
+TEST(KxbvhInfo, TheBuiltInSceneIsTheSameOnEveryRunSizedAsAskedAndLogsOnlyWhenVerbose)
+{
+    json first = infoJson({"info", "--triangles", "12000", "--json"});
+    const ToolResult verbose = runTool({"info", "--triangles", "12000", "--json", "--verbose"});
+    json second = json::parse(verbose.out);
+    first["mesh"].erase("seconds");
+    second["mesh"].erase("seconds");
+    for (const char* part : {"mesh", "bvh", "qbvh"})
+        EXPECT_EQ(first[part], second[part]) << part;
+    EXPECT_EQ(first["mesh"]["source"], "built-in scene");
+    EXPECT_NEAR(first["mesh"]["triangles"].get<double>(), 12000.0, 1200.0);
+
+    const ToolResult quiet = runTool({"info", "--triangles", "500"});
+    EXPECT_EQ(quiet.err.find("kxLinearGenericBVHBuilder"), std::string::npos) << quiet.err;
+    EXPECT_NE(verbose.err.find("kxLinearGenericBVHBuilder : allocate"), std::string::npos) << verbose.err;
+}
+
+TEST(KxbvhBench, BothHierarchiesFindTheSameHitsOnEveryThreadCount)
+{
+    TempDir dir;
+    std::mt19937 rng(21);
+    writeMesh(*kxtest::randomSoup(rng, 2000), dir.file("soup.obj"));
+    const ToolResult run = runTool({"bench", dir.file("soup.obj"), "--json", "--width", "48", "--height", "32",
+                                    "--repeat", "1", "--threads", "2"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const json figures = json::parse(run.out);
+    EXPECT_EQ(figures["rays"], 48 * 32);
+    // Hit or miss is a property of the triangles, not of the tree or the thread count.
+    std::set<uint64_t> hits;
+    for (const json& trace : figures["trace"])
+        if (trace["name"].get<std::string>().rfind("kxbvh", 0) == 0)
+            hits.insert(trace["hits"].get<uint64_t>());
+    ASSERT_EQ(hits.size(), 1u) << figures["trace"];
+    EXPECT_GT(*hits.begin(), 48u * 32u / 10u);
+}
+
+TEST(KxbvhRender, AQuadFacingTheCameraCoversExactlyItsProjectionFromTheFront)
+{
+    TempDir dir;
+    const auto [x0, x1, y0, y1] = projection();
+    const float margin = 0.02f;
+    for (const std::string side : {"all", "front", "back"})
+    {
+        SCOPED_TRACE(side);
+        // Rows are shared among threads; the picture must not depend on how.
+        const ToolResult run = runFacingQuad("render", dir, {"--side", side, "--threads", "3"});
+        ASSERT_EQ(run.status, 0) << run.err;
+        EXPECT_NE(run.out.find("on 3 threads"), std::string::npos) << run.out;
+        const Png png = readPng(dir.file("out.png"));
+        ASSERT_TRUE(png.width == kWidth && png.height == kHeight);
+        // The quad winds counter-clockwise towards the camera: its back is never seen.
+        const bool seen = side != "back";
+        int inside = 0;
+        for (int y = 0; y < kHeight; ++y)
+            for (int x = 0; x < kWidth; ++x)
+            {
+                const float cx = x + 0.5f, cy = y + 0.5f;
+                const uint8_t* p = png.at(x, y);
+                const bool in = cx > x0 + margin && cx < x1 - margin && cy > y0 + margin && cy < y1 - margin;
+                const bool out = cx < x0 - margin || cx > x1 + margin || cy < y0 - margin || cy > y1 + margin;
+                inside += in;
+                ASSERT_TRUE(in ? p[3] == (seen ? 255 : 0) : !out || p[3] == 0) << "at " << x << "," << y;
+                // Normal shading: the facing normal is +z, so blue is twice red and green.
+                EXPECT_TRUE(!in || !seen || (p[0] == p[1] && std::abs(p[2] - 2 * p[0]) <= 2 && p[2] > 200));
+            }
+        EXPECT_GT(inside, 3000);
+    }
+}
+
+TEST(KxbvhRender, TheDefaultCameraFramesTheBuiltInScene)
+{
+    TempDir dir;
+    const ToolResult run = runTool({"render", "--triangles", "2000", "--width", "64", "--height", "48", "-o",
+                                    dir.file("scene.png")});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("rays/s"), std::string::npos) << run.out;
+    const Png png = readPng(dir.file("scene.png"));
+    int hits = 0;
+    for (size_t i = 3; i < png.rgba.size(); i += 4)
+        hits += png.rgba[i] == 255;
+    // Much of the picture is hit, but not every pixel.
+    EXPECT_TRUE(png.width == 64 && png.height == 48 && hits > 64 * 48 / 4 && hits < 64 * 48) << hits;
+}
+
+TEST(KxbvhCull, TilesSeeGeometryExactlyWhereTheQuadProjects)
+{
+    TempDir dir;
+    const int tile = 16, columns = (kWidth + tile - 1) / tile, rows = (kHeight + tile - 1) / tile;
+    const ToolResult run = runFacingQuad("cull", dir, {"--tile", std::to_string(tile)});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const Png mask = readPng(dir.file("out.png"));
+    ASSERT_TRUE(mask.width == kWidth && mask.height == kHeight);
+    const auto [x0, x1, y0, y1] = projection();
+    int expected = 0;
+    for (int row = 0; row < rows; ++row)
+        for (int column = 0; column < columns; ++column)
+        {
+            const int tx0 = column * tile, ty0 = row * tile;
+            const int tx1 = std::min(tx0 + tile, kWidth), ty1 = std::min(ty0 + tile, kHeight);
+            const bool covered = tx0 < x1 && tx1 > x0 && ty0 < y1 && ty1 > y0;
+            expected += covered;
+            // Tiles that see geometry are veiled in green, the others dimmed.
+            const uint8_t green = mask.at((tx0 + tx1) / 2, (ty0 + ty1) / 2)[1];
+            EXPECT_TRUE(covered ? green > 60 : green < 40) << "tile " << column << "," << row << ": " << int(green);
+        }
+    EXPECT_NE(run.out.find(std::to_string(expected) + " of " + std::to_string(columns * rows) + " see geometry"),
+              std::string::npos)
+        << run.out;
+}
