@@ -40,13 +40,11 @@ TreeShape checkTree(const Bvh& bvh, const std::vector<Box>& boxes)
     shape.runs.resize(bvh.mNodes.size());
     std::vector<uint8_t> reached(bvh.mNodes.size());
     std::string problem;
+    const auto fail = [&](const std::string& what) { problem = problem.empty() ? what : problem; };
     std::function<Box(uint32_t, int)> walk = [&](uint32_t k, int depth) {
         Box box;
         if (!problem.empty() || k >= bvh.mNodes.size() || reached[k]++)
-        {
-            problem = problem.empty() ? "record " + std::to_string(k) + " missing or reached twice" : problem;
-            return box;
-        }
+            return fail("record " + std::to_string(k) + " missing or reached twice"), box;
         shape.maxDepth = std::max(shape.maxDepth, depth);
         const auto& n = bvh.mNodes[k];
         TreeShape::Run& run = shape.runs[k];
@@ -55,8 +53,8 @@ TreeShape checkTree(const Bvh& bvh, const std::vector<Box>& boxes)
             run = {n.offset & 0x3FFFFFFFu, n.count};
             shape.leaves.push_back({k, run.first, run.count, depth});
             if (uint64_t(run.first) + run.count > bvh.mPrimitiveIndices.size())
-                problem = "leaf " + std::to_string(k) + " runs past the index array";
-            for (uint32_t p = run.first; problem.empty() && p < run.first + run.count; ++p)
+                return fail("leaf " + std::to_string(k) + " runs past the index array"), box;
+            for (uint32_t p = run.first; p < run.first + run.count; ++p)
                 box.extend(boxes[bvh.mPrimitiveIndices[p]]);
         }
         else
@@ -64,32 +62,30 @@ TreeShape checkTree(const Bvh& bvh, const std::vector<Box>& boxes)
             ++shape.innerNodes;
             const uint32_t left = n.offset & 0x3FFFFFFFu;
             if (n.count != left + 1)
-                problem = "right child of " + std::to_string(k) + " is not left + 1";
+                fail("right child of " + std::to_string(k) + " is not left + 1");
             box = walk(left, depth + 1);
             box.extend(walk(left + 1, depth + 1));
             if (!problem.empty())
                 return box;
             const TreeShape::Run l = shape.runs[left], r = shape.runs[left + 1];
             if (l.first + l.count != r.first)
-                problem = "children of " + std::to_string(k) + " hold runs that are not adjacent";
+                fail("children of " + std::to_string(k) + " hold runs that are not adjacent");
             run = {l.first, l.count + r.count};
         }
-        if (problem.empty() && !(n.bbox == box))
-            problem = "box of record " + std::to_string(k) + " is not the union of its primitives";
+        if (!(n.bbox == box))
+            fail("box of record " + std::to_string(k) + " is not the union of its primitives");
         return box;
     };
-    if (bvh.mNodes.empty())
-        problem = "no root";
-    else
+    if (!bvh.mNodes.empty())
         walk(0, 0);
     std::vector<uint32_t> sorted = bvh.mPrimitiveIndices;
     std::sort(sorted.begin(), sorted.end());
-    for (uint32_t i = 0; problem.empty() && i < sorted.size(); ++i)
+    for (uint32_t i = 0; i < sorted.size(); ++i)
         if (sorted[i] != i)
-            problem = "primitive index array is not a permutation";
-    if (problem.empty() && (bvh.mPrimitiveCount != boxes.size() || sorted.size() != boxes.size() ||
-                            shape.runs[0].first != 0 || shape.runs[0].count != boxes.size()))
-        problem = "the root does not hold every primitive";
+            fail("primitive index array is not a permutation");
+    if (bvh.mNodes.empty() || bvh.mPrimitiveCount != boxes.size() || sorted.size() != boxes.size() ||
+        shape.runs[0].first != 0 || shape.runs[0].count != boxes.size())
+        fail("the root does not hold every primitive");
     EXPECT_EQ(problem, "");
     return shape;
 }

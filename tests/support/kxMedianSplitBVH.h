@@ -36,19 +36,18 @@ inline kxGenericBVH buildMedianSplitBVH(const kx::kxTriMesh& mesh, const MedianS
     bvh.mPrimitiveCount = n;
     bvh.mPrimitiveIndices.resize(n);
     std::iota(bvh.mPrimitiveIndices.begin(), bvh.mPrimitiveIndices.end(), 0u);
-    const auto makeLeaf = [&](uint32_t node, uint32_t first, uint32_t count) {
-        for (uint32_t i = first; i < first + count; ++i)
-            bvh.mNodes[node].bbox.extend(boxes[bvh.mPrimitiveIndices[i]]);
-        bvh.mNodes[node].offset = first | kxGNode::eLeafMark;
-        bvh.mNodes[node].count = count;
-    };
     struct Task
     {
         uint32_t node, first, count, depth;
     };
-    bvh.mNodes.resize(1);
-    makeLeaf(0, 0, n);
-    std::deque<Task> tasks{{0, 0, n, 0}};
+    // Every record starts as a leaf over its run.
+    const auto addLeaf = [&](uint32_t first, uint32_t count, uint32_t depth) {
+        bvh.mNodes.push_back({kxBBox(), first | kxGNode::eLeafMark, count});
+        for (uint32_t i = first; i < first + count; ++i)
+            bvh.mNodes.back().bbox.extend(boxes[bvh.mPrimitiveIndices[i]]);
+        return Task{static_cast<uint32_t>(bvh.mNodes.size() - 1), first, count, depth};
+    };
+    std::deque<Task> tasks{addLeaf(0, n, 0)};
     while (!tasks.empty())
     {
         const Task task = options.breadthFirst ? tasks.front() : tasks.back();
@@ -67,17 +66,13 @@ inline kxGenericBVH buildMedianSplitBVH(const kx::kxTriMesh& mesh, const MedianS
             std::nth_element(begin, begin + leftCount, begin + task.count, [&](uint32_t x, uint32_t y) {
                 return boxes[x].min[a] + boxes[x].max[a] < boxes[y].min[a] + boxes[y].max[a];
             });
-        const auto left = static_cast<uint32_t>(bvh.mNodes.size());
-        bvh.mNodes.resize(left + 2);
-        makeLeaf(left, task.first, leftCount);
-        makeLeaf(left + 1, task.first + leftCount, task.count - leftCount);
-        bvh.mNodes[task.node].offset = left | axis;
-        bvh.mNodes[task.node].count = left + 1;
+        const Task left = addLeaf(task.first, leftCount, task.depth + 1);
+        const Task right = addLeaf(task.first + leftCount, task.count - leftCount, task.depth + 1);
+        bvh.mNodes[task.node].offset = left.node | axis;
+        bvh.mNodes[task.node].count = right.node;
         // Depth first, the left child is split next.
-        const Task children[2] = {{left, task.first, leftCount, task.depth + 1},
-                                  {left + 1, task.first + leftCount, task.count - leftCount, task.depth + 1}};
-        tasks.push_back(children[options.breadthFirst ? 0 : 1]);
-        tasks.push_back(children[options.breadthFirst ? 1 : 0]);
+        tasks.push_back(options.breadthFirst ? left : right);
+        tasks.push_back(options.breadthFirst ? right : left);
     }
     bvh.mNodeCount = static_cast<uint32_t>(bvh.mNodes.size());
     bvh.mNodes.resize(bvh.mNodes.size() + options.spareRecords);

@@ -1,10 +1,8 @@
 #ifndef KXRANDOMGEOMETRY_H
 #define KXRANDOMGEOMETRY_H
 
-#include "kxBBox.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxTestMeshes.h"
-#include "kxTriMesh.h"
 
 #include <cstdint>
 #include <numeric>
@@ -42,42 +40,24 @@ inline std::vector<Wm4::Vector3<float>> randomCorners(uint32_t seed, uint32_t n,
 {
     using V = Wm4::Vector3<float>;
     std::mt19937 rng(seed);
-    const auto uniform = [&](float lo, float hi) { return std::uniform_real_distribution<float>(lo, hi)(rng); };
-    std::vector<V> clusters(6);
-    for (V& c : clusters)
-        c = V(uniform(-100.0f, 100.0f), uniform(-100.0f, 100.0f), uniform(-100.0f, 100.0f));
-    std::vector<V> corners(3 * size_t(n));
-    for (size_t t = 0; t < n; ++t)
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    const auto point = [&](float scale) { return V(unit(rng), unit(rng), unit(rng)) * scale; };
+    const auto lattice = [&](uint32_t n) { return V(float(rng() % n), float(rng() % n), float(rng() % n)); };
+    const V clusters[] = {point(100.0f), point(100.0f), point(100.0f), point(100.0f), point(100.0f), point(100.0f)};
+    std::vector<V> corners;
+    for (uint32_t t = 0; t < n; ++t)
     {
-        V* corner = &corners[3 * t];
-        if (layout == Layout::Identical)
-        {
-            corner[0] = V(0.0f, 0.0f, 0.0f);
-            corner[1] = V(1.0f, 0.5f, 0.25f);
-            corner[2] = V(0.5f, 1.0f, 0.75f);
-            continue;
-        }
-        if (layout == Layout::Grid)
-        {
-            std::uniform_int_distribution<int> cell(0, 7), step(0, 2);
-            const V base(float(cell(rng)), float(cell(rng)), float(cell(rng)));
-            for (int k = 0; k < 3; ++k)
-                corner[k] = base + V(float(step(rng)), float(step(rng)), float(step(rng)));
-            continue;
-        }
-        V centre(uniform(-50.0f, 50.0f), uniform(-50.0f, 50.0f), uniform(-50.0f, 50.0f));
-        float size = uniform(0.05f, 2.0f);
-        if (layout == Layout::Clustered)
-        {
-            const V& c = clusters[std::uniform_int_distribution<size_t>(0, clusters.size() - 1)(rng)];
-            centre = c + V(uniform(-1.0f, 1.0f), uniform(-1.0f, 1.0f), uniform(-1.0f, 1.0f));
-            size = uniform(0.01f, 0.2f);
-        }
+        const bool clustered = layout == Layout::Clustered;
+        const V centre = clustered ? clusters[rng() % 6] + point(1) : layout == Layout::Grid ? lattice(8) : point(50);
+        const float size = (clustered ? 0.1f : 1.0f) * (unit(rng) + 1.05f);
         for (int k = 0; k < 3; ++k)
         {
-            corner[k] = centre + V(uniform(-size, size), uniform(-size, size), uniform(-size, size));
+            if (layout == Layout::Identical)
+                corners.push_back(V(0.5f * float(k), 1.0f - 0.5f * float(k % 2), 0.25f + 0.25f * float(k)));
+            else
+                corners.push_back(layout == Layout::Grid ? centre + lattice(3) : centre + point(size));
             if (layout == Layout::Flat)
-                corner[k][2] = 0.0f;
+                corners.back()[2] = 0.0f;
         }
     }
     return corners;

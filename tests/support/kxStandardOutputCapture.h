@@ -11,8 +11,6 @@ class kxStandardOutputCapture
 public:
     kxStandardOutputCapture() : mPrevious(std::cout.rdbuf(mBuffer.rdbuf())) {}
     ~kxStandardOutputCapture() { std::cout.rdbuf(mPrevious); }
-    kxStandardOutputCapture(const kxStandardOutputCapture&) = delete;
-    kxStandardOutputCapture& operator=(const kxStandardOutputCapture&) = delete;
 
     std::string text() const { return mBuffer.str(); }
 

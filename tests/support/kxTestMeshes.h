@@ -35,41 +35,35 @@ struct SoupOptions
 /// Random triangle soup of the given size, reproducible from the generator's state.
 inline kx::kxPointer<kx::kxTriMesh> randomSoup(std::mt19937& rng, int triangles, const SoupOptions& options = {})
 {
+    using V = Wm4::Vector3<float>;
     std::uniform_real_distribution<float> position(-options.extent, options.extent);
     std::uniform_real_distribution<float> offset(-options.triangleSize, options.triangleSize);
     std::uniform_int_distribution<int> choice(0, 9);
-    std::vector<Wm4::Vector3<float>> positions;
+    std::vector<V> positions;
     std::vector<unsigned int> indices;
-    auto add = [&](const Wm4::Vector3<float>& p) {
+    const auto near = [&](const V& p) { return V(p[0] + offset(rng), p[1] + offset(rng), p[2] + offset(rng)); };
+    const auto add = [&](const V& p) {
         positions.push_back(p);
         return static_cast<unsigned int>(positions.size() - 1);
     };
     for (int t = 0; t < triangles; ++t)
     {
         const int kind = choice(rng);
+        const size_t last = indices.size() - 3;
         if (options.duplicates && kind == 0 && t > 0)
         {
             const size_t earlier = 3 * std::uniform_int_distribution<size_t>(0, static_cast<size_t>(t - 1))(rng);
-            for (int c = 0; c < 3; ++c)
-                indices.push_back(indices[earlier + static_cast<size_t>(c)]);
-            continue;
+            indices.insert(indices.end(), {indices[earlier], indices[earlier + 1], indices[earlier + 2]});
         }
-        if (options.shareVertices && kind <= 3 && t > 0)
+        else if (options.shareVertices && kind <= 3 && t > 0) // the previous triangle's edge reversed, one new corner
+            indices.insert(indices.end(), {indices[last + 1], indices[last], add(near(positions[indices[last + 1]]))});
+        else
         {
-            // Reuse an edge of the previous triangle, reversed, and add one corner.
-            const size_t last = indices.size() - 3;
-            const unsigned int a = indices[last + 1], b = indices[last];
-            const Wm4::Vector3<float> p = positions[a];
-            indices.insert(indices.end(), {a, b, add(Wm4::Vector3<float>(p[0] + offset(rng), p[1] + offset(rng),
-                                                                         p[2] + offset(rng)))});
-            continue;
+            const V p0(position(rng), position(rng), position(rng)), p1 = near(p0), p2 = near(p0);
+            const bool degenerate = options.degenerates && kind == 9;
+            const V third = !degenerate ? p2 : t % 2 ? p0 + (p1 - p0) * 0.5f : p0;
+            indices.insert(indices.end(), {add(p0), add(p1), add(third)});
         }
-        const Wm4::Vector3<float> p0(position(rng), position(rng), position(rng));
-        Wm4::Vector3<float> p1(p0[0] + offset(rng), p0[1] + offset(rng), p0[2] + offset(rng));
-        Wm4::Vector3<float> p2(p0[0] + offset(rng), p0[1] + offset(rng), p0[2] + offset(rng));
-        if (options.degenerates && kind == 9)
-            p2 = t % 2 ? p0 + (p1 - p0) * 0.5f : p0;
-        indices.insert(indices.end(), {add(p0), add(p1), add(p2)});
     }
     return makeMesh(positions, indices);
 }
