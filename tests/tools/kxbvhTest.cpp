@@ -120,30 +120,40 @@ void writeText(const std::string& path, const std::string& text)
     std::ofstream(path, std::ios::binary) << text;
 }
 
-// The mesh as .obj, or as ASCII .stl, which repeats the corners of every triangle.
+// The mesh as .obj, ASCII .ply, or ASCII .stl, which repeats the corners of every triangle.
 void writeMesh(const kx::kxTriMesh& mesh, const std::string& path)
 {
     const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
     const unsigned int* index = mesh.GetIndexBuffer()->GetData();
-    const bool stl = path.substr(path.size() - 3) == "stl";
+    const int triangles = mesh.GetIndexBuffer()->GetIndexQuantity() / 3;
+    const std::string format = path.substr(path.size() - 3);
     auto point = [&](unsigned int v) {
         char text[64];
         const Wm4::Vector3<float>& p = vertices.Position3(int(v));
         std::snprintf(text, sizeof text, "%.9g %.9g %.9g\n", p[0], p[1], p[2]);
         return std::string(text);
     };
-    std::string text = stl ? "solid mesh\n" : "";
-    for (int v = 0; v < vertices.GetVertexQuantity() && !stl; ++v)
-        text += "v " + point(unsigned(v));
-    for (int t = 0; t < mesh.GetIndexBuffer()->GetIndexQuantity() / 3; ++t)
+    std::string text = format == "stl" ? "solid mesh\n" : "";
+    if (format == "ply")
+        text = "ply\nformat ascii 1.0\nelement vertex " + std::to_string(vertices.GetVertexQuantity()) +
+               "\nproperty float x\nproperty float y\nproperty float z\nelement face " + std::to_string(triangles) +
+               "\nproperty list uchar int vertex_indices\nend_header\n";
+    for (int v = 0; v < vertices.GetVertexQuantity() && format != "stl"; ++v)
+        text += (format == "obj" ? "v " : "") + point(unsigned(v));
+    for (int t = 0; t < triangles; ++t)
     {
         const unsigned int* c = index + 3 * t;
-        text += stl ? "facet normal 0 0 0\nouter loop\nvertex " + point(c[0]) + "vertex " + point(c[1]) + "vertex " +
-                          point(c[2]) + "endloop\nendfacet\n"
-                    : "f " + std::to_string(c[0] + 1) + ' ' + std::to_string(c[1] + 1) + ' ' +
-                          std::to_string(c[2] + 1) + '\n';
+        if (format == "stl")
+            text += "facet normal 0 0 0\nouter loop\nvertex " + point(c[0]) + "vertex " + point(c[1]) + "vertex " +
+                    point(c[2]) + "endloop\nendfacet\n";
+        else
+            text += (format == "obj" ? "f " + std::to_string(c[0] + 1) + ' ' + std::to_string(c[1] + 1) + ' ' +
+                                           std::to_string(c[2] + 1)
+                                     : "3 " + std::to_string(c[0]) + ' ' + std::to_string(c[1]) + ' ' +
+                                           std::to_string(c[2])) +
+                    '\n';
     }
-    writeText(path, stl ? text + "endsolid mesh\n" : text);
+    writeText(path, format == "stl" ? text + "endsolid mesh\n" : text);
 }
 
 kx::kxPointer<kx::kxTriMesh> quad(float x0, float y0, float x1, float y1, float z)
@@ -389,7 +399,7 @@ TEST(KxbvhInfo, EveryFileFormatBuilderAndLeafSizeGivesTheLibrarysFigures)
     kxtest::SoupOptions distinct;
     distinct.shareVertices = false;
     const auto mesh = kxtest::randomSoup(rng, 300, distinct);
-    for (const char* name : {"soup.obj", "soup.stl"})
+    for (const char* name : {"soup.obj", "soup.ply", "soup.stl"})
     {
         writeMesh(*mesh, dir.file(name));
         expectLibraryFigures(infoJson({"info", dir.file(name), "--json"}), *mesh, "linear", 4);
