@@ -101,6 +101,11 @@ std::vector<Scene> makeScenes(uint32_t quantity, uint32_t seed)
         scenes.back().second.push_back(boxAround(centres[i % 3] + offset * size, 0.1f * size));
     }
     scenes.push_back({"all-equal points", std::vector<kxBBox>(quantity, boxAround(randomPoint(), 0.0f))});
+    // A few points repeated at random: equal codes deep in the tree, not only at its root.
+    const Wm4::Vector3<float> pool[] = {randomPoint(), randomPoint(), randomPoint(), randomPoint(), randomPoint()};
+    scenes.push_back({"duplicated points", {}});
+    for (uint32_t i = 0; i < quantity; ++i)
+        scenes.back().second.push_back(boxAround(pool[random() % 5], 0.0f));
     return scenes;
 }
 
