@@ -155,7 +155,7 @@ TYPED_TEST(SharedArray, EveryTruncationFailsWithoutAnObjectOrALeak)
     }
 }
 
-TEST(SharedArrayStream, NegativeQuantitiesLoadNothing)
+TEST(SharedArrayStream, NegativeAndEnormousQuantitiesLoadNothing)
 {
     kx::kxFloatArray::RegisterFactory();
     const std::vector<unsigned char> padding(128);
@@ -169,6 +169,10 @@ TEST(SharedArrayStream, NegativeQuantitiesLoadNothing)
         EXPECT_THROW(fresh.Load(stream), std::bad_array_new_length);
         EXPECT_TRUE(fresh.GetQuantity() == 0 && fresh.GetData() == nullptr);
     }
+    // An enormous quantity either cannot be allocated or runs out of data: no object either way.
+    kx::kxBaseStream huge;
+    huge.SetBuffer(streamBytes("kxFloatArray", 1, INT_MAX, padding.data(), padding.size()));
+    EXPECT_EQ(nullptr, kx::kxPointer<kx::kxObject>(huge.LoadObject()).get());
     // An object part that runs short: its name length must not be read again as -1 elements.
     kx::kxBaseStream stream;
     stream.SetBuffer({0xFF, 0xFF, 0xFF, 0xFF, 'a', 'b'});
