@@ -50,8 +50,8 @@ Wm4::Vector3<Real> componentProduct(const Wm4::Vector3<Real>& a, const Wm4::Vect
     return Wm4::Vector3<Real>(a[0] * b[0], a[1] * b[1], a[2] * b[2]);
 }
 
-// 1/s per axis through a single reciprocal in double; no zero test, a zero scale gives
-// infinities.
+// 1/s per axis through a single reciprocal in double; no zero test: a zero scale gives an
+// infinity on its own axis and NaN (0 times infinity) on the others.
 template <typename Real>
 Wm4::Vector3<Real> reciprocalScales(const Wm4::Vector3<Real>& s)
 {
