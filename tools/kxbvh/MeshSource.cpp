@@ -161,18 +161,6 @@ void describe(Mesh& mesh)
 }
 } // namespace
 
-uint64_t automaticReadMemory(uint64_t fileSize)
-{
-    constexpr uint64_t kFloor = uint64_t(1) << 30, kPerByte = 64;
-    return fileSize > kFloor / kPerByte ? fileSize * kPerByte : kFloor;
-}
-
-unsigned assimpImportFlags()
-{
-    return aiProcess_Triangulate | aiProcess_JoinIdenticalVertices | aiProcess_SortByPType |
-           aiProcess_ValidateDataStructure;
-}
-
 Mesh loadMeshFile(const std::string& path, const ReadOptions& options)
 {
     const uint64_t fileSize = checkReadable(path);
@@ -180,7 +168,7 @@ Mesh loadMeshFile(const std::string& path, const ReadOptions& options)
     checkOffHeader(path, fileSize);
     Assimp::Importer importer;
     importer.SetProgressHandler(new InterruptibleImport);
-    importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, aiPrimitiveType_POINT | aiPrimitiveType_LINE);
+    importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, kDroppedPrimitives);
     const uint64_t budget = options.memory ? *options.memory : automaticReadMemory(fileSize);
     const aiScene* scene = nullptr;
     bool outOfMemory = false;
@@ -189,7 +177,7 @@ Mesh loadMeshFile(const std::string& path, const ReadOptions& options)
         const ReadMemoryLimit limit(budget);
         try
         {
-            scene = importer.ReadFile(path, assimpImportFlags());
+            scene = importer.ReadFile(path, kImportFlags);
         }
         catch (const std::bad_alloc&)
         {

@@ -6,6 +6,9 @@
 #include <kxPointer.h>
 #include <kxTriMesh.h>
 
+#include <assimp/mesh.h>
+#include <assimp/postprocess.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -34,11 +37,17 @@ struct MeshSource
 /// What assimp may take to read a file of this size unless told otherwise: 1 GiB, or 64
 /// times the file for larger ones. Files whose data lie in other files (glTF with .bin
 /// buffers) may need more.
-uint64_t automaticReadMemory(uint64_t fileSize);
+constexpr uint64_t automaticReadMemory(uint64_t fileSize)
+{
+    constexpr uint64_t kFloor = uint64_t(1) << 30, kPerByte = 64;
+    return fileSize > kFloor / kPerByte ? fileSize * kPerByte : kFloor;
+}
 
-/// The import flags: triangulated, identical vertices joined, points and lines dropped,
-/// the scene validated.
-unsigned assimpImportFlags();
+/// How assimp is asked to read: triangulated, identical vertices joined, the scene
+/// validated, and points and lines (kDroppedPrimitives) dropped.
+constexpr unsigned kImportFlags = aiProcess_Triangulate | aiProcess_JoinIdenticalVertices | aiProcess_SortByPType |
+                                  aiProcess_ValidateDataStructure;
+constexpr int kDroppedPrimitives = aiPrimitiveType_POINT | aiPrimitiveType_LINE;
 
 struct Mesh
 {
