@@ -106,7 +106,8 @@ MeshOptions addMeshOptions(CLI::App& command, MeshSource& source)
     options.path = command.add_option("MESH", source.path,
                                       "Mesh file: OBJ, PLY, STL, glTF/GLB, OFF, 3DS, FBX, DAE, ... (anything assimp "
                                       "reads); all its meshes are merged with their node transforms. Without it, the "
-                                      "built-in scene");
+                                      "built-in scene. A file that cannot be used gives one line and status 2 "
+                                      "(kxbvh --verbose shows what assimp said; --read-memory bounds its memory)");
     options.path->type_name("FILE");
     options.triangles =
         command.add_option("--triangles", source.sceneTriangles, "Size of the built-in scene, in triangles")
@@ -204,9 +205,9 @@ int runCommandLine(int argc, char** argv)
                  "file");
     app.add_option_function<uint64_t>(
            "--read-memory", [&read](uint64_t bytes) { read.memory = bytes; },
-           "Memory assimp may take to read the file, e.g. 4GB; 0 for no limit (default: 1 GB, or 64 times the file "
-           "for larger ones)")
-        ->transform(CLI::AsSizeValue(false))
+           "Memory assimp may take to read the file, e.g. 4GB; 0 for no limit (default: 1 GiB, or 64 times the "
+           "file's size beyond 16 MiB)")
+        ->transform(CLI::AsSizeValue(false).description(""))
         ->type_name("SIZE");
 
     InfoOptions info;
