@@ -18,6 +18,7 @@
 
 namespace kxbvh
 {
+#ifndef KXBVH_ADDRESS_SANITIZER
 namespace
 {
 uint64_t addressSpaceInUse()
@@ -27,6 +28,7 @@ uint64_t addressSpaceInUse()
     return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 } // namespace
+#endif
 
 ReadMemoryLimit::ReadMemoryLimit(uint64_t budget)
 {
