@@ -56,8 +56,8 @@ ReaderOutput::ReaderOutput(bool show)
 {
     std::fflush(stdout);
     std::fflush(stderr);
-    mSavedOut = dup(STDOUT_FILENO);
-    mSavedErr = dup(STDERR_FILENO);
+    mSavedOut = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    mSavedErr = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
     if (show)
     {
         dup2(STDERR_FILENO, STDOUT_FILENO);
