@@ -22,6 +22,8 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <sstream>
+#include <utility>
 #include <vector>
 
 namespace kxbvh
@@ -70,6 +72,59 @@ void checkPlyHeader(const std::string& path)
                                       line.substr(0, 40) + "') is not a PLY header line");
     }
     throw fileError(path, "is not a valid PLY file: its header has no end_header line");
+}
+
+/// Assimp reads a binary PLY file that ends early to the end of its buffer and fills the
+/// missing vertices with whatever follows, so a file whose first element, a vertex list of
+/// plain properties, needs more bytes than the file holds is refused here.
+void checkPlyVertexData(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::string line;
+    if (!std::getline(file, line) || line.compare(0, 3, "ply") != 0 || !std::getline(file, line) ||
+        line.compare(0, 13, "format binary") != 0)
+        return;
+    uint64_t vertices = 0, recordSize = 0;
+    bool inVertices = false, first = true;
+    while (std::getline(file, line))
+    {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        std::istringstream words(line);
+        std::string word, type;
+        words >> word;
+        if (word == "end_header")
+            break;
+        if (word == "element")
+        {
+            std::string name;
+            words >> name;
+            inVertices = first && name == "vertex" && (words >> vertices);
+            first = false;
+        }
+        else if (word == "property" && inVertices)
+        {
+            words >> type;
+            static const std::pair<const char*, int> sizes[] = {
+                {"char", 1},  {"uchar", 1},  {"int8", 1},   {"uint8", 1},  {"short", 2},  {"ushort", 2},
+                {"int16", 2}, {"uint16", 2}, {"int", 4},    {"uint", 4},   {"float", 4},  {"int32", 4},
+                {"uint32", 4}, {"float32", 4}, {"double", 8}, {"float64", 8}};
+            const auto size = std::find_if(std::begin(sizes), std::end(sizes),
+                                           [&](const auto& s) { return type == s.first; });
+            if (size == std::end(sizes))
+                return; // a list: records have no fixed size
+            recordSize += uint64_t(size->second);
+        }
+    }
+    if (!file || vertices == 0 || recordSize == 0)
+        return;
+    const std::streamoff start = file.tellg();
+    file.seekg(0, std::ios::end);
+    const uint64_t available = uint64_t(file.tellg() - start);
+    if (available / recordSize < vertices)
+        throw fileError(path, "is cut short or damaged: its header announces " + groupDigits(vertices) +
+                                  " vertices of " + std::to_string(recordSize) + " bytes, its data holds " +
+                                  groupDigits(available / recordSize));
 }
 
 /// Lets Ctrl-C stop assimp between its steps.
@@ -209,6 +264,75 @@ Mesh loadMeshFile(const std::string& path)
     mesh.name = path;
     describe(mesh);
     return mesh;
+}
+
+namespace
+{
+void collectPoints(const aiScene& scene, const aiNode& node, const aiMatrix4x4& parent, const std::string& path,
+                   std::vector<Wm4::Vector3<float>>& out)
+{
+    const aiMatrix4x4 transform = parent * node.mTransformation;
+    for (unsigned m = 0; m < node.mNumMeshes; ++m)
+    {
+        if (node.mMeshes[m] >= scene.mNumMeshes || !scene.mMeshes[node.mMeshes[m]])
+            throw fileError(path, "is not a valid scene: a node names a mesh that does not exist");
+        const aiMesh& mesh = *scene.mMeshes[node.mMeshes[m]];
+        if (mesh.mNumVertices > 0 && !mesh.mVertices)
+            throw fileError(path, "has a mesh without positions");
+        if (out.size() + mesh.mNumVertices > kMaxPoints)
+            throw fileError(path, "has more than " + groupDigits(kMaxPoints) + " points");
+        for (unsigned v = 0; v < mesh.mNumVertices; ++v)
+        {
+            if (!finite(mesh.mVertices[v]))
+                throw fileError(path, "has a vertex whose coordinates are not all finite numbers: " +
+                                          describePoint(mesh.mVertices[v]));
+            const aiVector3D p = transform * mesh.mVertices[v];
+            if (!finite(p))
+                throw fileError(path, "has a vertex that its node transforms move beyond the range of floats: " +
+                                          describePoint(p));
+            out.emplace_back(p.x, p.y, p.z);
+        }
+    }
+    for (unsigned c = 0; c < node.mNumChildren; ++c)
+        collectPoints(scene, *node.mChildren[c], transform, path, out);
+}
+} // namespace
+
+std::vector<Wm4::Vector3<float>> loadPointFile(const std::string& path)
+{
+    checkReadable(path);
+    checkPlyHeader(path);
+    checkPlyVertexData(path);
+    std::vector<Wm4::Vector3<float>> points;
+    {
+        Progress progress("reading " + path);
+        Assimp::Importer importer;
+        importer.SetProgressHandler(new InterruptibleImport);
+        const aiScene* scene = importer.ReadFile(path, 0);
+        // Faces repeat their corners once per face in some formats; a point cloud has no
+        // faces, which the validation step would refuse.
+        bool faces = scene && scene->mNumMeshes > 0;
+        for (unsigned m = 0; faces && m < scene->mNumMeshes; ++m)
+            faces = scene->mMeshes[m]->mNumFaces > 0;
+        if (faces)
+            scene = importer.ApplyPostProcessing(aiProcess_JoinIdenticalVertices | aiProcess_ValidateDataStructure);
+        throwIfInterrupted("reading the points");
+        if (!scene)
+        {
+            std::string reason = importer.GetErrorString();
+            for (const char* noPoints : {"no meshes", "No meshes"})
+                if (reason.find(noPoints) != std::string::npos)
+                    throw fileError(path, "contains no points");
+            while (!reason.empty() && (reason.back() == '\n' || reason.back() == '.'))
+                reason.pop_back();
+            throw InputError("cannot read '" + path + "' as points: " + reason);
+        }
+        if (scene->mRootNode)
+            collectPoints(*scene, *scene->mRootNode, aiMatrix4x4(), path, points);
+    }
+    if (points.empty())
+        throw fileError(path, "contains no points");
+    return points;
 }
 
 Mesh openMesh(const MeshSource& source)

@@ -8,12 +8,16 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kxbvh
 {
 /// Node indices of the binary hierarchy have 28 bits and a builder may need two records
 /// per triangle.
 constexpr uint64_t kMaxTriangles = (uint64_t(1) << 27) - 1;
+
+/// Points of one distance query run are held with their answers in memory.
+constexpr uint64_t kMaxPoints = uint64_t(1) << 28;
 
 struct MeshSource
 {
@@ -39,6 +43,11 @@ Mesh loadMeshFile(const std::string& path);
 
 /// The file, or the built-in scene when no path is given, with a spinner while it loads.
 Mesh openMesh(const MeshSource& source);
+
+/// The vertices of every mesh of a file (point clouds included), with node transforms
+/// applied; vertices shared by faces count once. Throws InputError naming the file as
+/// loadMeshFile does, and when it holds no vertex; Cancelled on Ctrl-C.
+std::vector<Wm4::Vector3<float>> loadPointFile(const std::string& path);
 } // namespace kxbvh
 
 #endif
