@@ -23,6 +23,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <iterator>
 #include <random>
 #include <set>
@@ -449,6 +450,16 @@ TEST(KxbvhBench, BothHierarchiesFindTheSameHitsOnEveryThreadCount)
             hits.insert(trace["hits"].get<uint64_t>());
     ASSERT_EQ(hits.size(), 1u) << figures["trace"];
     EXPECT_GT(*hits.begin(), 48u * 32u / 10u);
+    // Shadow rays are blocked alike for the any-hit and the nearest-hit query on both
+    // trees; every closest-point query finds a triangle.
+    std::map<std::string, std::set<uint64_t>> answered;
+    for (const json& q : figures["queries"])
+        if (q["name"].get<std::string>().rfind("kxbvh", 0) == 0)
+            answered[q["set"]].insert(q["answered"].get<uint64_t>());
+    ASSERT_EQ(answered.size(), 3u) << figures["queries"];
+    EXPECT_EQ(answered["shadow"].size(), 1u) << figures["queries"];
+    for (const char* set : {"near", "spread"})
+        EXPECT_TRUE(answered[set].size() == 1 && *answered[set].begin() > 0) << set << figures["queries"];
 }
 
 TEST(KxbvhRender, AQuadFacingTheCameraCoversExactlyItsProjectionFromTheFront)

@@ -284,7 +284,8 @@ int runCommandLine(int argc, char** argv)
 
     BenchOptions bench;
     CLI::App* benchCommand = app.add_subcommand(
-        "bench", "Time builds (linear, SAH) and ray queries on one and on all cores, beside Embree when available");
+        "bench", "Time builds (linear, SAH), ray, occlusion and closest-point queries on one and on all cores, "
+        "beside Embree when available");
     addMeshOptions(*benchCommand, bench.source);
     benchCommand->add_option("--leaf", bench.leafSize, "Largest leaf of the linear builder, in triangles")
         ->check(CLI::Range(1u, 1024u))
