@@ -47,7 +47,9 @@ struct GroupDistances
     vdouble4 squared, wb, wc;
 };
 
-GroupDistances groupDistances(const kxQBVH::tSOATriangleVertices& v, const V3d& p)
+using tSOATriangleVertices = kxQBVH::tSOATriangleVertices;
+
+GroupDistances groupDistances(const tSOATriangleVertices& v, const V3d& p)
 {
     const auto corner = [&](int c) {
         return V3d{vdouble4(vfloat4::load(v.corner[c][0])), vdouble4(vfloat4::load(v.corner[c][1])),
@@ -144,7 +146,17 @@ void ClosestPointSearch::leafTest(uint32_t g0, uint32_t count)
     const uint32_t end = g0 + count;
     for (uint32_t g = g0; g < end && g < mGroupCount; ++g)
     {
-        const GroupDistances d = groupDistances(mVertices[g], mP);
+        // The four triangles' own boxes, in floats, skip most groups before the exact test.
+        const tSOATriangleVertices& v = mVertices[g];
+        const auto gap = [&](int axis, vfloat4 p) {
+            const vfloat4 a = vfloat4::load(v.corner[0][axis]), b = vfloat4::load(v.corner[1][axis]),
+                          c = vfloat4::load(v.corner[2][axis]);
+            const vfloat4 d = max(max(min(min(a, b), c) - p, p - max(max(a, b), c)), vfloat4(0.0f));
+            return d * d;
+        };
+        if (!((gap(0, mX) + gap(1, mY) + gap(2, mZ)) <= vfloat4(mCull)).any())
+            continue;
+        const GroupDistances d = groupDistances(v, mP);
         const __m128i padding = _mm_cmpeq_epi32(vuint4::load(mIndices[g].index).v, _mm_set1_epi32(-1));
         int lanes = (d.squared <= vdouble4(mBest.squared)).bits() & ~_mm_movemask_ps(_mm_castsi128_ps(padding));
         if (lanes == 0)
