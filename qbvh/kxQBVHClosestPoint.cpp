@@ -157,8 +157,8 @@ void ClosestPointSearch::leafTest(uint32_t g0, uint32_t count)
         if (!((gap(0, mX) + gap(1, mY) + gap(2, mZ)) <= vfloat4(mCull)).any())
             continue;
         const GroupDistances d = groupDistances(v, mP);
-        const __m128i padding = _mm_cmpeq_epi32(vuint4::load(mIndices[g].index).v, _mm_set1_epi32(-1));
-        int lanes = (d.squared <= vdouble4(mBest.squared)).bits() & ~_mm_movemask_ps(_mm_castsi128_ps(padding));
+        const int padding = (vuint4::load(mIndices[g].index) == vuint4(kNone)).bits();
+        int lanes = (d.squared <= vdouble4(mBest.squared)).bits() & ~padding;
         if (lanes == 0)
             continue;
         alignas(16) double squared[4], wb[4], wc[4];

@@ -100,6 +100,9 @@ inline vuint4 select(vmask4 m, vuint4 a, vuint4 b)
     return vuint4(_mm_or_si128(_mm_and_si128(mi, a.v), _mm_andnot_si128(mi, b.v)));
 }
 
+/// Lanes where a and b hold the same bits.
+inline vmask4 operator==(vuint4 a, vuint4 b) { return vmask4(_mm_castsi128_ps(_mm_cmpeq_epi32(a.v, b.v))); }
+
 /// Asks for the cache line holding p ahead of its use.
 inline void prefetch(const void* p)
 {
