@@ -278,7 +278,7 @@ int runCommandLine(int argc, char** argv)
                            ? std::string()
                            : "'" + value + "' is not a distance (a number of at least 0)";
             },
-            "DISTANCE"))
+            ""))
         ->type_name("D");
     addThreads(*distanceCommand, distance.threads);
 
