@@ -288,6 +288,17 @@ TEST(KxbvhErrors, BadMeshFilesAreNamedAndRejectedWithStatus2ByEveryCommand)
     }
 }
 
+TEST(KxbvhErrors, AFaceWithoutCornersIsRejectedRatherThanStoppingTheProgram)
+{
+    // Assimp's PLY reader declares polygons for it, which its triangulation asserts on.
+    TempDir dir;
+    const std::string file = dir.file("empty-face.ply");
+    writeText(file, "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\n"
+                    "property float z\nelement face 2\nproperty list uchar int vertex_indices\nend_header\n"
+                    "0 0 0\n1 0 0\n0 1 0\n0\n3 0 1 2\n");
+    expectOneErrorLine(runTool({"info", file}), 2, file, "cannot read");
+}
+
 TEST(KxbvhErrors, BadOptionValuesAreNamedAndRejectedWithStatus2)
 {
     TempDir dir;

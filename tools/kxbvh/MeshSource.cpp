@@ -79,6 +79,31 @@ public:
     bool Update(float) override { return !interrupted(); }
 };
 
+/// Assimp's triangulation stops the process with an assertion when a mesh declares
+/// polygons it does not hold (a PLY face without corners does), so the face kinds are set
+/// from the faces themselves before the steps run.
+const aiScene* readScene(Assimp::Importer& importer, const std::string& path)
+{
+    const aiScene* scene = importer.ReadFile(path, aiProcess_ValidateDataStructure);
+    if (!scene)
+        return nullptr;
+    for (unsigned m = 0; m < scene->mNumMeshes; ++m)
+    {
+        aiMesh& mesh = *scene->mMeshes[m];
+        unsigned kinds = 0;
+        for (unsigned f = 0; f < mesh.mNumFaces; ++f)
+        {
+            static const unsigned kindOf[4] = {0u, aiPrimitiveType_POINT, aiPrimitiveType_LINE,
+                                               aiPrimitiveType_TRIANGLE};
+            const unsigned corners = mesh.mFaces[f].mNumIndices;
+            kinds |= corners < 4 ? kindOf[corners] : unsigned(aiPrimitiveType_POLYGON);
+        }
+        mesh.mPrimitiveTypes = kinds;
+    }
+    return importer.ApplyPostProcessing(aiProcess_Triangulate | aiProcess_JoinIdenticalVertices |
+                                        aiProcess_SortByPType | aiProcess_ValidateDataStructure);
+}
+
 bool finite(const aiVector3D& p)
 {
     return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
@@ -171,8 +196,7 @@ Mesh loadMeshFile(const std::string& path)
     Assimp::Importer importer;
     importer.SetProgressHandler(new InterruptibleImport);
     importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, aiPrimitiveType_POINT | aiPrimitiveType_LINE);
-    const aiScene* scene = importer.ReadFile(path, aiProcess_Triangulate | aiProcess_JoinIdenticalVertices |
-                                                       aiProcess_SortByPType | aiProcess_ValidateDataStructure);
+    const aiScene* scene = readScene(importer, path);
     throwIfInterrupted("reading the mesh");
     if (!scene)
     {
