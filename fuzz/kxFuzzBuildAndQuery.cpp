@@ -22,8 +22,8 @@ namespace
 using kxfuzz::Input;
 using Vec3 = Wm4::Vector3<float>;
 
-constexpr uint32_t kMaxTriangles = 4096;
-constexpr size_t kMaxQueries = 48;
+constexpr uint32_t kMaxTriangles = 1536;
+constexpr size_t kMaxQueries = 32;
 constexpr unsigned int kMaxPlanes = 8;
 constexpr uint32_t kNone = 0xFFFFFFFFu;
 constexpr float kInf = std::numeric_limits<float>::infinity();
