@@ -6,6 +6,7 @@ kx_packages=(
   libwildmagic-dev
   libcli11-dev libassimp-dev nlohmann-json3-dev libstb-dev
   libembree-dev
+  clang libfuzzer-14-dev
 )
 
 kx_install_deps() {
