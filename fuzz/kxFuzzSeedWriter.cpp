@@ -2,6 +2,7 @@
 // <folder>/<target>/ with small inputs that reach every decoder's paths: each array type,
 // meshes with special coordinates and repeated triangles, rays along axes and through
 // vertices, plane sets, transformation programs and tiny mesh files of six formats.
+// Inputs that a fuzzer found to break something are kept beside them by hand.
 #include "kxFuzz.h"
 #include "kxFuzzGeometry.h"
 
@@ -70,6 +71,15 @@ void arraySeeds(int selector, const std::vector<Scalar>& scalars)
     second.SaveObject(*empty);
     raw.insert(raw.end(), second.GetBuffer().begin(), second.GetBuffer().end());
     write("kxFuzzArrayStreams", name + "-raw", raw);
+
+    // An unnamed object part, then a quantity of a hundred million that the stream does not
+    // hold: nothing may be allocated for it.
+    Output oversized;
+    oversized.byte(static_cast<uint8_t>(selector));
+    oversized.u32(0);
+    oversized.u32(0);
+    oversized.u32(100000000);
+    write("kxFuzzArrayStreams", name + "-oversized", oversized.bytes());
 }
 
 template <typename Scalar>
