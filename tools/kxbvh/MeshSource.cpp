@@ -76,9 +76,9 @@ public:
     bool Update(float) override { return !interrupted(); }
 };
 
-/// Assimp's triangulation stops the process with an assertion when a mesh declares
-/// polygons it does not hold (a PLY face without corners does), so the face kinds are set
-/// from the faces themselves before the steps run.
+/// Assimp's triangulation stops the process with an assertion on a face without corners
+/// (its PLY reader makes them) and on a mesh that declares polygons it does not hold, so
+/// the first is refused and the face kinds are set from the faces before the steps run.
 const aiScene* readScene(Assimp::Importer& importer, const std::string& path)
 {
     const aiScene* scene = importer.ReadFile(path, aiProcess_ValidateDataStructure);
@@ -93,6 +93,8 @@ const aiScene* readScene(Assimp::Importer& importer, const std::string& path)
             static const unsigned kindOf[4] = {0u, aiPrimitiveType_POINT, aiPrimitiveType_LINE,
                                                aiPrimitiveType_TRIANGLE};
             const unsigned corners = mesh.mFaces[f].mNumIndices;
+            if (corners == 0)
+                throw fileError(path, "has a face without corners");
             kinds |= corners < 4 ? kindOf[corners] : unsigned(aiPrimitiveType_POLYGON);
         }
         mesh.mPrimitiveTypes = kinds;
