@@ -2,7 +2,11 @@
 
 #include "kxLog.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cmath>
+#include <cstdarg>
 #include <cstring>
 #include <limits>
 
@@ -10,6 +14,8 @@ namespace kxfuzz
 {
 namespace
 {
+const int gReportFd = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+
 // Mode bytes of real(): below kSpecialModes a palette entry, then small integers, then
 // scaled integers, then raw patterns.
 constexpr int kSpecialModes = 16;
@@ -124,6 +130,18 @@ void Output::realDouble(double value)
 void Output::smallInt(int value)
 {
     byte(static_cast<uint8_t>(kSmallIntZero + value));
+}
+
+void checkFailed(const char* file, int line, const char* condition, const char* format, ...)
+{
+    char message[2048];
+    va_list values;
+    va_start(values, format);
+    std::vsnprintf(message, sizeof message, format, values);
+    va_end(values);
+    dprintf(gReportFd >= 0 ? gReportFd : STDERR_FILENO, "%s:%d: check failed: %s\n  %s\n", file, line, condition,
+            message);
+    std::abort();
 }
 
 void silenceLog()

@@ -12,20 +12,20 @@
 #include <vector>
 
 /// A property that must hold; libFuzzer keeps the input that breaks it.
-#define KX_FUZZ_CHECK(condition, ...)                                                              \
-    do                                                                                             \
-    {                                                                                              \
-        if (!(condition))                                                                          \
-        {                                                                                          \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n  ", __FILE__, __LINE__, #condition); \
-            std::fprintf(stderr, __VA_ARGS__);                                                     \
-            std::fputc('\n', stderr);                                                              \
-            std::abort();                                                                          \
-        }                                                                                          \
+#define KX_FUZZ_CHECK(condition, ...)                                              \
+    do                                                                             \
+    {                                                                              \
+        if (!(condition))                                                          \
+            kxfuzz::checkFailed(__FILE__, __LINE__, #condition, __VA_ARGS__);      \
     } while (0)
 
 namespace kxfuzz
 {
+/// Reports a failed check on standard error as it was when the program started (libFuzzer
+/// and kxbvh's reader both move it away at times) and aborts.
+[[noreturn]] void checkFailed(const char* file, int line, const char* condition, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
 /// Reads values off the input front to back; past the end every read gives zero bytes,
 /// so any input decodes to something.
 class Input
