@@ -23,6 +23,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace kxbvh
@@ -78,25 +79,29 @@ public:
 
 /// Assimp's triangulation stops the process with an assertion on a face without corners
 /// (its PLY reader makes them) and on a mesh that declares polygons it does not hold, so
-/// the first is refused and the face kinds are set from the faces before the steps run.
+/// such faces are dropped and the face kinds set from the faces before the steps run.
 const aiScene* readScene(Assimp::Importer& importer, const std::string& path)
 {
     const aiScene* scene = importer.ReadFile(path, aiProcess_ValidateDataStructure);
     if (!scene)
         return nullptr;
+    static const unsigned kindOf[4] = {0u, aiPrimitiveType_POINT, aiPrimitiveType_LINE, aiPrimitiveType_TRIANGLE};
     for (unsigned m = 0; m < scene->mNumMeshes; ++m)
     {
         aiMesh& mesh = *scene->mMeshes[m];
-        unsigned kinds = 0;
+        unsigned kinds = 0, kept = 0;
         for (unsigned f = 0; f < mesh.mNumFaces; ++f)
         {
-            static const unsigned kindOf[4] = {0u, aiPrimitiveType_POINT, aiPrimitiveType_LINE,
-                                               aiPrimitiveType_TRIANGLE};
             const unsigned corners = mesh.mFaces[f].mNumIndices;
             if (corners == 0)
-                throw fileError(path, "has a face without corners");
+                continue;
+            // The dropped faces move behind the kept ones, where the mesh still frees them.
+            if (kept != f)
+                std::swap(mesh.mFaces[kept], mesh.mFaces[f]);
+            ++kept;
             kinds |= corners < 4 ? kindOf[corners] : unsigned(aiPrimitiveType_POLYGON);
         }
+        mesh.mNumFaces = kept;
         mesh.mPrimitiveTypes = kinds;
     }
     return importer.ApplyPostProcessing(kImportFlags);
