@@ -7,6 +7,7 @@ kx_packages=(
   libcli11-dev libassimp-dev nlohmann-json3-dev libstb-dev
   libembree-dev
   assimp-testmodels
+  clang libfuzzer-14-dev
 )
 
 kx_install_deps() {
