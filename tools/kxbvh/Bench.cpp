@@ -5,6 +5,7 @@
 #include "Interrupt.h"
 #include "Parallel.h"
 #include "Progress.h"
+#include "Stats.h"
 #ifdef KXBVH_WITH_EMBREE
 #include "EmbreeScene.h"
 #endif
@@ -38,6 +39,7 @@ struct BuildFigure
     std::string name;
     unsigned threads;
     double seconds;
+    double bytesPerTriangle;  // the hierarchy as ray queries need it
 };
 
 struct TraceFigure
@@ -68,40 +70,48 @@ public:
 
     void run()
     {
-        Hierarchy linear, sah;
+        Hierarchy linear, sah, hq;
         buildBest("kxbvh linear + QBVH", Builder::eLinear, linear);
         buildBest("kxbvh SAH + QBVH", Builder::eSah, sah);
+        buildBest("kxbvh hq + QBVH", Builder::eHq, hq);
         std::vector<unsigned> linearHits;
         traceBest("kxbvh (linear BVH)", kxTracer(linear.qbvh), &linearHits);
         traceBest("kxbvh (SAH BVH)", kxTracer(sah.qbvh), nullptr);
+        traceBest("kxbvh (hq BVH)", kxTracer(hq.qbvh), nullptr);
 #ifdef KXBVH_WITH_EMBREE
-        std::unique_ptr<EmbreeScene> embree;
-        for (unsigned threads : mThreadCounts)
+        for (bool high : {false, true})
         {
-            const std::string name = std::string("Embree ") + EmbreeScene::version();
-            BuildFigure figure{name, threads, std::numeric_limits<double>::infinity()};
-            for (unsigned r = 0; r < mOptions.repeat; ++r)
+            const std::string name = std::string("Embree ") + EmbreeScene::version() + (high ? " high" : "");
+            std::unique_ptr<EmbreeScene> embree;
+            for (unsigned threads : mThreadCounts)
             {
-                Progress progress("bench: " + name + " build, " + std::to_string(threads) + " thread(s), run " +
-                                  std::to_string(r + 1) + " of " + std::to_string(mOptions.repeat));
-                embree.reset();
-                embree = std::make_unique<EmbreeScene>(*mMesh.mesh, threads);
-                figure.seconds = std::min(figure.seconds, embree->buildSeconds());
-                throwIfInterrupted("benchmarking");
+                BuildFigure figure{name, threads, std::numeric_limits<double>::infinity(), 0.0};
+                for (unsigned r = 0; r < mOptions.repeat; ++r)
+                {
+                    Progress progress("bench: " + name + " build, " + std::to_string(threads) + " thread(s), run " +
+                                      std::to_string(r + 1) + " of " + std::to_string(mOptions.repeat));
+                    embree.reset();
+                    embree = std::make_unique<EmbreeScene>(*mMesh.mesh, threads, high);
+                    figure.seconds = std::min(figure.seconds, embree->buildSeconds());
+                    figure.bytesPerTriangle = double(embree->hierarchyBytes()) / mMesh.triangles;
+                    throwIfInterrupted("benchmarking");
+                }
+                mBuilds.push_back(figure);
             }
-            mBuilds.push_back(figure);
+            std::vector<unsigned> embreeHits;
+            const EmbreeScene& scene = *embree;
+            traceBest(name,
+                      [&](size_t i) {
+                          float t = std::numeric_limits<float>::infinity();
+                          unsigned triangle = kNoHit;
+                          scene.intersect(mCamera.eye(), mDirections[i], t, triangle);
+                          return triangle;
+                      },
+                      &embreeHits);
+            mEmbreeNames.push_back(name);
+            if (!high)
+                mAgreement = compare(linearHits, embreeHits);
         }
-        std::vector<unsigned> embreeHits;
-        const EmbreeScene& scene = *embree;
-        traceBest(std::string("Embree ") + EmbreeScene::version(),
-                  [&](size_t i) {
-                      float t = std::numeric_limits<float>::infinity();
-                      unsigned triangle = kNoHit;
-                      scene.intersect(mCamera.eye(), mDirections[i], t, triangle);
-                      return triangle;
-                  },
-                  &embreeHits);
-        mAgreement = compare(linearHits, embreeHits);
 #endif
     }
 
@@ -127,7 +137,7 @@ private:
 
     void buildBest(const std::string& name, Builder builder, Hierarchy& out)
     {
-        BuildFigure figure{name, 1, std::numeric_limits<double>::infinity()};
+        BuildFigure figure{name, 1, std::numeric_limits<double>::infinity(), 0.0};
         const BuildOptions options{builder, mOptions.leafSize};
         for (unsigned r = 0; r < mOptions.repeat; ++r)
         {
@@ -136,6 +146,7 @@ private:
             buildHierarchy(mMesh, options, out, &progress);
             figure.seconds = std::min(figure.seconds, out.times.total());
         }
+        figure.bytesPerTriangle = double(qbvhStats(out.qbvh).equationBytes) / mMesh.triangles;
         mBuilds.push_back(figure);
     }
 
@@ -184,7 +195,7 @@ private:
                     groupDigits(mMesh.triangles).c_str(), groupDigits(mDirections.size()).c_str(), mCamera.width(),
                     mCamera.height(), mOptions.repeat);
         const BuildFigure* reference = embreeBuild(1);
-        std::printf("%-34s %10s %14s%s\n", "build", "time", "triangles/s",
+        std::printf("%-34s %10s %14s %8s%s\n", "build", "time", "triangles/s", "B/tri",
                     reference ? "   speed vs Embree, 1 thread" : "");
         for (const BuildFigure& b : mBuilds)
         {
@@ -199,8 +210,8 @@ private:
                 std::snprintf(text, sizeof text, "%.2fx", reference->seconds / b.seconds);
                 ratio = text;
             }
-            std::printf("  %-32s %10s %14s   %s\n", label.c_str(), formatSeconds(b.seconds).c_str(),
-                        formatRate(mMesh.triangles / b.seconds).c_str(), ratio.c_str());
+            std::printf("  %-32s %10s %14s %8.1f   %s\n", label.c_str(), formatSeconds(b.seconds).c_str(),
+                        formatRate(mMesh.triangles / b.seconds).c_str(), b.bytesPerTriangle, ratio.c_str());
         }
 
         std::printf("\n%-34s", "rays/s");
@@ -220,16 +231,18 @@ private:
         }
         if (mAgreement.rays)
         {
-            const std::string embree = mTraces.back().name;
-            for (const std::string& name : names)
-            {
-                if (name == embree)
-                    continue;
-                std::printf("  %-32s", (name + " / Embree").c_str());
-                for (unsigned threads : mThreadCounts)
-                    std::printf(" %11.2fx", trace(name, threads)->raysPerSecond / trace(embree, threads)->raysPerSecond);
-                std::printf("\n");
-            }
+            for (const std::string& embree : mEmbreeNames)
+                for (const std::string& name : names)
+                {
+                    if (name.rfind("Embree", 0) == 0)
+                        continue;
+                    const bool high = embree != mEmbreeNames.front();
+                    std::printf("  %-32s", (name + (high ? " / Embree high" : " / Embree")).c_str());
+                    for (unsigned threads : mThreadCounts)
+                        std::printf(" %11.2fx",
+                                    trace(name, threads)->raysPerSecond / trace(embree, threads)->raysPerSecond);
+                    std::printf("\n");
+                }
             std::printf("\nnearest triangle agrees with Embree on %.3f%% of the rays (%s differ)\n",
                         100.0 * double(mAgreement.same) / double(mAgreement.rays),
                         groupDigits(mAgreement.rays - mAgreement.same).c_str());
@@ -246,7 +259,10 @@ private:
         out["repeat"] = mOptions.repeat;
         out["build"] = nlohmann::ordered_json::array();
         for (const BuildFigure& b : mBuilds)
-            out["build"].push_back({{"name", b.name}, {"threads", b.threads}, {"seconds", b.seconds}});
+            out["build"].push_back({{"name", b.name},
+                                    {"threads", b.threads},
+                                    {"seconds", b.seconds},
+                                    {"bytes_per_triangle", b.bytesPerTriangle}});
         out["trace"] = nlohmann::ordered_json::array();
         for (const TraceFigure& t : mTraces)
             out["trace"].push_back(
@@ -286,6 +302,7 @@ private:
     std::vector<Vec3> mDirections;
     std::vector<BuildFigure> mBuilds;
     std::vector<TraceFigure> mTraces;
+    std::vector<std::string> mEmbreeNames;  // default quality first
     Agreement mAgreement;
 };
 } // namespace
