@@ -6,13 +6,14 @@
 #include "kxTriMesh.h"
 
 /// Builds binary hierarchies meant to be collapsed by kxQBVH::buildFromBVH into four-wide
-/// trees that are cheap to query: a top-down surface-area-heuristic build over triangle
-/// references with 32 bins (an exact sweep on small nodes), optionally with spatial splits
-/// that clip triangles at the split plane, down to single references; then a choice, by
-/// dynamic programming over that tree, of which subtrees become the four slots of each
-/// four-wide node and which become leaves, pricing a node visit as one four-box test and a
-/// leaf as its number of groups of four triangles. The binary tree is written so that the
-/// collapse yields exactly those four-wide nodes, most of them full.
+/// trees that are cheap to query. First a top-down surface-area-heuristic build over
+/// triangle references, sides priced by their groups of four triangles, with 32 bins (an
+/// exact sweep on small nodes) and spatial splits that clip triangles at the split plane,
+/// down to single references. Then a choice, by dynamic programming over that tree, of
+/// which subtrees become the slots of each four-wide node and which become leaves,
+/// pricing a leaf by its groups and a node visit (a test of four boxes) as two groups.
+/// The binary tree is written so that the collapse yields exactly those four-wide nodes,
+/// most of them full.
 ///
 /// With spatial splits a triangle may be held by several leaves; each such leaf's box
 /// bounds only the part of the triangle inside it. The primitive index array then holds at

@@ -2,6 +2,8 @@
 
 #include "kxHQClip.h"
 
+#include "../kxBoxLanes.h"
+
 #include <algorithm>
 #include <cassert>
 #include <cmath>
@@ -39,6 +41,29 @@ enum class Kind
     eSpatial
 };
 
+inline __m128 centreOf(const kxBBox& box)
+{
+    const __m128 half = _mm_set1_ps(0.5f);
+    return _mm_add_ps(_mm_mul_ps(kxBoxLanes::load3(box.min), half), _mm_mul_ps(kxBoxLanes::load3(box.max), half));
+}
+
+// Centroid bins of the three axes at once: kBins equal parts from lo, scale bins per unit;
+// a NaN lands in bin 0.
+struct Binning
+{
+    __m128 lo = _mm_setzero_ps(), scale = _mm_setzero_ps();
+
+    void bins(__m128 boxLo, __m128 boxHi, int* out) const
+    {
+        const __m128 half = _mm_set1_ps(0.5f);
+        const __m128 centre = _mm_add_ps(_mm_mul_ps(boxLo, half), _mm_mul_ps(boxHi, half));
+        __m128 k = _mm_mul_ps(_mm_sub_ps(centre, lo), scale);
+        // max(k, 0) is 0 for a NaN k; the upper clamp keeps the conversion in range.
+        k = _mm_min_ps(_mm_max_ps(k, _mm_setzero_ps()), _mm_set1_ps(float(kBins - 1)));
+        _mm_store_si128(reinterpret_cast<__m128i*>(out), _mm_cvttps_epi32(k));
+    }
+};
+
 struct Split
 {
     Kind kind = Kind::eNone;
@@ -46,19 +71,16 @@ struct Split
     int axis = 0;
     uint32_t bin = 0;       // binned: first bin of the right side
     uint32_t count = 0;     // sorted: references on the left
-    double lo = 0.0;        // binned: the axis' first bin starts here ...
-    double scale = 0.0;     // ... and this many bins cover a unit
+    Binning binning;        // binned: how centroids were binned
     float position = 0.0f;  // spatial: the plane
     kxBBox left, right;
 };
 
-// Bin of x among kBins equal parts starting at lo; NaN lands in bin 0.
-inline int binOf(float x, double lo, double scale)
+// Leaves are stored in groups of four triangles: pricing a side by its groups rather than
+// its references makes subtrees, and so leaves, come in fours.
+inline double groups(uint32_t references)
 {
-    const double k = (double(x) - lo) * scale;
-    if (!(k > 0.0))
-        return 0;
-    return k >= kBins - 1 ? kBins - 1 : int(k);
+    return double((references + 3u) / 4u);
 }
 
 // A total order by centroid, whatever the boxes hold.
@@ -104,6 +126,8 @@ public:
             const kx::kxCancelInterfaceReadOnly* cancel, std::vector<TreeNode>& tree)
         : mTriangles(triangles), mRefs(refs), mSettings(settings), mCancel(cancel), mTree(tree)
     {
+        for (int a = 0; a < 3; ++a)
+            clearBins(a, kBins);
         mClippable.resize(triangles.size());
         for (size_t t = 0; t < triangles.size(); ++t)
             mClippable[t] = isClippable(triangles[t]);
@@ -139,6 +163,7 @@ public:
     }
 
 private:
+
     void split(const Task& task)
     {
         Reference* refs = mRefs.data() + task.begin;
@@ -154,18 +179,27 @@ private:
         if (best.kind == Kind::eBinned)
         {
             const Reference* middle = std::partition(refs, refs + n, [&](const Reference& r) {
-                return binOf(centroid(r.box, best.axis), best.lo, best.scale) < int(best.bin);
+                alignas(16) int bin[4];
+                best.binning.bins(kxBoxLanes::load3(r.box.min), kxBoxLanes::load3(r.box.max), bin);
+                return bin[best.axis] < int(best.bin);
             });
             nLeft = static_cast<uint32_t>(middle - refs);
         }
         else if (best.kind == Kind::eSorted)
         {
-            std::sort(refs, refs + n, ByCentroid{best.axis});
+            // The order sortedSplit found: stable, by key.
+            for (uint32_t i = 1; i < n; ++i)
+                for (uint32_t j = i; j > 0 && sortKey(refs[j], best.axis) < sortKey(refs[j - 1], best.axis); --j)
+                    std::swap(refs[j], refs[j - 1]);
             nLeft = best.count;
         }
         if (nLeft == 0 || nLeft == n)
+        {
             nLeft = splitByCount(refs, n);
-        addChildren(task, nLeft, n - nLeft, task.allowance);
+            best.left = boxOf(refs, nLeft);
+            best.right = boxOf(refs + nLeft, n - nLeft);
+        }
+        addChildren(task, nLeft, n - nLeft, task.allowance, best.left, best.right);
     }
 
     // Where nothing separates the references: halves of a sort by centroid along the
@@ -196,12 +230,12 @@ private:
         return n / 2;
     }
 
-    void addChildren(const Task& task, uint32_t nLeft, uint32_t nRight, uint64_t allowance)
+    void addChildren(const Task& task, uint32_t nLeft, uint32_t nRight, uint64_t allowance, const kxBBox& leftBox,
+                     const kxBBox& rightBox)
     {
         const auto left = static_cast<uint32_t>(mTree.size());
-        const Reference* refs = mRefs.data() + task.begin;
-        mTree.push_back({boxOf(refs, nLeft), TreeNode::kLeaf, 0});
-        mTree.push_back({boxOf(refs + nLeft, nRight), TreeNode::kLeaf, 0});
+        mTree.push_back({leftBox, TreeNode::kLeaf, 0});
+        mTree.push_back({rightBox, TreeNode::kLeaf, 0});
         mTree[task.node].left = left;
         const uint64_t leftAllowance = allowance * nLeft / (uint64_t(nLeft) + nRight);
         mTasks.push_back({left, task.begin, nLeft, leftAllowance});
@@ -210,94 +244,133 @@ private:
 
     Split binnedSplit(const Reference* refs, uint32_t n)
     {
-        float lo[3] = {HUGE_VALF, HUGE_VALF, HUGE_VALF}, hi[3] = {-HUGE_VALF, -HUGE_VALF, -HUGE_VALF};
+        kxBoxLanes::Accumulator centroids;
         for (uint32_t i = 0; i < n; ++i)
-            for (int a = 0; a < 3; ++a)
-            {
-                const float c = centroid(refs[i].box, a);
-                lo[a] = std::min(lo[a], c);
-                hi[a] = std::max(hi[a], c);
-            }
-        double scale[3];
+            centroids.extend(centreOf(refs[i].box));
+        kxBBox bounds;
+        centroids.store(bounds);
+        float scale[4] = {0.0f, 0.0f, 0.0f, 0.0f};
         for (int a = 0; a < 3; ++a)
         {
-            const double extent = double(hi[a]) - lo[a];
-            scale[a] = extent > 0.0 && std::isfinite(extent) ? kBins / extent : 0.0;
+            const double extent = double(bounds.max[a]) - bounds.min[a];
+            // Single precision keeps the bin arithmetic in lanes; an extent it cannot
+            // invert offers no split.
+            const float inverse = float(kBins / extent);
+            scale[a] = extent > 0.0 && std::isfinite(inverse) && inverse > 0.0f ? inverse : 0.0f;
         }
-        uint32_t counts[3][kBins] = {};
-        kxBBox boxes[3][kBins];
+        const Binning binning{kxBoxLanes::load3(bounds.min), _mm_loadu_ps(scale)};
+        alignas(16) int bin[4];
         for (uint32_t i = 0; i < n; ++i)
+        {
+            const __m128 lo = kxBoxLanes::load3(refs[i].box.min), hi = kxBoxLanes::load3(refs[i].box.max);
+            binning.bins(lo, hi, bin);
             for (int a = 0; a < 3; ++a)
             {
-                if (scale[a] == 0.0)
-                    continue;
-                const int b = binOf(centroid(refs[i].box, a), lo[a], scale[a]);
-                ++counts[a][b];
-                boxes[a][b].extend(refs[i].box);
+                ++mBinCounts[a][bin[a]];
+                mBinLo[a][bin[a]] = _mm_min_ps(lo, mBinLo[a][bin[a]]);
+                mBinHi[a][bin[a]] = _mm_max_ps(hi, mBinHi[a][bin[a]]);
             }
+        }
         Split best;
         for (int a = 0; a < 3; ++a)
         {
-            if (scale[a] == 0.0)
-                continue;
-            kxBBox right[kBins];
-            uint32_t rightCount[kBins];
-            kxBBox accumulated;
-            uint32_t count = 0;
-            for (int b = kBins - 1; b > 0; --b)
-            {
-                accumulated.extend(boxes[a][b]);
-                count += counts[a][b];
-                right[b] = accumulated;
-                rightCount[b] = count;
-            }
-            kxBBox left;
-            uint32_t leftCount = 0;
-            for (int b = 1; b < kBins; ++b)
-            {
-                left.extend(boxes[a][b - 1]);
-                leftCount += counts[a][b - 1];
-                if (leftCount == 0 || rightCount[b] == 0)
-                    continue;
-                const double cost = halfArea(left) * leftCount + halfArea(right[b]) * rightCount[b];
-                if (cost < best.cost)
-                {
+            if (scale[a] != 0.0f)
+                bestPlane(mBinLo[a], mBinHi[a], mBinCounts[a], mBinCounts[a], kBins, [&](int b, double cost,
+                                                                                      const kxBBox& l, const kxBBox& r) {
                     best.kind = Kind::eBinned;
                     best.cost = cost;
                     best.axis = a;
                     best.bin = uint32_t(b);
-                    best.lo = lo[a];
-                    best.scale = scale[a];
-                    best.left = left;
-                    best.right = right[b];
-                }
-            }
+                    best.binning = binning;
+                    best.left = l;
+                    best.right = r;
+                }, best.cost);
+            clearBins(a, kBins);
         }
         return best;
+    }
+
+    void clearBins(int a, int count)
+    {
+        for (int b = 0; b < count; ++b)
+        {
+            mBinCounts[a][b] = 0;
+            mExits[a][b] = 0;
+            mBinLo[a][b] = _mm_set1_ps(HUGE_VALF);
+            mBinHi[a][b] = _mm_set1_ps(-HUGE_VALF);
+        }
+    }
+
+    // Sweeps the planes between the bins of one axis; entries[b] references start in bin
+    // b and exits[b] end there (the same array for object bins). Calls take(plane, cost,
+    // left box, right box) for each plane cheaper than best.
+    template <typename Take>
+    static void bestPlane(const __m128* lo, const __m128* hi, const uint32_t* entries, const uint32_t* exits, int count,
+                          Take&& take, double best)
+    {
+        __m128 rightLo[kBins], rightHi[kBins];
+        uint32_t rightCount[kBins];
+        __m128 accLo = _mm_set1_ps(HUGE_VALF), accHi = _mm_set1_ps(-HUGE_VALF);
+        uint32_t accCount = 0;
+        for (int b = count - 1; b > 0; --b)
+        {
+            accLo = _mm_min_ps(lo[b], accLo);
+            accHi = _mm_max_ps(hi[b], accHi);
+            accCount += exits[b];
+            rightLo[b] = accLo;
+            rightHi[b] = accHi;
+            rightCount[b] = accCount;
+        }
+        accLo = _mm_set1_ps(HUGE_VALF);
+        accHi = _mm_set1_ps(-HUGE_VALF);
+        accCount = 0;
+        for (int b = 1; b < count; ++b)
+        {
+            accLo = _mm_min_ps(lo[b - 1], accLo);
+            accHi = _mm_max_ps(hi[b - 1], accHi);
+            accCount += entries[b - 1];
+            if (accCount == 0 || rightCount[b] == 0)
+                continue;
+            kxBBox l, r;
+            kxBoxLanes::store(l, accLo, accHi);
+            kxBoxLanes::store(r, rightLo[b], rightHi[b]);
+            const double cost = halfArea(l) * groups(accCount) + halfArea(r) * groups(rightCount[b]);
+            if (cost < best)
+            {
+                best = cost;
+                take(b, cost, l, r);
+            }
+        }
     }
 
     Split sortedSplit(const Reference* refs, uint32_t n)
     {
         Split best;
-        Reference sorted[kSweepLimit];
+        uint8_t order[kSweepLimit];
         kxBBox right[kSweepLimit];
         for (int a = 0; a < 3; ++a)
         {
-            std::copy(refs, refs + n, sorted);
-            std::sort(sorted, sorted + n, ByCentroid{a});
+            float key[kSweepLimit];
+            for (uint32_t i = 0; i < n; ++i)
+            {
+                key[i] = sortKey(refs[i], a);
+                order[i] = uint8_t(i);
+            }
+            // Insertion sort: stable, so that equal keys keep the order of the references.
+            for (uint32_t i = 1; i < n; ++i)
+                for (uint32_t j = i; j > 0 && key[order[j]] < key[order[j - 1]]; --j)
+                    std::swap(order[j], order[j - 1]);
             kxBBox accumulated;
             for (uint32_t i = n; i-- > 1;)
             {
-                accumulated.extend(sorted[i].box);
+                accumulated.extend(refs[order[i]].box);
                 right[i] = accumulated;
             }
             kxBBox left;
             for (uint32_t i = 1; i < n; ++i)
             {
-                left.extend(sorted[i - 1].box);
-                // Small nodes end up as leaves, stored in groups of four: counting groups
-                // makes them come in fours.
-                const double cost = halfArea(left) * ((i + 3) / 4) + halfArea(right[i]) * ((n - i + 3) / 4);
+                left.extend(refs[order[i - 1]].box);
+                const double cost = halfArea(left) * groups(i) + halfArea(right[i]) * groups(n - i);
                 if (cost < best.cost)
                 {
                     best.kind = Kind::eSorted;
@@ -374,7 +447,7 @@ private:
                 if (leftCount == 0 || rightCount[b] == 0 || !(planes[b] > planes[b - 1]) || !(planes[b] > box.min[a]) ||
                     !(planes[b] < box.max[a]))
                     continue;
-                const double cost = halfArea(left) * leftCount + halfArea(right[b]) * rightCount[b];
+                const double cost = halfArea(left) * groups(leftCount) + halfArea(right[b]) * groups(rightCount[b]);
                 if (cost < best.cost)
                 {
                     best.kind = Kind::eSpatial;
@@ -419,7 +492,9 @@ private:
         mRefs.resize(task.begin);
         mRefs.insert(mRefs.end(), mLeft.begin(), mLeft.end());
         mRefs.insert(mRefs.end(), mRight.begin(), mRight.end());
-        addChildren(task, uint32_t(nLeft), uint32_t(nRight), task.allowance - (nLeft + nRight - n));
+        const Reference* placed = mRefs.data() + task.begin;
+        addChildren(task, uint32_t(nLeft), uint32_t(nRight), task.allowance - (nLeft + nRight - n),
+                    boxOf(placed, uint32_t(nLeft)), boxOf(placed + nLeft, uint32_t(nRight)));
         return true;
     }
 
@@ -431,6 +506,11 @@ private:
     std::vector<uint8_t> mClippable;
     std::vector<Task> mTasks;
     std::vector<Reference> mLeft, mRight;
+    // Per axis and bin: count (entries for spatial bins), exits, box.
+    uint32_t mBinCounts[3][kBins];
+    uint32_t mExits[3][kBins];
+    __m128 mBinLo[3][kBins];
+    __m128 mBinHi[3][kBins];
     double mOverlapLimit = 0.0;
 };
 } // namespace

@@ -9,8 +9,9 @@
 namespace kxHQ
 {
 /// Prices of the four-wide walk: one node visit (a test of four boxes) and one group of
-/// four triangles.
-constexpr double kNodeVisitCost = 1.0;
+/// four triangles. A node costs two cache lines, a sort of four keys and a call; measured
+/// on real meshes, pricing it as two groups gives fewer, fuller nodes and faster rays.
+constexpr double kNodeVisitCost = 2.0;
 constexpr double kGroupTestCost = 1.0;
 
 /// Chooses, by dynamic programming over the tree, which subtrees become the slots of each
