@@ -17,7 +17,7 @@ constexpr int kBins = 32;
 // Spatial splits are searched on nodes of this many references or more, along the
 // widest axis of the node's box: that is where they pay, at a fraction of the search.
 constexpr uint32_t kSpatialMinimum = 1024;
-constexpr int kSpatialBins = 32;
+constexpr int kSpatialBins = 16;
 // Nodes this small are split at the best of all positions of a sort by centroid.
 constexpr uint32_t kSweepLimit = 16;
 // Spatial splits are tried only where the best object split leaves its children
@@ -137,6 +137,7 @@ public:
     {
         const auto n = static_cast<uint32_t>(mRefs.size());
         mTree.clear();
+        mTree.reserve(2 * std::max<uint64_t>(mSettings.referenceLimit, n));
         mTree.push_back({boxOf(mRefs.data(), n), TreeNode::kLeaf, 0});
         mOverlapLimit = kOverlapShare * halfArea(mTree[0].box);
         // Pending subtrees hold at most the references of the finished tree.
@@ -360,16 +361,21 @@ private:
             for (uint32_t i = 1; i < n; ++i)
                 for (uint32_t j = i; j > 0 && key[order[j]] < key[order[j - 1]]; --j)
                     std::swap(order[j], order[j - 1]);
-            kxBBox accumulated;
+            __m128 lo = _mm_set1_ps(HUGE_VALF), hi = _mm_set1_ps(-HUGE_VALF);
             for (uint32_t i = n; i-- > 1;)
             {
-                accumulated.extend(refs[order[i]].box);
-                right[i] = accumulated;
+                lo = _mm_min_ps(kxBoxLanes::load3(refs[order[i]].box.min), lo);
+                hi = _mm_max_ps(kxBoxLanes::load3(refs[order[i]].box.max), hi);
+                kxBoxLanes::store(right[i], lo, hi);
             }
+            lo = _mm_set1_ps(HUGE_VALF);
+            hi = _mm_set1_ps(-HUGE_VALF);
             kxBBox left;
             for (uint32_t i = 1; i < n; ++i)
             {
-                left.extend(refs[order[i - 1]].box);
+                lo = _mm_min_ps(kxBoxLanes::load3(refs[order[i - 1]].box.min), lo);
+                hi = _mm_max_ps(kxBoxLanes::load3(refs[order[i - 1]].box.max), hi);
+                kxBoxLanes::store(left, lo, hi);
                 const double cost = halfArea(left) * groups(i) + halfArea(right[i]) * groups(n - i);
                 if (cost < best.cost)
                 {
