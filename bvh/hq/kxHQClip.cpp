@@ -64,8 +64,7 @@ namespace
 constexpr float kSinglePrecisionRange = 1e37f;
 
 // The same in double precision, for coordinates near the largest floats.
-void splitInDouble(const Triangle& triangle, const kxBBox& box, int axis, float position, kxBBox& left,
-                   kxBBox& right)
+void splitInDouble(const Triangle& triangle, const kxBBox& box, int axis, float position, kxBBox& left, kxBBox& right)
 {
     WideBox l, r;
     const double p = position;
@@ -80,7 +79,8 @@ void splitInDouble(const Triangle& triangle, const kxBBox& box, int axis, float 
             if (v0[axis] >= position)
                 r.extend(a, v0[a], v0[a]);
         }
-        const bool crosses = (v0[axis] < position && position < v1[axis]) || (v1[axis] < position && position < v0[axis]);
+        const bool crosses =
+            (v0[axis] < position && position < v1[axis]) || (v1[axis] < position && position < v0[axis]);
         if (!crosses)
             continue;
         const double t = (p - v0[axis]) / (double(v1[axis]) - v0[axis]);
@@ -107,8 +107,7 @@ void splitInDouble(const Triangle& triangle, const kxBBox& box, int axis, float 
 }
 } // namespace
 
-void splitReference(const Triangle& triangle, const kxBBox& box, int axis, float position, kxBBox& left,
-                    kxBBox& right)
+void splitReference(const Triangle& triangle, const kxBBox& box, int axis, float position, kxBBox& left, kxBBox& right)
 {
     float largest = 0.0f;
     for (const auto& corner : triangle.corner)

@@ -15,8 +15,7 @@ bool isClippable(const Triangle& triangle);
 /// computed in double precision and rounded outward by more than their error. A side that
 /// holds none of the triangle inside the box comes back empty (and may also come back as
 /// a thin non-empty box: the bounds are safe, not tight).
-void splitReference(const Triangle& triangle, const kxBBox& box, int axis, float position, kxBBox& left,
-                    kxBBox& right);
+void splitReference(const Triangle& triangle, const kxBBox& box, int axis, float position, kxBBox& left, kxBBox& right);
 } // namespace kxHQ
 
 #endif

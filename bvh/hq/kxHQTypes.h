@@ -28,11 +28,11 @@ struct Reference
 /// are adjacent (the right child is left + 1), and every leaf holds one reference.
 struct TreeNode
 {
-    static constexpr uint32_t kLeaf = 0;  // the root is nobody's child
+    static constexpr uint32_t kLeaf = 0; // the root is nobody's child
 
     kxBBox box;
-    uint32_t left;      // kLeaf for a leaf
-    uint32_t triangle;  // a leaf's reference
+    uint32_t left;     // kLeaf for a leaf
+    uint32_t triangle; // a leaf's reference
 };
 
 inline bool cancelled(const kx::kxCancelInterfaceReadOnly* cancel)

@@ -18,8 +18,8 @@ struct Cover
 constexpr int kCovers = 14;
 constexpr Cover kCover[kCovers] = {{1, 0}, {0, 1}, {2, 0}, {1, 1}, {0, 2}, {3, 0}, {2, 1},
                                    {1, 2}, {0, 3}, {4, 0}, {3, 1}, {2, 2}, {1, 3}, {0, 4}};
-constexpr int kAsLeaf = 0;  // the subtree as one leaf
-constexpr int kAsNode = 1;  // the subtree as one four-wide node
+constexpr int kAsLeaf = 0; // the subtree as one leaf
+constexpr int kAsNode = 1; // the subtree as one four-wide node
 constexpr float kNever = std::numeric_limits<float>::infinity();
 
 int coverOf(int leaves, int nodes)
@@ -160,8 +160,8 @@ private:
     {
         enum Kind : uint8_t
         {
-            eSlot,  // a: a leaf or a four-wide node
-            ePair   // a and b: the two slots under one child of a four-wide node
+            eSlot, // a: a leaf or a four-wide node
+            ePair  // a and b: the two slots under one child of a four-wide node
         } kind;
         Slot a, b;
         uint32_t out;
@@ -252,7 +252,8 @@ private:
             double best = std::numeric_limits<double>::infinity();
             for (const auto& p : kPairings)
             {
-                const double area = halfArea(unionOf(slots[p[0]], slots[p[1]])) + halfArea(unionOf(slots[p[2]], slots[p[3]]));
+                const double area =
+                    halfArea(unionOf(slots[p[0]], slots[p[1]])) + halfArea(unionOf(slots[p[2]], slots[p[3]]));
                 if (area < best || best == std::numeric_limits<double>::infinity())
                 {
                     best = area;
@@ -304,10 +305,10 @@ private:
     const std::vector<TreeNode>& mTree;
     uint32_t mMaxLeaf;
     const kx::kxCancelInterfaceReadOnly* mCancel;
-    std::vector<float> mCost;        // per node and cover: the least expected cost
-    std::vector<uint8_t> mChoice;    // per node and cover of two or more slots: the left subtree's cover
-    std::vector<uint8_t> mNodeCover; // per node: the cover its four-wide node takes
-    std::vector<uint32_t> mReferences;  // per node, at most maxLeaf + 1
+    std::vector<float> mCost;          // per node and cover: the least expected cost
+    std::vector<uint8_t> mChoice;      // per node and cover of two or more slots: the left subtree's cover
+    std::vector<uint8_t> mNodeCover;   // per node: the cover its four-wide node takes
+    std::vector<uint32_t> mReferences; // per node, at most maxLeaf + 1
     bool mRootIsLeaf = true;
     std::vector<kxGNode> mNodes;
     std::vector<uint32_t> mPrimitives;

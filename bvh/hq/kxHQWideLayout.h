@@ -14,6 +14,10 @@ namespace kxHQ
 constexpr double kNodeVisitCost = 2.0;
 constexpr double kGroupTestCost = 1.0;
 
+/// Work memory of the layout per tree node: a cost and a choice for each of 14 covers, the
+/// cover of its four-wide node and its reference count.
+constexpr uint64_t kLayoutBytesPerNode = 14 * (sizeof(float) + 1) + 1 + sizeof(uint32_t);
+
 /// Chooses, by dynamic programming over the tree, which subtrees become the slots of each
 /// four-wide node and which become leaves of at most maxLeaf triangles, minimising the
 /// expected cost of a ray that hits the root box (node visits plus group tests, weighted

@@ -75,8 +75,8 @@ bool kxHighQualityBVHBuilder::build(const kx::kxTriMesh& mesh, kxGenericBVH& bvh
     gatherTriangles(mesh, triangles, references);
     const auto count = static_cast<uint32_t>(triangles.size());
     kxBuildLogLine() << "kxHighQualityBVHBuilder : allocate "
-                     << humanizedBytes(uint64_t{count} * (sizeof(kxHQ::Triangle) + sizeof(kxHQ::Reference)))
-                     << "B for " << count << " triangles";
+                     << humanizedBytes(uint64_t{count} * (sizeof(kxHQ::Triangle) + sizeof(kxHQ::Reference))) << "B for "
+                     << count << " triangles";
     if (kxHQ::cancelled(cancel))
         return false;
 
@@ -99,8 +99,9 @@ bool kxHighQualityBVHBuilder::build(const kx::kxTriMesh& mesh, kxGenericBVH& bvh
             return false;
         std::vector<kxHQ::Reference>().swap(references);
         treeNodes = tree.size();
-        kxBuildLogLine() << "kxHighQualityBVHBuilder : allocate " << humanizedBytes(treeNodes * (sizeof(kxHQ::TreeNode) + 75u))
-                         << "B for " << treeNodes << " tree nodes over " << (treeNodes + 1) / 2 << " references";
+        kxBuildLogLine() << "kxHighQualityBVHBuilder : allocate "
+                         << humanizedBytes(treeNodes * (sizeof(kxHQ::TreeNode) + kxHQ::kLayoutBytesPerNode)) << "B for "
+                         << treeNodes << " tree nodes over " << (treeNodes + 1) / 2 << " references";
         if (!kxHQ::layOutFourWide(tree, mMaxPrimitivesPerLeaf, cancel, result, cost))
             return false;
     }
