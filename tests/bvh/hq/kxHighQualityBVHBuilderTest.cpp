@@ -22,7 +22,7 @@ using namespace kxtest;
 namespace
 {
 using V3 = Wm4::Vector3<float>;
-constexpr int kSymmetric = 4;  // modes 0..2 are the side policies
+constexpr int kSymmetric = 4; // modes 0..2 are the side policies
 
 struct NamedMesh
 {
@@ -86,7 +86,7 @@ kx::kxPointer<kx::kxTriMesh> cadLike(std::mt19937& rng, int parts)
         {
             const unsigned int a = base + 2 * s, b = base + 2 * ((s + 1) % sides);
             indices.insert(indices.end(), {a, b, a + 1, b, b + 1, a + 1});
-            if (s > 1)  // the end caps as fans
+            if (s > 1) // the end caps as fans
                 indices.insert(indices.end(), {base, a - 2, a, base + 1, a + 1, a - 1});
         }
     }
@@ -231,10 +231,10 @@ Answer shoot(const kxQBVH& qbvh, const V3& o, const V3& d, int mode, bool refere
         a.hit = reference ? kxQBVHReference::intersectRaySymmetric(qbvh, o, d, a.t, a.barycentric, a.triangle)
                           : qbvh.intersectRaySymmetric(o, d, a.t, a.barycentric, a.triangle);
     else
-        a.hit = reference ? kxQBVHReference::intersectRay(qbvh, o, d, 0.0f, a.t, a.barycentric, a.triangle,
-                                                          kxQBVH::tIntersectionPolicy(mode))
-                          : qbvh.intersectRay(o, d, 0.0f, a.t, a.barycentric, a.triangle,
-                                              kxQBVH::tIntersectionPolicy(mode));
+        a.hit = reference
+                    ? kxQBVHReference::intersectRay(qbvh, o, d, 0.0f, a.t, a.barycentric, a.triangle,
+                                                    kxQBVH::tIntersectionPolicy(mode))
+                    : qbvh.intersectRay(o, d, 0.0f, a.t, a.barycentric, a.triangle, kxQBVH::tIntersectionPolicy(mode));
     return a;
 }
 
@@ -263,8 +263,8 @@ bool accepts(const std::array<float, 12>& e, const V3& o, const V3& d, int mode,
     const float v = e[8] * p[0] + e[9] * p[1] + e[10] * p[2] + e[11];
     const float w = 1.0f - (u + v);
     const bool side = mode == kSymmetric || mode == kxQBVH::eFrontSide ? denom <= 0.0f
-                      : mode == kxQBVH::eBackSide                     ? denom >= 0.0f
-                                                                      : !std::isnan(denom);
+                      : mode == kxQBVH::eBackSide                      ? denom >= 0.0f
+                                                                       : !std::isnan(denom);
     distance = mode == kSymmetric ? std::fabs(th) : th;
     return side && (mode == kSymmetric || th >= 0.0f) && w > -0.0001f && v > -0.0001f && u > -0.0001f;
 }
@@ -431,7 +431,7 @@ TEST(HighQualityBuilder, ConvexRegionsMatchAClipOfEveryTriangle)
     for (const NamedMesh& m : testMeshes())
     {
         if (m.name == "huge" || m.name == "tiny")
-            continue;  // the brute force's margins are absolute
+            continue; // the brute force's margins are absolute
         SCOPED_TRACE(m.name);
         kxGenericBVH bvh;
         ASSERT_TRUE(kxHighQualityBVHBuilder().build(*m.mesh, bvh));
