@@ -110,6 +110,7 @@ std::vector<NamedMesh> testMeshes()
             {"cad-like", cadLike(rng, 40)},
             {"coincident", makeMesh({{0, 0, 0}, {1, 0.5f, 0.25f}, {0.5f, 1, 0.75f}}, same)},
             {"huge", scaled(*soup, 3e36f)},
+            {"near the largest floats, extents overflowing", scaled(*soup, 2.8e37f)},
             {"tiny", scaled(*soup, 1e-30f)}};
 }
 
@@ -410,9 +411,12 @@ TEST(HighQualityBuilder, TreesHoldEveryTriangleAndRaysMatchBruteForceOnEveryMesh
                         ASSERT_TRUE(got.hit == scalar.hit && bitsOf(got.t) == bitsOf(scalar.t) &&
                                     got.triangle == scalar.triangle);
                         const bool decides = matchesBruteForce(eq, leaves, o, d, mode, got);
-                        decided += decides;
-                        undecided += !decides;
-                        hits += decides && got.hit;
+                        // Near the largest floats the stored equations overflow and no
+                        // ray hits; those meshes only show that nothing breaks.
+                        const bool counted = m.name.rfind("near", 0) != 0;
+                        decided += counted && decides;
+                        undecided += counted && !decides;
+                        hits += counted && decides && got.hit;
                         if (testing::Test::HasFailure())
                             FAIL() << "ray " << r << " mode " << mode;
                     }
@@ -430,7 +434,7 @@ TEST(HighQualityBuilder, ConvexRegionsMatchAClipOfEveryTriangle)
     int decided = 0, inside = 0;
     for (const NamedMesh& m : testMeshes())
     {
-        if (m.name == "huge" || m.name == "tiny")
+        if (m.name == "huge" || m.name == "tiny" || m.name.rfind("near", 0) == 0)
             continue; // the brute force's margins are absolute
         SCOPED_TRACE(m.name);
         kxGenericBVH bvh;
