@@ -30,7 +30,8 @@ namespace
 using kxfuzz::Input;
 using Vec3 = Wm4::Vector3<float>;
 
-constexpr uint32_t kMaxTriangles = 512;
+// The high-quality builder clips triangles only in nodes of 1024 or more.
+constexpr uint32_t kMaxTriangles = 1536;
 constexpr size_t kMaxRays = 64;
 constexpr float kInf = std::numeric_limits<float>::infinity();
 
