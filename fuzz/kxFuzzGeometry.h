@@ -99,7 +99,8 @@ std::vector<Placement> placeTriangles(const kxQBVH& qbvh, uint32_t triangles);
 bool holds(const kxBBox& a, const kxBBox& b);
 
 /// a and b share a point on every axis, faces touching included; NaN faces overlap
-/// anything, as for holds.
+/// anything, as for holds, and so does b on an axis where it is empty (a triangle whose
+/// corners are all NaN there).
 bool overlaps(const kxBBox& a, const kxBBox& b);
 } // namespace kxfuzz
 
