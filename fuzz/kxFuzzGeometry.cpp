@@ -316,9 +316,8 @@ void checkBinary(const kxGenericBVH& bvh, const kxBVHTriangleContainer& containe
                   builder, references, n);
     KX_FUZZ_CHECK(!bvh.mNodes.empty(), "%s: no root", builder);
     // setMaxPrimitivesPerLeaf takes 0 as 1; an empty mesh has one empty leaf.
-    const unsigned int maxLeaf =
-        kind == Builder::eHighQuality && n > 0 ? std::max(1u, settings.maxLeaf) : 0;
-    BinaryWalk walk{bvh,     container, builder, clipped, maxLeaf, std::vector<uint8_t>(bvh.mNodes.size()),
+    const unsigned int maxLeaf = kind == Builder::eHighQuality && n > 0 ? std::max(1u, settings.maxLeaf) : 0;
+    BinaryWalk walk{bvh, container, builder, clipped, maxLeaf, std::vector<uint8_t>(bvh.mNodes.size()),
                     std::vector<uint8_t>(n)};
     const BinaryWalk::Run all = walk.walk(0, 0);
     KX_FUZZ_CHECK(all.first == 0 && all.count == references, "%s: the leaves cover %u+%u of %zu index entries",
@@ -330,7 +329,7 @@ void checkBinary(const kxGenericBVH& bvh, const kxBVHTriangleContainer& containe
 void checkFourWide(const kxQBVH& qbvh, const Mesh& mesh, const char* builder, bool clipped)
 {
     const bool triangleData = (qbvh.getDataFlags() & (kxQBVH::eTrianglesVertices | kxQBVH::eTrianglesEquations)) != 0;
-    FourWideWalk walk{qbvh,         mesh, builder, clipped, triangleData, std::vector<uint8_t>(qbvh.getNodeCount()),
+    FourWideWalk walk{qbvh, mesh, builder, clipped, triangleData, std::vector<uint8_t>(qbvh.getNodeCount()),
                       std::vector<uint8_t>(mesh.triangles())};
     if (qbvh.getNodeCount() == 0)
         walk.groups(0, qbvh.getGroupCount(), qbvh.getBBox());
