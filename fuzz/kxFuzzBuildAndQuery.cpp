@@ -5,7 +5,8 @@
 //
 // Input: data flags, leaf size, Morton bits, bin count (a byte each), the mesh (see
 // decodeMesh), then queries until the input ends: a kind byte (even: ray, odd: plane set)
-// and its values.
+// and its values. Bit 2 of the flags byte turns the high-quality builder's spatial splits
+// off; its leaf limit is the leaf size taken into 1..8.
 #include "kxFuzz.h"
 #include "kxFuzzGeometry.h"
 
@@ -162,9 +163,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     static const bool quiet = (kxfuzz::silenceLog(), true);
     (void)quiet;
     Input in(data, size);
-    const auto flags = static_cast<kxQBVH::tQBVHDataFlags>(in.byte() & 3);
+    const uint8_t flagByte = in.byte();
+    const auto flags = static_cast<kxQBVH::tQBVHDataFlags>(flagByte & 3);
     kxfuzz::BuildSettings settings;
+    settings.spatialSplits = (flagByte & 4) == 0;
     settings.leafSize = in.byte();
+    // Equal to the linear builder's leaf size from 1 to 8.
+    settings.maxLeaf = 1 + (settings.leafSize + 7) % 8;
     settings.mortonBits = in.byte() % 70;
     settings.binCount = in.byte() % 40;
     const kxfuzz::Mesh mesh = kxfuzz::decodeMesh(in, kMaxTriangles);
@@ -177,11 +182,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     {
         const char* name = kxfuzz::builderName(builder);
         kxGenericBVH bvh;
-        kxfuzz::buildBinary(builder, settings, container, bvh);
-        kxfuzz::checkBinary(bvh, container, name);
+        kxfuzz::buildBinary(builder, settings, mesh, container, bvh);
+        kxfuzz::checkBinary(bvh, container, builder, settings);
         kxQBVH qbvh;
         qbvh.buildFromBVH(flags, bvh, *mesh.mesh);
-        kxfuzz::checkFourWide(qbvh, mesh, name);
+        kxfuzz::checkFourWide(qbvh, mesh, name, kxfuzz::clipsTriangles(builder, settings));
         query(qbvh, queries, mesh.triangles(), name);
     }
 

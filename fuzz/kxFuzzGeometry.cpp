@@ -1,6 +1,7 @@
 #include "kxFuzzGeometry.h"
 
 #include "kxGenericBVHBuilder.h"
+#include "kxHighQualityBVHBuilder.h"
 #include "kxLinearGenericBVHBuilder.h"
 
 #include <algorithm>
@@ -39,6 +40,8 @@ struct BinaryWalk
     const kxGenericBVH& bvh;
     const kxBVHTriangleContainer& container;
     const char* builder;
+    bool clipped;
+    unsigned int maxLeaf;  // 0: no limit
     std::vector<uint8_t> reached;
     std::vector<uint8_t> seen;
 
@@ -59,15 +62,37 @@ struct BinaryWalk
             const Run run{node.offset & kxGNode::eIndexMask, node.count};
             KX_FUZZ_CHECK(uint64_t(run.first) + run.count <= bvh.mPrimitiveIndices.size(),
                           "%s: leaf %u runs past the index array", builder, k);
+            KX_FUZZ_CHECK(maxLeaf == 0 || (run.count >= 1 && run.count <= maxLeaf),
+                          "%s: leaf %u holds %u primitives, the limit is %u", builder, k, run.count, maxLeaf);
+            kxBBox held;
             for (uint32_t p = run.first; p < run.first + run.count; ++p)
             {
                 const uint32_t primitive = bvh.mPrimitiveIndices[p];
                 KX_FUZZ_CHECK(primitive < seen.size(), "%s: leaf %u holds primitive %u of %zu", builder, k,
                               primitive, seen.size());
-                KX_FUZZ_CHECK(!seen[primitive]++, "%s: primitive %u in two leaves", builder, primitive);
-                KX_FUZZ_CHECK(holds(node.bbox, container.getBBox(primitive)),
-                              "%s: leaf %u's box does not hold primitive %u", builder, k, primitive);
+                const kxBBox box = container.getBBox(primitive);
+                if (!clipped)
+                {
+                    KX_FUZZ_CHECK(!seen[primitive]++, "%s: primitive %u in two leaves", builder, primitive);
+                    KX_FUZZ_CHECK(holds(node.bbox, box), "%s: leaf %u's box does not hold primitive %u", builder,
+                                  k, primitive);
+                    continue;
+                }
+                for (uint32_t q = run.first; q < p; ++q)
+                    KX_FUZZ_CHECK(bvh.mPrimitiveIndices[q] != primitive, "%s: leaf %u holds primitive %u twice",
+                                  builder, k, primitive);
+                seen[primitive] = 1;
+                KX_FUZZ_CHECK(overlaps(node.bbox, box), "%s: leaf %u's box misses primitive %u", builder, k,
+                              primitive);
+                held.extend(box);
             }
+            // A clipped box bounds parts of its triangles, so never reaches beyond them;
+            // where their corners are all NaN it has nothing to bound.
+            if (clipped)
+                for (int a = 0; a < 3; ++a)
+                    KX_FUZZ_CHECK(!(held.min[a] <= held.max[a]) ||
+                                      !(node.bbox.min[a] < held.min[a] || node.bbox.max[a] > held.max[a]),
+                                  "%s: leaf %u's box reaches beyond its primitives on axis %d", builder, k, a);
             return run;
         }
         const uint32_t left = node.offset & kxGNode::eIndexMask;
@@ -87,9 +112,11 @@ struct FourWideWalk
     const kxQBVH& qbvh;
     const Mesh& mesh;
     const char* builder;
+    bool clipped;
     bool triangleData;
     std::vector<uint8_t> reached;
     std::vector<uint8_t> seen;
+    uint64_t lanes = 0;
 
     void groups(uint32_t first, uint32_t count, const kxBBox& box)
     {
@@ -117,8 +144,18 @@ struct FourWideWalk
         }
         KX_FUZZ_CHECK(t < seen.size(), "%s: group %u lane %d holds triangle %u of %zu", builder, g, lane, t,
                       seen.size());
-        KX_FUZZ_CHECK(!seen[t]++, "%s: triangle %u stored twice", builder, t);
-        KX_FUZZ_CHECK(holds(box, mesh.box(t)), "%s: the box over group %u does not hold triangle %u", builder, g, t);
+        if (clipped)
+        {
+            seen[t] = 1;
+            ++lanes;
+            KX_FUZZ_CHECK(overlaps(box, mesh.box(t)), "%s: the box over group %u misses triangle %u", builder, g, t);
+        }
+        else
+        {
+            KX_FUZZ_CHECK(!seen[t]++, "%s: triangle %u stored twice", builder, t);
+            KX_FUZZ_CHECK(holds(box, mesh.box(t)), "%s: the box over group %u does not hold triangle %u", builder,
+                          g, t);
+        }
         if (vertices)
             for (int c = 0; c < 3; ++c)
                 for (int a = 0; a < 3; ++a)
@@ -208,12 +245,19 @@ const char* builderName(Builder builder)
         return "linear builder";
     case Builder::eSAH:
         return "SAH builder";
+    case Builder::eHighQuality:
+        return "high-quality builder";
     }
     return "?";
 }
 
-void buildBinary(Builder builder, const BuildSettings& settings, const kxBVHTriangleContainer& container,
-                 kxGenericBVH& bvh)
+bool clipsTriangles(Builder builder, const BuildSettings& settings)
+{
+    return builder == Builder::eHighQuality && settings.spatialSplits;
+}
+
+void buildBinary(Builder builder, const BuildSettings& settings, const Mesh& mesh,
+                 const kxBVHTriangleContainer& container, kxGenericBVH& bvh)
 {
     switch (builder)
     {
@@ -231,6 +275,15 @@ void buildBinary(Builder builder, const BuildSettings& settings, const kxBVHTria
         sah.build(container, bvh);
         return;
     }
+    case Builder::eHighQuality:
+    {
+        kxHighQualityBVHBuilder hq;
+        hq.setMaxPrimitivesPerLeaf(settings.maxLeaf);
+        hq.setSpatialSplits(settings.spatialSplits);
+        const bool finished = hq.build(*mesh.mesh, bvh);
+        KX_FUZZ_CHECK(finished, "the high-quality builder stopped without being cancelled");
+        return;
+    }
     }
 }
 
@@ -242,24 +295,41 @@ bool holds(const kxBBox& a, const kxBBox& b)
     return true;
 }
 
-void checkBinary(const kxGenericBVH& bvh, const kxBVHTriangleContainer& container, const char* builder)
+bool overlaps(const kxBBox& a, const kxBBox& b)
 {
+    for (int axis = 0; axis < 3; ++axis)
+        if (b.min[axis] <= b.max[axis] && (b.max[axis] < a.min[axis] || b.min[axis] > a.max[axis]))
+            return false;
+    return true;
+}
+
+void checkBinary(const kxGenericBVH& bvh, const kxBVHTriangleContainer& container, Builder kind,
+                 const BuildSettings& settings)
+{
+    const char* builder = builderName(kind);
+    const bool clipped = clipsTriangles(kind, settings);
     const uint32_t n = container.getQuantity();
-    KX_FUZZ_CHECK(bvh.mPrimitiveCount == n, "%s: primitive count %u for %u primitives", builder,
-                  bvh.mPrimitiveCount, n);
-    KX_FUZZ_CHECK(bvh.mPrimitiveIndices.size() == n, "%s: %zu index entries for %u primitives", builder,
-                  bvh.mPrimitiveIndices.size(), n);
+    const size_t references = bvh.mPrimitiveIndices.size();
+    KX_FUZZ_CHECK(bvh.mPrimitiveCount == references, "%s: primitive count %u for %zu index entries", builder,
+                  bvh.mPrimitiveCount, references);
+    KX_FUZZ_CHECK(clipped ? references <= n + n / 4 : references == n, "%s: %zu index entries for %u primitives",
+                  builder, references, n);
     KX_FUZZ_CHECK(!bvh.mNodes.empty(), "%s: no root", builder);
-    BinaryWalk walk{bvh, container, builder, std::vector<uint8_t>(bvh.mNodes.size()), std::vector<uint8_t>(n)};
-    walk.walk(0, 0);
+    // setMaxPrimitivesPerLeaf takes 0 as 1; an empty mesh has one empty leaf.
+    const unsigned int maxLeaf = kind == Builder::eHighQuality && n > 0 ? std::max(1u, settings.maxLeaf) : 0;
+    BinaryWalk walk{bvh, container, builder, clipped, maxLeaf, std::vector<uint8_t>(bvh.mNodes.size()),
+                    std::vector<uint8_t>(n)};
+    const BinaryWalk::Run all = walk.walk(0, 0);
+    KX_FUZZ_CHECK(all.first == 0 && all.count == references, "%s: the leaves cover %u+%u of %zu index entries",
+                  builder, all.first, all.count, references);
     for (uint32_t p = 0; p < n; ++p)
         KX_FUZZ_CHECK(walk.seen[p], "%s: primitive %u is in no leaf", builder, p);
 }
 
-void checkFourWide(const kxQBVH& qbvh, const Mesh& mesh, const char* builder)
+void checkFourWide(const kxQBVH& qbvh, const Mesh& mesh, const char* builder, bool clipped)
 {
     const bool triangleData = (qbvh.getDataFlags() & (kxQBVH::eTrianglesVertices | kxQBVH::eTrianglesEquations)) != 0;
-    FourWideWalk walk{qbvh, mesh, builder, triangleData, std::vector<uint8_t>(qbvh.getNodeCount()),
+    FourWideWalk walk{qbvh, mesh, builder, clipped, triangleData, std::vector<uint8_t>(qbvh.getNodeCount()),
                       std::vector<uint8_t>(mesh.triangles())};
     if (qbvh.getNodeCount() == 0)
         walk.groups(0, qbvh.getGroupCount(), qbvh.getBBox());
@@ -270,6 +340,9 @@ void checkFourWide(const kxQBVH& qbvh, const Mesh& mesh, const char* builder)
     if (triangleData)
         for (uint32_t t = 0; t < mesh.triangles(); ++t)
             KX_FUZZ_CHECK(walk.seen[t], "%s: triangle %u is in no group", builder, t);
+    const uint32_t n = mesh.triangles();
+    KX_FUZZ_CHECK(walk.lanes <= n + n / 4, "%s: %llu lanes for %u triangles", builder,
+                  static_cast<unsigned long long>(walk.lanes), n);
 }
 
 std::vector<Placement> placeTriangles(const kxQBVH& qbvh, uint32_t triangles)

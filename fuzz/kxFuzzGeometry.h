@@ -45,9 +45,10 @@ void encodeMesh(Output& out, const std::vector<Wm4::Vector3<float>>& positions, 
 enum class Builder
 {
     eLinear,
-    eSAH
+    eSAH,
+    eHighQuality
 };
-constexpr Builder kBuilders[] = {Builder::eLinear, Builder::eSAH};
+constexpr Builder kBuilders[] = {Builder::eLinear, Builder::eSAH, Builder::eHighQuality};
 const char* builderName(Builder builder);
 
 struct BuildSettings
@@ -55,23 +56,37 @@ struct BuildSettings
     unsigned int leafSize = 4;  // linear builder
     unsigned int mortonBits = 20;
     unsigned int binCount = 16;  // SAH builder
+    unsigned int maxLeaf = 4;    // high-quality builder
+    bool spatialSplits = true;
 };
 
-void buildBinary(Builder builder, const BuildSettings& settings, const kxBVHTriangleContainer& container,
-                 kxGenericBVH& bvh);
+/// Whether the builder's trees may hold a triangle in several leaves, each bounding only
+/// the clipped part of it.
+bool clipsTriangles(Builder builder, const BuildSettings& settings);
+
+/// The high-quality builder reads the mesh; the others the container made from it.
+void buildBinary(Builder builder, const BuildSettings& settings, const Mesh& mesh,
+                 const kxBVHTriangleContainer& container, kxGenericBVH& bvh);
 
 /// A binary hierarchy reached from the root: each record once, pairs of consecutive
-/// children with adjacent runs, every primitive exactly once, every box holding its
-/// primitives' boxes. Stops the run on the first violation.
-void checkBinary(const kxGenericBVH& bvh, const kxBVHTriangleContainer& container, const char* builder);
+/// children with adjacent runs covering the index array, every box holding its children.
+/// Every primitive exactly once, every leaf box holding its primitives' boxes; where the
+/// builder clips triangles, instead every primitive at least once, at most N + N / 4
+/// references, every leaf box overlapping its primitives' boxes and lying within their
+/// union. The high-quality builder's leaf limit holds. Stops the run on the first violation.
+void checkBinary(const kxGenericBVH& bvh, const kxBVHTriangleContainer& container, Builder builder,
+                 const BuildSettings& settings);
 
 /// A four-wide hierarchy collapsed from a build over mesh: every node reached once,
 /// references in range, every slot's box holding what lies below it, every triangle in
 /// exactly one lane, padding lanes empty, vertex blocks equal to the mesh's corners,
-/// the root box holding every slot of the root.
-void checkFourWide(const kxQBVH& qbvh, const Mesh& mesh, const char* builder);
+/// the root box holding every slot of the root. A clipped tree (see clipsTriangles) holds
+/// a triangle in one lane or more, at most N + N / 4 lanes in all, under a slot box that
+/// overlaps the triangle's box.
+void checkFourWide(const kxQBVH& qbvh, const Mesh& mesh, const char* builder, bool clipped = false);
 
-/// For each triangle, its group and lane.
+/// For each triangle, its group and lane (one of them in a clipped tree, where every
+/// lane of a triangle holds the same data).
 struct Placement
 {
     uint32_t group = 0xFFFFFFFFu;
@@ -82,6 +97,11 @@ std::vector<Placement> placeTriangles(const kxQBVH& qbvh, uint32_t triangles);
 /// a holds b on every axis; NaN faces hold anything, the checks leave them to the
 /// sanitizers.
 bool holds(const kxBBox& a, const kxBBox& b);
+
+/// a and b share a point on every axis, faces touching included; NaN faces overlap
+/// anything, as for holds, and so does b on an axis where it is empty (a triangle whose
+/// corners are all NaN there).
+bool overlaps(const kxBBox& a, const kxBBox& b);
 } // namespace kxfuzz
 
 #endif

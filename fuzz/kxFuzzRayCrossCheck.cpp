@@ -10,8 +10,13 @@
 // value is NaN: a zero direction component whose origin lies exactly on a box face gives
 // 0 x infinity. Such rays are only checked for what they report.
 //
+// The high-quality builder's spatial splits break that argument: a triangle's boxes bound
+// only its clipped parts, not its own box. For its trees the slab test must reject every
+// slot box over a group that holds the triangle, the query's own reason to skip it.
+//
 // Input: leaf size, bin count (a byte each), the mesh (see decodeMesh), then rays until
-// the input ends.
+// the input ends. The high-quality builder's leaf limit is the leaf size taken into 1..8;
+// bit 7 of the bin count byte turns its spatial splits off.
 #include "kxFuzz.h"
 #include "kxFuzzGeometry.h"
 
@@ -25,7 +30,8 @@ namespace
 using kxfuzz::Input;
 using Vec3 = Wm4::Vector3<float>;
 
-constexpr uint32_t kMaxTriangles = 512;
+// The high-quality builder clips triangles only in nodes of 1024 or more.
+constexpr uint32_t kMaxTriangles = 1536;
 constexpr size_t kMaxRays = 64;
 constexpr float kInf = std::numeric_limits<float>::infinity();
 
@@ -132,12 +138,41 @@ bool slabsAreNumbers(const std::vector<float> (&faces)[3], const Ray& r)
     return true;
 }
 
+/// For each triangle, the box of every slot over a group that holds it; the root box
+/// when the tree has no nodes.
+std::vector<std::vector<kxBBox>> slotBoxesOver(const kxQBVH& qbvh, uint32_t triangles)
+{
+    std::vector<std::vector<kxBBox>> boxes(triangles);
+    const auto add = [&](uint32_t first, uint32_t count, const kxBBox& box) {
+        for (uint32_t g = first; g < first + count && g < qbvh.getGroupCount(); ++g)
+            for (int lane = 0; lane < 4; ++lane)
+            {
+                const uint32_t t = qbvh.getTriangleIndices()[g].index[lane];
+                if (t < triangles)
+                    boxes[t].push_back(box);
+            }
+    };
+    if (qbvh.getNodeCount() == 0)
+        add(0, qbvh.getGroupCount(), qbvh.getBBox());
+    for (uint32_t n = 0; n < qbvh.getNodeCount(); ++n)
+    {
+        const kxQBVH::tQBVHNode& node = qbvh.getNodes()[n];
+        for (int k = 0; k < 4; ++k)
+            if (node.count[k] != 0xFFFFFFFFu && node.count[k] != 0)
+                add(node.child[k], node.count[k],
+                    kxBBox(Vec3(node.bboxMin[0][k], node.bboxMin[1][k], node.bboxMin[2][k]),
+                           Vec3(node.bboxMax[0][k], node.bboxMax[1][k], node.bboxMax[2][k])));
+    }
+    return boxes;
+}
+
 struct Tree
 {
     const kxQBVH& qbvh;
     const kxfuzz::Mesh& mesh;
     const std::vector<kxfuzz::Placement>& placement;
     const std::vector<float> (&faces)[3];
+    const std::vector<std::vector<kxBBox>>& clippedBoxes;  // per triangle; empty unless clipped
     const char* builder;
 
     void check(const Ray& r, bool symmetric) const
@@ -171,9 +206,15 @@ struct Tree
             const Candidate c = test(qbvh, placement[i], r, symmetric);
             if (!c.accepted || !(c.distance < limit))
                 continue;
-            KX_FUZZ_CHECK(!slabPasses(mesh.box(i), r, lower, reach),
-                          "%s, %s: %s, but triangle %u is hit at %a inside its box", builder, query,
-                          hit ? "reports a farther hit" : "misses", i, c.distance);
+            if (clippedBoxes.empty())
+                KX_FUZZ_CHECK(!slabPasses(mesh.box(i), r, lower, reach),
+                              "%s, %s: %s, but triangle %u is hit at %a inside its box", builder, query,
+                              hit ? "reports a farther hit" : "misses", i, c.distance);
+            else
+                for (const kxBBox& box : clippedBoxes[i])
+                    KX_FUZZ_CHECK(!slabPasses(box, r, lower, reach),
+                                  "%s, %s: %s, but triangle %u is hit at %a and a slot box over it passes", builder,
+                                  query, hit ? "reports a farther hit" : "misses", i, c.distance);
         }
     }
 };
@@ -186,7 +227,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     Input in(data, size);
     kxfuzz::BuildSettings settings;
     settings.leafSize = 1 + in.byte() % 16;
-    settings.binCount = 1 + in.byte() % 32;
+    const uint8_t binByte = in.byte();
+    settings.binCount = 1 + binByte % 32;
+    settings.spatialSplits = (binByte & 0x80) == 0;
+    // Equal to the linear builder's leaf size from 1 to 8.
+    settings.maxLeaf = 1 + (settings.leafSize + 7) % 8;
     const kxfuzz::Mesh mesh = kxfuzz::decodeMesh(in, kMaxTriangles);
     std::vector<Ray> rays;
     while (!in.empty() && rays.size() < kMaxRays)
@@ -200,11 +245,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     {
         const char* name = kxfuzz::builderName(builder);
         kxGenericBVH bvh;
-        kxfuzz::buildBinary(builder, settings, container, bvh);
-        kxfuzz::checkBinary(bvh, container, name);
+        kxfuzz::buildBinary(builder, settings, mesh, container, bvh);
+        kxfuzz::checkBinary(bvh, container, builder, settings);
         kxQBVH qbvh;
         qbvh.buildFromBVH(flags, bvh, *mesh.mesh);
-        kxfuzz::checkFourWide(qbvh, mesh, name);
+        const bool clipped = kxfuzz::clipsTriangles(builder, settings);
+        kxfuzz::checkFourWide(qbvh, mesh, name, clipped);
 
         // Every face of every box the query may meet: the slots and the triangles' own.
         std::vector<float> faces[3];
@@ -227,8 +273,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         for (uint32_t i = 0; i < mesh.triangles(); ++i)
             add(mesh.box(i));
 
+        std::vector<std::vector<kxBBox>> clippedBoxes;
+        if (clipped)
+            clippedBoxes = slotBoxesOver(qbvh, mesh.triangles());
+
         const std::vector<kxfuzz::Placement> placement = kxfuzz::placeTriangles(qbvh, mesh.triangles());
-        const Tree tree{qbvh, mesh, placement, faces, name};
+        const Tree tree{qbvh, mesh, placement, faces, clippedBoxes, name};
         for (const Ray& r : rays)
         {
             tree.check(r, false);

@@ -166,6 +166,23 @@ SeedMesh specials()
     return m;
 }
 
+// A terrain crossed by long thin diagonal triangles, which the high-quality builder clips;
+// in 16 copies, as it clips only in nodes of a thousand triangles or more.
+SeedMesh slivers()
+{
+    SeedMesh m = terrain(10, 1.0f);
+    m.repeat = 5;
+    for (int i = 0; i < 6; ++i)
+    {
+        const float s = static_cast<float>(i);
+        const auto base = static_cast<uint8_t>(m.positions.size());
+        m.positions.insert(m.positions.end(),
+                           {Vec3(0, s * 1.5f, 0.5f), Vec3(9, 9 - s * 1.5f, 2.0f), Vec3(9, 9.05f - s * 1.5f, 2.0f)});
+        m.indices.insert(m.indices.end(), {base, static_cast<uint8_t>(base + 1), static_cast<uint8_t>(base + 2)});
+    }
+    return m;
+}
+
 SeedMesh degenerate()
 {
     SeedMesh m;
@@ -237,10 +254,11 @@ std::vector<SeedRay> raysAt(float lo, float hi)
     return rays;
 }
 
-void writeGeometrySeeds(const std::string& name, const SeedMesh& m, float lo, float hi, uint8_t flags, uint8_t leaf)
+void writeGeometrySeeds(const std::string& name, const SeedMesh& m, float lo, float hi, uint8_t flags, uint8_t leaf,
+                        bool spatialSplits = true)
 {
     Output q;
-    q.byte(flags);
+    q.byte(static_cast<uint8_t>(flags | (spatialSplits ? 0 : 4)));
     q.byte(leaf);
     q.byte(20);
     q.byte(16);
@@ -257,7 +275,7 @@ void writeGeometrySeeds(const std::string& name, const SeedMesh& m, float lo, fl
 
     Output c;
     c.byte(static_cast<uint8_t>(leaf == 0 ? 0 : leaf - 1));
-    c.byte(15);
+    c.byte(spatialSplits ? 15 : 0x8F);
     kxfuzz::encodeMesh(c, m.positions, m.indices, m.repeat);
     for (const SeedRay& r : raysAt(lo, hi))
         encodeRay(c, r, false);
@@ -274,6 +292,8 @@ void writeMeshSeeds()
     writeGeometrySeeds("terrain-tiny", terrain(6, 1e-30f), 0, 5e-30f, 2, 8);
     writeGeometrySeeds("specials", specials(), 0, 1, 3, 2);
     writeGeometrySeeds("degenerate", degenerate(), 0, 2, 3, 1);
+    writeGeometrySeeds("slivers", slivers(), 0, 9, 3, 2);
+    writeGeometrySeeds("slivers-no-spatial-splits", slivers(), 0, 9, 3, 4, false);
     SeedMesh repeated = cube(0, 4);
     repeated.repeat = 7;  // 512 copies of each triangle
     writeGeometrySeeds("repeated", repeated, 0, 4, 3, 4);
