@@ -6,6 +6,7 @@ kx_packages=(
   libwildmagic-dev
   libcli11-dev libassimp-dev nlohmann-json3-dev libstb-dev
   libembree-dev
+  python3-dev python3-numpy pybind11-dev python3-pybind11 python3-pytest
 )
 
 kx_install_deps() {

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds with every warning an error and runs the whole suite,
-# then does the same with AddressSanitizer + UndefinedBehaviorSanitizer. The last line
-# printed is CTest's summary of the last suite that ran.
+# Installs what is missing, builds with every warning an error and runs the whole suite and
+# the Python module's tests, then the C++ suite again with AddressSanitizer +
+# UndefinedBehaviorSanitizer. The last line printed is the summary of the last suite that
+# ran.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -25,9 +26,22 @@ run_suite() {
   return "$status"
 }
 
+# The Python module's tests (pytest, Debian's interpreter) against the module of this build.
+run_python_tests() {
+  local dir=$1
+  echo "== Running the Python tests in $dir"
+  PYTHONPATH="$dir/python" KXBVH_TOOL="$dir/tools/kxbvh/kxbvh" KXBVH_REFERENCE="$dir/python/kxbvhReference" \
+    /usr/bin/python3 -m pytest -p no:cacheprovider -q tests/python 2>&1 | tee "$dir/pytest.log"
+  local status=${PIPESTATUS[0]}
+  if [ "$status" -ne 0 ]; then
+    summary="Python tests: $(grep -E '[0-9]+ (passed|failed|error)' "$dir/pytest.log" | tail -n 1)"
+  fi
+  return "$status"
+}
+
 summary="0% tests passed: the build failed"
 
-if ! configure_and_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo; then
+if ! configure_and_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKX_BUILD_PYTHON=ON; then
   echo "$summary"
   exit 1
 fi
@@ -35,8 +49,12 @@ if ! run_suite build; then
   echo "$summary"
   exit 1
 fi
+if ! run_python_tests build; then
+  echo "$summary"
+  exit 1
+fi
 
-if ! configure_and_build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKX_SANITIZE=ON -DKX_BUILD_BENCH=OFF; then
+if ! configure_and_build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKX_SANITIZE=ON -DKX_BUILD_BENCH=OFF -DKX_BUILD_PYTHON=OFF; then
   echo "0% tests passed: the sanitizer build failed"
   exit 1
 fi
