@@ -138,6 +138,14 @@ void kxWriteElements(kxBaseStream& stream, const Wm4::Plane3<Real>* planes, size
     }
 }
 
+/// True when the stream still holds count elements; otherwise the stream is left failed.
+template <typename T>
+bool kxElementsRemain(kxBaseStream& stream, size_t count)
+{
+    typedef typename kxArrayElement<T>::Scalar Scalar;
+    return stream.checkRemaining(sizeof(Scalar), count * kxArrayElement<T>::Components);
+}
+
 template <typename T>
 bool kxReadElements(kxBaseStream& stream, T* elements, size_t count)
 {

@@ -81,9 +81,11 @@ void kxTSharedArray<T>::Load(kxBaseStream& stream)
     int quantity = 0;
     if (!stream.readle(4, 1, &quantity))
         return;
-    // Allocated before reading, whatever the stream holds: an enormous quantity surfaces
-    // as std::bad_alloc here, and an allocation that succeeds is released when the
-    // elements are missing.
+    // A quantity the stream cannot hold is refused before anything is allocated for it:
+    // a few bytes of a scene file must not ask for gigabytes. A negative one fails in
+    // kxNewArray as it always has.
+    if (quantity >= 0 && !kxElementsRemain<T>(stream, static_cast<size_t>(quantity)))
+        return;
     std::unique_ptr<T[]> data(kxNewArray<T>(quantity));
     if (!kxReadElements(stream, data.get(), static_cast<size_t>(quantity)))
         return;

@@ -20,7 +20,9 @@ public:
 };
 
 /// Reads a flag byte (non-zero = cancelled), then its parent. Owns neither.
-/// The flag may be written from another thread; it is read as a plain byte.
+/// The flag may be written from any thread while another polls it: it is read as a
+/// relaxed atomic byte (no lock, no ordering), so a writer that shares it must write it
+/// atomically too (__atomic_store_n, or a kxCancelInterfaceProxy's cancel()).
 class kxCancelInterfaceProxyReadOnly : public kxCancelInterfaceReadOnly
 {
 public:
@@ -39,7 +41,9 @@ private:
 /// A writable link in a chain of cancellation sources. cancel() sets its flag and runs up
 /// the chain of parents; an additional read-only source is consulted but never written.
 /// Owns none of them. Not copyable: by default the flag pointer points at the proxy's
-/// own flag byte.
+/// own flag byte. The flag is read and written as a relaxed atomic byte, so cancel() and
+/// shouldCancel() may run on different threads at once; a cancel seen late only delays
+/// the stop until the next poll.
 class kxCancelInterfaceProxy : public kxCancelInterface
 {
 public:

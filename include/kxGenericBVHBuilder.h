@@ -31,8 +31,9 @@ public:
 double kxComputeSAHCost(const kxGenericBVH& bvh);
 
 /// Top-down BVH builder: binned SAH (B bins per axis) for nodes of 17 to 1024 primitives,
-/// median split on the longest axis above that, leaves of at most 16 primitives unless no
-/// split pays off, and no node below depth 32. One builder runs one build at a time.
+/// median split on the longest axis above that. Nodes of at most 16 primitives become
+/// leaves; larger leaves come only where no split pays off or at depth 32, below which
+/// no node goes (the root is depth 0). One builder runs one build at a time.
 class kxGenericBVHBuilder
 {
 public:

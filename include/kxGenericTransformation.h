@@ -62,8 +62,8 @@ public:
     /// Per-element ApplyForward of in[0..count-1] into out; nothing when count <= 0.
     /// in and out must not overlap unless they are the same array.
     void ApplyForward(int count, const Vector3* in, Vector3* out, bool withTranslation) const;
-    /// Inverse map. A zero uniform scale gives (MAX_REAL, MAX_REAL, MAX_REAL); other zero
-    /// scales give infinities; a matrix counted singular gives zero.
+    /// Inverse map. A zero uniform scale gives (MAX_REAL, MAX_REAL, MAX_REAL); a zero among
+    /// unequal scales gives infinities and NaN; a matrix counted singular gives zero.
     Vector3 ApplyInverse(const Vector3& p, bool withTranslation) const;
     /// Batch inverse, always removing the translation; unlike the single call it has no
     /// zero test for a uniform scale.
@@ -84,7 +84,8 @@ public:
     /// Replaces this with a decomposition of h into rotation × scale + translation, or a
     /// general matrix when that fails. rowVectorConvention true reads the layout that
     /// GetHomogeneous writes; false reads its transpose. Translations shorter than 1e-3
-    /// are dropped; a reflection becomes a negative first scale.
+    /// are dropped, and so are translations with a NaN component; a reflection becomes a
+    /// negative first scale. A NaN in the linear part keeps it as a general matrix.
     void FromHomogeneousMatrix(const Matrix4& h, bool rowVectorConvention);
 
     /// Exact equality of all fifteen values and of the three flags.

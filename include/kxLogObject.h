@@ -15,8 +15,9 @@ namespace kx
 /// Builds one log line with stream insertion and emits it when it goes out of scope: to
 /// the process-wide kxLog (when its flag for the level is set), to the system log (when a
 /// system log text was given), or to standard output when no kxLog exists. A level that
-/// is disabled, or 6, costs a clock read and a flag test: nothing is formatted. Nothing
-/// is emitted for an empty message. Belongs to one thread.
+/// is disabled, or 6, costs a clock read and the flag tests (plus the thread id while the
+/// error level is enabled): nothing is formatted. Nothing is emitted for an empty
+/// message. Belongs to one thread.
 class kxLogObject
 {
 public:

@@ -99,19 +99,23 @@ public:
     /// leaves of at most maxPrimitivesPerLeaf triangles) and collapses it.
     void buildFromMesh(tQBVHDataFlags flags, const kx::kxTriMesh& mesh, unsigned int maxPrimitivesPerLeaf);
 
-    /// Nearest triangle hit with tMin <= distance <= t (distances in units of direction's
+    /// Nearest triangle hit with tMin <= distance < t (distances in units of direction's
     /// length) on the sides allowed by policy. On a hit: t = distance, barycentric = (weight
-    /// of corner 0, weight of corner 1), triangle = its number, and true. On a miss the
-    /// outputs are left alone. Needs eTrianglesEquations: without them an error line is
-    /// logged at level 2 and the answer is false. NaN and infinite inputs are not
-    /// rejected; they produce misses. Thread-safe, allocation-free.
+    /// of corner 0, weight of corner 1), triangle = its number, and true. On a miss triangle
+    /// is set to 0xFFFFFFFF and t and barycentric are left alone: to keep the nearest hit
+    /// over several hierarchies, keep the triangle number of the last hit yourself. Needs
+    /// eTrianglesEquations: without them an error line is logged at level 2, the answer is
+    /// false and no output is written. NaN and infinite inputs are not rejected; they
+    /// produce misses. Thread-safe, allocation-free.
     bool intersectRay(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float tMin,
                       float& t, Wm4::Vector2<float>& barycentric, unsigned int& triangle,
                       tIntersectionPolicy policy) const;
 
     /// The ray as a whole line: the front-facing triangle crossing nearest to the origin
-    /// in either direction within |t|. On a hit t = |distance|, barycentric and triangle as
-    /// in intersectRay. Without eTrianglesEquations it answers false silently.
+    /// in either direction at a distance below t; a negative t finds nothing. On a hit
+    /// t = |distance| and barycentric and triangle are as in intersectRay; on a miss, as
+    /// there, triangle is set to 0xFFFFFFFF. Without eTrianglesEquations it answers false
+    /// silently and writes nothing. Thread-safe, allocation-free.
     bool intersectRaySymmetric(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
                                Wm4::Vector2<float>& barycentric, unsigned int& triangle) const;
 

@@ -37,9 +37,11 @@ public:
     const kxRtti& GetType() const override;
 
     /// Reads what Save writes into a fresh object; an array held before is not released.
-    /// A negative quantity throws std::bad_array_new_length and a quantity that cannot be
-    /// allocated std::bad_alloc, before any element is read. On a short stream the
-    /// stream is left failed and the object keeps its quantity and data.
+    /// A negative quantity throws std::bad_array_new_length before any element is read.
+    /// A quantity whose elements need more bytes than the stream still holds allocates
+    /// nothing and counts as a short stream: the stream is left failed and the object
+    /// keeps its quantity and data. A quantity the stream holds but that cannot be
+    /// allocated throws std::bad_alloc.
     void Load(kxBaseStream& stream) override;
     void PostLink(kxBaseStream& stream) override;
     /// Object part, 4-byte signed quantity, then quantity elements scalar by scalar,

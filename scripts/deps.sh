@@ -1,4 +1,4 @@
-# Sourced by the other scripts: installs the Debian packages the build needs, only those
+# Sourced by the other scripts: installs the Debian packages the build and the tests need, only those
 # that are missing.
 kx_packages=(
   g++ cmake make pkg-config git
@@ -6,6 +6,7 @@ kx_packages=(
   libwildmagic-dev
   libcli11-dev libassimp-dev nlohmann-json3-dev libstb-dev
   libembree-dev
+  assimp-testmodels
   python3-dev python3-numpy pybind11-dev python3-pybind11 python3-pytest
 )
 

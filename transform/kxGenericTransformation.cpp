@@ -50,8 +50,8 @@ Wm4::Vector3<Real> componentProduct(const Wm4::Vector3<Real>& a, const Wm4::Vect
     return Wm4::Vector3<Real>(a[0] * b[0], a[1] * b[1], a[2] * b[2]);
 }
 
-// 1/s per axis through a single reciprocal in double; no zero test, a zero scale gives
-// infinities.
+// 1/s per axis through a single reciprocal in double; no zero test: a zero scale gives an
+// infinity on its own axis and NaN (0 times infinity) on the others.
 template <typename Real>
 Wm4::Vector3<Real> reciprocalScales(const Wm4::Vector3<Real>& s)
 {
@@ -95,10 +95,20 @@ Wm4::Matrix3<Real> invert3(const Wm4::Matrix3<Real>& m, Real* determinant = null
     return adj;
 }
 
+// Wild Magic's Length without its assertion: Sqrt returns 0 for a NaN square, but asserts
+// first wherever NDEBUG is not defined (a debug build, or a client's copy of the inline
+// function). Otherwise it calls std::sqrt, so results stay the same bit for bit.
+template <typename Real>
+Real lengthOrZero(const Wm4::Vector3<Real>& v)
+{
+    const Real squared = v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
+    return squared >= Real(0) ? std::sqrt(squared) : Real(0);
+}
+
 template <typename Real>
 Wm4::Vector3<Real> unitOrZero(const Wm4::Vector3<Real>& v)
 {
-    const Real length = v.Length();
+    const Real length = lengthOrZero(v);
     const Real invLength = Real(1) / length;
     if (length == Real(0) || static_cast<double>(invLength) > DBL_MAX)
         return Wm4::Vector3<Real>(Real(0), Real(0), Real(0));

@@ -63,13 +63,24 @@ void kxBaseStream::writele(size_t elementSize, size_t count, const void* data)
     }
 }
 
+bool kxBaseStream::checkRemaining(size_t elementSize, size_t count)
+{
+    // Divided rather than multiplied, so that no count can overflow the test.
+    if (elementSize == 0 || count <= GetRemaining() / elementSize)
+        return true;
+    mFailed = true;
+    return false;
+}
+
 bool kxBaseStream::readle(size_t elementSize, size_t count, void* data)
 {
-    if (!validElementSize(elementSize) || count > GetRemaining() / elementSize)
+    if (!validElementSize(elementSize))
     {
         mFailed = true;
         return false;
     }
+    if (!checkRemaining(elementSize, count))
+        return false;
     unsigned char* out = static_cast<unsigned char*>(data);
     const unsigned char* in = mBuffer.data() + mPosition;
     for (size_t e = 0; e < count; ++e, out += elementSize)
@@ -97,10 +108,9 @@ bool kxBaseStream::readString(std::string& text)
     uint32_t length = 0;
     if (!readle(4, 1, &length))
         return false;
-    if (length > GetRemaining())
+    if (!checkRemaining(1, length))
     {
         mPosition = start;
-        mFailed = true;
         return false;
     }
     text.assign(reinterpret_cast<const char*>(mBuffer.data() + mPosition), length);

@@ -22,9 +22,15 @@ public:
     /// Reads count elements; false (nothing written to data) when the stream runs out or
     /// elementSize is not 1, 2, 4 or 8.
     bool readle(size_t elementSize, size_t count, void* data);
+    /// True when count elements of elementSize bytes are still to be read. Otherwise marks
+    /// the stream failed, as a read past the end does, so that a reader refuses a declared
+    /// count before allocating anything for it.
+    bool checkRemaining(size_t elementSize, size_t count);
 
     /// 4-byte length, then the bytes.
     void writeString(const std::string& text);
+    /// False, with the text and the read position untouched, when the declared length
+    /// runs past the end; nothing is allocated for such a length.
     bool readString(std::string& text);
 
     /// Writes the object's type name as a string, then the object's Save.
@@ -43,6 +49,7 @@ public:
 
     void Rewind();
     size_t GetPosition() const { return mPosition; }
+    /// Bytes between the read position and the end.
     size_t GetRemaining() const { return mBuffer.size() - mPosition; }
     bool Failed() const { return mFailed; }
 

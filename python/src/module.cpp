@@ -59,7 +59,11 @@ py::tuple load(const py::object& pathObject)
         py::gil_scoped_release release;
         try
         {
-            mesh = kxbvh::loadMeshFile(name);
+            // No address-space limit while assimp reads: the tool's limit is process-wide,
+            // which a module must not impose on the program around it.
+            kxbvh::ReadOptions options;
+            options.memory = 0;
+            mesh = kxbvh::loadMeshFile(name, options);
         }
         catch (const kxbvh::InputError& error)
         {
@@ -93,7 +97,8 @@ Every mesh of the file is triangulated and merged into one, with its node transf
 applied, exactly as the kxbvh tool reads it.
 
 Returns (vertices, triangles): float32 of shape (V, 3) and uint32 of shape (T, 3).
-Raises OSError (FileNotFoundError, PermissionError, ...) naming the path when the file
+While assimp reads, its own messages are silenced: the process's standard output and
+error lead nowhere for that moment. Raises OSError (FileNotFoundError, PermissionError, ...) naming the path when the file
 cannot be read, is not a mesh assimp understands, has no triangles or has coordinates that
 are not finite numbers.)";
 

@@ -1,3 +1,4 @@
+#include "kxAllocationWatch.h"
 #include "kxTSharedArray.h"
 
 #include <gtest/gtest.h>
@@ -145,17 +146,65 @@ TYPED_TEST(SharedArray, EveryTruncationFailsWithoutAnObjectOrALeak)
     {
         kx::kxBaseStream stream;
         stream.SetBuffer(std::vector<unsigned char>(bytes.begin(), bytes.begin() + length));
-        EXPECT_EQ(nullptr, kx::kxPointer<kx::kxObject>(stream.LoadObject()).get()) << "length " << length;
+        {
+            const kxtest::AllocationWatch watch;
+            EXPECT_EQ(nullptr, kx::kxPointer<kx::kxObject>(stream.LoadObject()).get()) << "length " << length;
+            EXPECT_EQ(0u, watch.arrayAllocations()) << "length " << length;
+        }
         if (length < objectStart)
             continue;
         stream.SetBuffer(std::vector<unsigned char>(bytes.begin() + objectStart, bytes.begin() + length));
         Array fresh;
+        const kxtest::AllocationWatch watch;
         EXPECT_NO_THROW(fresh.Load(stream)) << "length " << length;
         EXPECT_TRUE(stream.Failed() && fresh.GetQuantity() == 0 && fresh.GetData() == nullptr) << "length " << length;
+        EXPECT_EQ(0u, watch.arrayAllocations()) << "length " << length;
     }
 }
 
-TEST(SharedArrayStream, NegativeAndEnormousQuantitiesLoadNothing)
+// The stream holds three elements after its quantity. Every quantity it can hold loads
+// that many; every larger one, up to far more bytes than the stream has and the largest
+// an int can say, loads nothing and allocates nothing for the elements.
+TYPED_TEST(SharedArray, AQuantityBeyondTheStreamLoadsNullWithoutAllocatingForIt)
+{
+    using Array = kx::kxTSharedArray<TypeParam>;
+    Array::RegisterFactory();
+    std::mt19937 rng(13);
+    const int held = 3;
+    kx::kxPointer<Array> elements = randomArray<TypeParam>(rng, held);
+    auto bytesFor = [&](int32_t quantity) {
+        return streamBytes(Array::TYPE.GetName(), 1, quantity, elements->GetData(), held * sizeof(TypeParam));
+    };
+    std::vector<int32_t> quantities;
+    const auto farBeyond = static_cast<int32_t>(4 * bytesFor(0).size());
+    for (int32_t quantity = 0; quantity <= farBeyond; ++quantity)
+        quantities.push_back(quantity);
+    for (int32_t quantity : {1 << 20, 1 << 27, 100000000, 1 << 30, INT_MAX})
+        quantities.push_back(quantity);
+    for (int32_t quantity : quantities)
+    {
+        kx::kxBaseStream stream;
+        stream.SetBuffer(bytesFor(quantity));
+        const kxtest::AllocationWatch watch;
+        const kx::kxPointer<kx::kxObject> loaded = stream.LoadObject();
+        if (quantity <= held)
+        {
+            ASSERT_NE(nullptr, loaded.get()) << "quantity " << quantity;
+            const Array& array = static_cast<const Array&>(*loaded);
+            ASSERT_EQ(quantity, array.GetQuantity());
+            ASSERT_EQ(0, std::memcmp(elements->GetData(), array.GetData(), quantity * sizeof(TypeParam)));
+            ASSERT_EQ(1u, watch.arrayAllocations());
+            continue;
+        }
+        ASSERT_EQ(nullptr, loaded.get()) << "quantity " << quantity;
+        ASSERT_TRUE(stream.Failed()) << "quantity " << quantity;
+        ASSERT_EQ(0u, watch.arrayAllocations()) << "quantity " << quantity;
+        // The object and its type name, nothing in proportion to the quantity.
+        ASSERT_LT(watch.largestRequest(), 1024u) << "quantity " << quantity;
+    }
+}
+
+TEST(SharedArrayStream, NegativeQuantitiesAndShortObjectPartsLoadNothing)
 {
     kx::kxFloatArray::RegisterFactory();
     const std::vector<unsigned char> padding(128);
@@ -163,16 +212,14 @@ TEST(SharedArrayStream, NegativeAndEnormousQuantitiesLoadNothing)
     {
         kx::kxBaseStream stream;
         stream.SetBuffer(streamBytes("kxFloatArray", 1, quantity, padding.data(), padding.size()));
+        const kxtest::AllocationWatch watch;
         EXPECT_EQ(nullptr, kx::kxPointer<kx::kxObject>(stream.LoadObject()).get());
         stream.SetBuffer(streamBytes("", 1, quantity, padding.data(), padding.size()));
         kx::kxFloatArray fresh;
         EXPECT_THROW(fresh.Load(stream), std::bad_array_new_length);
         EXPECT_TRUE(fresh.GetQuantity() == 0 && fresh.GetData() == nullptr);
+        EXPECT_EQ(0u, watch.arrayAllocations());
     }
-    // An enormous quantity either cannot be allocated or runs out of data: no object either way.
-    kx::kxBaseStream huge;
-    huge.SetBuffer(streamBytes("kxFloatArray", 1, INT_MAX, padding.data(), padding.size()));
-    EXPECT_EQ(nullptr, kx::kxPointer<kx::kxObject>(huge.LoadObject()).get());
     // An object part that runs short: its name length must not be read again as -1 elements.
     kx::kxBaseStream stream;
     stream.SetBuffer({0xFF, 0xFF, 0xFF, 0xFF, 'a', 'b'});

@@ -1,7 +1,10 @@
+#include "kxAllocationWatch.h"
 #include "kxBaseStream.h"
+#include "kxObject.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -47,4 +50,52 @@ TEST(BaseStream, WritesLittleEndianElementsAndLengthPrefixedStringsAndReadsThemB
     EXPECT_TRUE(back[0] == 0x08 && text == "h\xC3\xA9llo" && stream.GetPosition() == 0u && stream.Failed());
     stream.SetBuffer({});
     EXPECT_FALSE(stream.Failed()) << "new content clears the failure";
+}
+
+// A length word followed by a few bytes, for every length up to far beyond them and the
+// largest the word can say: the string, a stored type name and an object's name.
+TEST(BaseStream, DeclaredLengthsBeyondTheDataFailWithoutAllocatingForThem)
+{
+    const Bytes text = {'s', 'c', 'e', 'n', 'e', 0, 0, 0, 0};
+    std::vector<uint32_t> lengths;
+    for (uint32_t length = 0; length <= 4 * text.size(); ++length)
+        lengths.push_back(length);
+    for (uint32_t length : {1u << 20, 100000000u, 0x7FFFFFFFu, 0xFFFFFFFFu})
+        lengths.push_back(length);
+    for (uint32_t length : lengths)
+    {
+        kx::kxBaseStream stream;
+        stream.writele(4, 1, &length);
+        Bytes bytes = stream.GetBuffer();
+        bytes.insert(bytes.end(), text.begin(), text.end());
+        stream.SetBuffer(bytes);
+        const kxtest::AllocationWatch watch;
+        std::string read = "kept";
+        const bool fits = length <= text.size();
+        ASSERT_EQ(fits, stream.readString(read)) << "length " << length;
+        ASSERT_EQ(fits ? std::string(text.begin(), text.begin() + length) : "kept", read);
+        ASSERT_EQ(fits ? 4 + length : 0u, stream.GetPosition());
+        ASSERT_EQ(!fits, stream.Failed());
+        if (fits)
+            continue;
+
+        stream.Rewind();
+        ASSERT_EQ(nullptr, stream.LoadObject()) << "type name of length " << length;
+        stream.Rewind();
+        kx::kxObject object;
+        object.SetName("kept");
+        object.Load(stream);
+        ASSERT_TRUE(stream.Failed() && object.GetName() == "kept") << "name of length " << length;
+        ASSERT_LT(watch.largestRequest(), 256u) << "length " << length;
+    }
+
+    kx::kxBaseStream stream;
+    stream.SetBuffer(Bytes(10));
+    EXPECT_TRUE(stream.checkRemaining(8, 1) && stream.checkRemaining(2, 5) && stream.checkRemaining(1000, 0));
+    EXPECT_FALSE(stream.Failed());
+    EXPECT_FALSE(stream.checkRemaining(1, SIZE_MAX)) << "the test must not overflow";
+    EXPECT_TRUE(stream.Failed() && stream.GetPosition() == 0u);
+    stream.Rewind();
+    EXPECT_FALSE(stream.checkRemaining(SIZE_MAX / 2, 3));
+    EXPECT_TRUE(stream.Failed());
 }

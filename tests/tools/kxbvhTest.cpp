@@ -9,7 +9,9 @@
 #include <kxQBVH.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,10 +20,12 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -38,6 +42,8 @@ struct ToolResult
     int status = -1; // the exit status, or 128 + the signal that ended the process
     std::string out;
     std::string err;
+    double seconds = 0.0;     // from start to end
+    uint64_t peakBytes = 0;   // resident memory at its largest
 };
 
 // A fresh folder, removed with its files at the end of the test.
@@ -70,10 +76,12 @@ struct Png
     const uint8_t* at(int x, int y) const { return &rgba[(size_t(y) * width + x) * 4]; }
 };
 
-// Runs the tool to its end; with a marker, presses Ctrl-C (SIGINT) once the marker shows on
-// its standard error.
-ToolResult runTool(const std::vector<std::string>& args, const std::string& interruptMarker = "")
+// Runs the tool to its end, or kills it after the time limit as hung; with a marker, presses
+// Ctrl-C (SIGINT) once the marker shows on its standard error.
+ToolResult runTool(const std::vector<std::string>& args, const std::string& interruptMarker = "",
+                   double limitSeconds = 300.0)
 {
+    const auto start = std::chrono::steady_clock::now();
     TempDir dir;
     int pipeFds[2];
     if (pipe(pipeFds) != 0)
@@ -99,15 +107,30 @@ ToolResult runTool(const std::vector<std::string>& args, const std::string& inte
     ToolResult result;
     bool sent = false;
     char buffer[4096];
-    for (ssize_t n; (n = read(pipeFds[0], buffer, sizeof buffer)) > 0;)
+    pollfd readable{pipeFds[0], POLLIN, 0};
+    bool killed = false;
+    while (true)
     {
+        const double left =
+            limitSeconds - std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (!killed && (left <= 0.0 || poll(&readable, 1, static_cast<int>(left * 1000) + 1) == 0))
+        {
+            killed = kill(pid, SIGKILL) == 0;
+            result.err += "(killed as hung)\n";
+        }
+        const ssize_t n = read(pipeFds[0], buffer, sizeof buffer);
+        if (n <= 0)
+            break;
         result.err.append(buffer, size_t(n));
         if (!sent && !interruptMarker.empty() && result.err.find(interruptMarker) != std::string::npos)
             sent = kill(pid, SIGINT) == 0;
     }
     close(pipeFds[0]);
     int status = 0;
-    waitpid(pid, &status, 0);
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    result.peakBytes = uint64_t(usage.ru_maxrss) * 1024;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
     std::ostringstream out;
     out << std::ifstream(dir.file("stdout")).rdbuf();
@@ -288,6 +311,75 @@ TEST(KxbvhErrors, BadMeshFilesAreNamedAndRejectedWithStatus2ByEveryCommand)
     }
 }
 
+TEST(KxbvhErrors, HeadersThatWouldMakeAssimpLoopOrAllocateWithoutBoundAreRejectedAtOnceInOneLine)
+{
+    TempDir dir;
+    const std::string plyHeader = "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\n"
+                                  "property float z\nelement face 1\nproperty list uchar int vertex_indices\n";
+    const std::string plyData = "0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n";
+    auto withCount = [&](const std::string& format, const std::string& count) {
+        std::string header = plyHeader;
+        header.replace(header.find("ascii"), 5, format);
+        return header.replace(header.find("vertex 3"), 8, "vertex " + count) + "end_header\n" + plyData;
+    };
+    const struct
+    {
+        const char* name;
+        const char* reason;
+        std::string content;
+    } cases[] = {
+        // Assimp searches for ever for a line whose first word is exactly end_header.
+        {"no-end.ply", "its header has no end_header line", plyHeader + plyData},
+        {"suffixed-end.ply", "its header has no end_header line", plyHeader + "end_headerx\n" + plyData},
+        {"commented-end.ply", "its header has no end_header line", plyHeader + "comment end_header\n" + plyData},
+        {"capital-end.ply", "its header has no end_header line", plyHeader + "END_HEADER\n" + plyData},
+        {"format-only.ply", "its header has no end_header line", "ply\nformat ascii 1.0\n"},
+        // It walks through every declared element, present or not (10 million: half a minute).
+        {"many.ply", "declares 10,000,000 'vertex', 1 'face' elements", withCount("ascii", "10000000")},
+        {"many-binary.ply", "declares 3,000,000,000 'vertex'", withCount("binary_little_endian", "3000000000")},
+        // It allocates the declared vertices before reading one (16 GB for these 300 bytes).
+        {"huge.off", "declares 353,535,235,358 vertices and 6 faces",
+         "OFF\n353535235358 6 0\n-0.5 -0.5 0.5\n0.5 -0.5 0.5\n-0.5 0.5 0.5\n0.5 0.5 0.5\n-0.5 0.5 -0.5\n"
+         "0.5 0.5 -0.5\n-0.5 -0.5 -0.5\n0.5 -0.5 -0.5\n4 0 1 3 2\n4 2 3 5 4\n4 4 5 7 6\n4 6 7 1 0\n"
+         "4 1 7 5 3\n4 6 0 2 4\n"},
+        {"headerless.off", "declares 4,000,000,000 vertices", "4000000000 1 0\n0 0 0\n3 0 0 0\n"},
+        {"commented.off", "declares 100,000,000 vertices", "# colours\nCOFF\n100000000 1 0\n0 0 0 1 1 1 1\n3 0 0 0\n"},
+        {"dimension.off", "declares 50,000,000 vertices", "nOFF 2\n50000000 1 0\n0 0\n3 0 0 0\n"}};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        const std::string file = dir.file(c.name);
+        writeText(file, c.content);
+        const ToolResult run = runTool({"info", file}, "", 20.0);
+        expectOneErrorLine(run, 2, file, c.reason);
+        // Nothing the size of the declared data was allocated.
+        EXPECT_LT(run.peakBytes, uint64_t(512) << 20);
+    }
+}
+
+TEST(KxbvhErrors, AFileNeedingMoreMemoryToReadThanAllowedIsRejectedInOneLine)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "under AddressSanitizer the tool sets no memory limit";
+#endif
+    // Each subdivision level quadruples the quad's faces: level 12 makes 16 million.
+    TempDir dir;
+    auto subdivided = [&](int level) {
+        const std::string file = dir.file("quad" + std::to_string(level) + ".ac");
+        writeText(file, "AC3Db\nMATERIAL \"m\" rgb 1 1 1  amb 0.2 0.2 0.2  emis 0 0 0  spec 0.2 0.2 0.2  shi 128  "
+                        "trans 0\nOBJECT world\nkids 1\nOBJECT poly\nsubdiv " +
+                            std::to_string(level) +
+                            "\nnumvert 4\n0 0 0\n1 0 0\n1 1 0\n0 1 0\nnumsurf 1\nSURF 0x20\nmat 0\nrefs 4\n"
+                            "0 0 0\n1 0 0\n2 0 0\n3 0 0\nkids 0\n");
+        return file;
+    };
+    const std::string small = subdivided(2), large = subdivided(12);
+    EXPECT_EQ(infoJson({"info", small, "--json", "--read-memory", "64MB"})["mesh"]["triangles"], 32);
+    const ToolResult run = runTool({"info", large, "--read-memory", "64MB"}, "", 60.0);
+    expectOneErrorLine(run, 2, large, "needs more than 64.0 MiB of memory to read (--read-memory)");
+    EXPECT_LT(run.peakBytes, uint64_t(256) << 20);
+}
+
 TEST(KxbvhErrors, BadOptionValuesAreNamedAndRejectedWithStatus2)
 {
     TempDir dir;
@@ -408,6 +500,59 @@ TEST(KxbvhInfo, EveryFileFormatBuilderAndLeafSizeGivesTheLibrarysFigures)
     for (unsigned leaf : {1u, 7u})
         expectLibraryFigures(infoJson({"info", dir.file("soup.obj"), "--json", "--leaf", std::to_string(leaf)}), *mesh,
                              "linear", leaf);
+}
+
+TEST(KxbvhInfo, PlyHeadersWithFreeTextLinesGiveTheLibrarysFigures)
+{
+    // Old Blender exports wrote a line of free text into the header, which assimp skips.
+    TempDir dir;
+    std::mt19937 rng(11);
+    const auto mesh = kxtest::randomSoup(rng, 200);
+    writeMesh(*mesh, dir.file("plain.ply"));
+    std::ifstream plain(dir.file("plain.ply"), std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(plain)), std::istreambuf_iterator<char>());
+    const size_t afterFormat = text.find('\n', text.find("format")) + 1, endHeader = text.find("end_header");
+    auto variant = [&](const std::string& name, const std::string& extra, const std::string& end) {
+        writeText(dir.file(name), text.substr(0, afterFormat) + extra + text.substr(afterFormat, endHeader - afterFormat) +
+                                      end + text.substr(endHeader + 10));
+        return dir.file(name);
+    };
+    for (const std::string& file :
+         {variant("blender.ply", "Created by Blender3D 247 - www.blender.org, source file: \n", "end_header"),
+          variant("notes.ply", "comment made by hand\nobj_info scanned\n\nsome words\n", "  end_header  "),
+          variant("tabbed.ply", "\t\tindented words\n", "\tend_header")})
+    {
+        SCOPED_TRACE(file);
+        const ToolResult quiet = runTool({"info", file, "--json"});
+        EXPECT_TRUE(quiet.status == 0 && quiet.err.empty()) << quiet.err;
+        expectLibraryFigures(json::parse(quiet.out), *mesh, "linear", 4);
+    }
+}
+
+TEST(KxbvhInfo, AssimpsOwnMessagesShowOnlyWithVerboseAndNeverOnStandardOutput)
+{
+    TempDir dir;
+    writeMesh(*quad(0, 0, 1, 1, 0), dir.file("quad.obj"));
+    // OpenGEX's parser prints on its own for an empty object, before assimp's error.
+    const std::string quadFile = dir.file("quad.obj"), emptyCamera = dir.file("camera.ogex");
+    writeText(emptyCamera, "CameraObject {}\n");
+
+    const ToolResult quiet = runTool({"info", quadFile, "--json"});
+    EXPECT_TRUE(quiet.status == 0 && quiet.err.empty()) << quiet.err;
+    const ToolResult verbose = runTool({"info", quadFile, "--json", "--verbose"});
+    EXPECT_EQ(verbose.status, 0);
+    EXPECT_NE(verbose.err.find("Info,  T0: Load " + quadFile), std::string::npos) << verbose.err;
+    EXPECT_EQ(json::parse(verbose.out)["mesh"]["triangles"], 2);
+
+    expectOneErrorLine(runTool({"info", emptyCamera}), 2, emptyCamera, "cannot read");
+    const ToolResult told = runTool({"info", emptyCamera, "--verbose"});
+    EXPECT_EQ(told.status, 2);
+    EXPECT_TRUE(told.out.empty()) << told.out;
+    EXPECT_NE(told.err.find("DDLNode"), std::string::npos) << told.err;
+    EXPECT_NE(told.err.find("Error, T0:"), std::string::npos) << told.err;
+    // The tool's own line comes last, once.
+    const size_t lastLine = told.err.rfind('\n', told.err.size() - 2) + 1;
+    EXPECT_EQ(told.err.find("kxbvh: error: "), lastLine) << told.err;
 }
 
 TEST(KxbvhInfo, TheBuiltInSceneIsTheSameOnEveryRunSizedAsAskedAndLogsOnlyWhenVerbose)

@@ -324,6 +324,14 @@ TYPED_TEST(GenericTransformation, NormIsTheRowSumAndZeroOrNegativeDeterminantsIn
     V3<Real> out;
     t.ApplyInverse(1, &p, &out);
     EXPECT_FALSE(std::isfinite(out[0]) || std::isfinite(out[1]) || std::isfinite(out[2]));
+    // A zero among unequal scales: an infinity on its own axis, 0 times infinity (NaN) on
+    // the others, singly and in batches.
+    t.SetRotate(M3<Real>::IDENTITY);
+    t.SetScale(V3<Real>(Real(0), Real(2), Real(4)));
+    for (const V3<Real>& back : {t.ApplyInverse(p, false), t.InvertVector(p)})
+        EXPECT_TRUE(std::isinf(back[0]) && std::isnan(back[1]) && std::isnan(back[2]));
+    t.ApplyInverse(1, &p, &out);
+    EXPECT_TRUE(std::isinf(out[0]) && std::isnan(out[1]) && std::isnan(out[2]));
 
     // Negative determinants are singular unless close to -1.
     for (Real first : {Real(-2), Real(-0.5), Wm4::Math<Real>::ZERO_TOLERANCE / 2, Real(-1), Real(0.5)})
@@ -350,6 +358,10 @@ TYPED_TEST(GenericTransformation, DecompositionDropsTinyTranslationsAndNearIdent
         (rows ? h[3][1] : h[1][3]) = Real(0.0011);
         t.FromHomogeneousMatrix(h, rows);
         EXPECT_TRUE(t.GetTranslate() == V3<Real>(Real(0.0005), Real(0.0011), Real(0)));
+        // Its length is no number, so it is not long enough either.
+        (rows ? h[3][2] : h[2][3]) = std::numeric_limits<Real>::quiet_NaN();
+        t.FromHomogeneousMatrix(h, rows);
+        EXPECT_TRUE(t.IsIdentity() && t.GetTranslate() == V3<Real>::ZERO);
     }
     // Within 1e-6 of the identity a linear part is dropped, even with unequal scales.
     M4<Real> almost(false);

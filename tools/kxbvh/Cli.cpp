@@ -27,6 +27,10 @@ const char* const kFooter = R"(
 Without a MESH the built-in scene is used (a bumpy sphere and a torus over hilly ground,
 about a million triangles; --triangles N changes its size).
 
+A file that cannot be used (unreadable, not a mesh, no triangles, a header declaring more
+than the file holds, more memory to read than --read-memory allows) gives one line on
+standard error naming it, and exit status 2.
+
 Examples:
   kxbvh info                          figures for the built-in scene
   kxbvh info bunny.ply --json         the same for a file, as JSON
@@ -102,7 +106,8 @@ MeshOptions addMeshOptions(CLI::App& command, MeshSource& source)
     options.path = command.add_option("MESH", source.path,
                                       "Mesh file: OBJ, PLY, STL, glTF/GLB, OFF, 3DS, FBX, DAE, ... (anything assimp "
                                       "reads); all its meshes are merged with their node transforms. Without it, the "
-                                      "built-in scene");
+                                      "built-in scene. A file that cannot be used gives one line and status 2 "
+                                      "(kxbvh --verbose shows what assimp said; --read-memory bounds its memory)");
     options.path->type_name("FILE");
     options.triangles =
         command.add_option("--triangles", source.sceneTriangles, "Size of the built-in scene, in triangles")
@@ -194,8 +199,16 @@ int runCommandLine(int argc, char** argv)
             {"auto", ProgressMode::eAuto}, {"always", ProgressMode::eAlways}, {"never", ProgressMode::eNever}}))
         ->type_name("auto|always|never")
         ->default_str("auto");
-    bool verbose = false;
-    app.add_flag("--verbose", verbose, "Also show the library's own log lines (on standard error)");
+    ReadOptions read;
+    app.add_flag("--verbose", read.verbose,
+                 "Also show, on standard error, the library's own log lines and what assimp says while it reads a "
+                 "file");
+    app.add_option_function<uint64_t>(
+           "--read-memory", [&read](uint64_t bytes) { read.memory = bytes; },
+           "Memory assimp may take to read the file, e.g. 4GB; 0 for no limit (default: 1 GiB, or 64 times the "
+           "file's size beyond 16 MiB)")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->type_name("SIZE");
 
     InfoOptions info;
     CLI::App* infoCommand = app.add_subcommand(
@@ -277,7 +290,9 @@ int runCommandLine(int argc, char** argv)
     }
 
     setProgressMode(progress);
-    routeLibraryLog(verbose);
+    routeLibraryLog(read.verbose);
+    for (MeshSource* source : {&info.source, &render.source, &cull.source, &bench.source})
+        source->read = read;
     if (infoCommand->parsed())
     {
         rejectLeafWithSah(infoLeaf, info.build);

@@ -11,16 +11,17 @@ namespace
 {
 char gInterruptFlag = 0;
 
+// The signal may land on any thread while others poll the flag, so it is read and written
+// as the library's proxies do: as a relaxed atomic byte, which is also signal-safe.
 extern "C" void onInterrupt(int)
 {
-    volatile char* flag = &gInterruptFlag;
-    if (*flag)
+    if (__atomic_load_n(&gInterruptFlag, __ATOMIC_RELAXED))
     {
         std::signal(SIGINT, SIG_DFL);
         std::raise(SIGINT);
         return;
     }
-    *flag = 1;
+    __atomic_store_n(&gInterruptFlag, char(1), __ATOMIC_RELAXED);
 }
 } // namespace
 
@@ -41,7 +42,7 @@ char* interruptFlag()
 
 bool interrupted()
 {
-    return *static_cast<volatile char*>(&gInterruptFlag) != 0;
+    return __atomic_load_n(&gInterruptFlag, __ATOMIC_RELAXED) != 0;
 }
 
 void throwIfInterrupted(const char* step)

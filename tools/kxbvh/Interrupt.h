@@ -7,7 +7,8 @@ namespace kxbvh
 {
 void installInterruptHandler();
 
-/// The byte the handler sets. The library's cancellation proxies read it as a plain byte.
+/// The byte the handler sets, as a relaxed atomic byte; the library's cancellation
+/// proxies read it the same way.
 char* interruptFlag();
 
 bool interrupted();

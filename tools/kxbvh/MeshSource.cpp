@@ -2,6 +2,8 @@
 
 #include "Errors.h"
 #include "Format.h"
+#include "HeaderChecks.h"
+#include "ImportGuards.h"
 #include "Interrupt.h"
 #include "Progress.h"
 #include "Scene.h"
@@ -19,8 +21,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -33,7 +34,8 @@ InputError fileError(const std::string& path, const std::string& problem)
     return InputError("'" + path + "' " + problem);
 }
 
-void checkReadable(const std::string& path)
+/// The file's size.
+uint64_t checkReadable(const std::string& path)
 {
     struct stat info;
     if (stat(path.c_str(), &info) != 0)
@@ -46,30 +48,25 @@ void checkReadable(const std::string& path)
     std::fclose(file);
     if (info.st_size == 0)
         throw fileError(path, "is empty");
+    return static_cast<uint64_t>(info.st_size);
 }
 
-/// Assimp's PLY reader never returns from some malformed headers, so a PLY header is
-/// checked here first: every line up to end_header must start with a known keyword.
-void checkPlyHeader(const std::string& path)
+/// Assimp's messages may span lines; ours take one.
+std::string oneLine(std::string text)
 {
-    std::ifstream file(path, std::ios::binary);
-    std::string line;
-    if (!std::getline(file, line) || line.compare(0, 3, "ply") != 0)
-        return;
-    static const char* const keywords[] = {"format", "comment", "obj_info", "element", "property"};
-    constexpr int kMaxHeaderLines = 100000;
-    for (int number = 2; number <= kMaxHeaderLines && std::getline(file, line); ++number)
-    {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        if (line == "end_header")
-            return;
-        const std::string word = line.substr(0, line.find(' '));
-        if (std::find(std::begin(keywords), std::end(keywords), word) == std::end(keywords))
-            throw fileError(path, "is not a valid PLY file: header line " + std::to_string(number) + " ('" +
-                                      line.substr(0, 40) + "') is not a PLY header line");
-    }
-    throw fileError(path, "is not a valid PLY file: its header has no end_header line");
+    for (char& c : text)
+        if (c == '\n' || c == '\r' || c == '\t')
+            c = ' ';
+    while (!text.empty() && (text.back() == ' ' || text.back() == '.'))
+        text.pop_back();
+    return text;
+}
+
+InputError tooLargeToRead(const std::string& path, uint64_t budget, bool chosen)
+{
+    return fileError(path, "needs more than " + formatBytes(budget) + " of memory to read (" +
+                               (chosen ? "--read-memory" : "the limit for a file of its size; --read-memory raises it") +
+                               ")");
 }
 
 /// Lets Ctrl-C stop assimp between its steps.
@@ -164,25 +161,43 @@ void describe(Mesh& mesh)
 }
 } // namespace
 
-Mesh loadMeshFile(const std::string& path)
+Mesh loadMeshFile(const std::string& path, const ReadOptions& options)
 {
-    checkReadable(path);
-    checkPlyHeader(path);
+    const uint64_t fileSize = checkReadable(path);
+    checkPlyHeader(path, fileSize);
+    checkOffHeader(path, fileSize);
     Assimp::Importer importer;
     importer.SetProgressHandler(new InterruptibleImport);
-    importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, aiPrimitiveType_POINT | aiPrimitiveType_LINE);
-    const aiScene* scene = importer.ReadFile(path, aiProcess_Triangulate | aiProcess_JoinIdenticalVertices |
-                                                       aiProcess_SortByPType | aiProcess_ValidateDataStructure);
+    importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, kDroppedPrimitives);
+    const uint64_t budget = options.memory ? *options.memory : automaticReadMemory(fileSize);
+    const aiScene* scene = nullptr;
+    bool outOfMemory = false;
+    {
+        const ReaderOutput output(options.verbose);
+        const ReadMemoryLimit limit(budget);
+        try
+        {
+            scene = importer.ReadFile(path, kImportFlags);
+        }
+        catch (const std::bad_alloc&)
+        {
+            if (!limit.active())
+                throw;
+            outOfMemory = true;
+        }
+        outOfMemory = outOfMemory || (!scene && limit.active() &&
+                                      std::string(importer.GetErrorString()).find("bad_alloc") != std::string::npos);
+    }
     throwIfInterrupted("reading the mesh");
+    if (outOfMemory)
+        throw tooLargeToRead(path, budget, options.memory.has_value());
     if (!scene)
     {
-        std::string reason = importer.GetErrorString();
+        const std::string reason = oneLine(importer.GetErrorString());
         // Assimp refuses a file whose meshes are empty or all went away as points or lines.
         for (const char* noTriangles : {"no meshes", "No meshes", "contains no faces"})
             if (reason.find(noTriangles) != std::string::npos)
                 throw fileError(path, "contains no triangles");
-        while (!reason.empty() && (reason.back() == '\n' || reason.back() == '.'))
-            reason.pop_back();
         throw InputError("cannot read '" + path + "' as a mesh: " + reason);
     }
     if (!scene->mRootNode)
@@ -225,7 +240,7 @@ Mesh openMesh(const MeshSource& source)
     else
     {
         Progress progress("reading " + source.path);
-        mesh = loadMeshFile(source.path);
+        mesh = loadMeshFile(source.path, source.read);
     }
     mesh.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return mesh;

@@ -1,5 +1,6 @@
 #include "Progress.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +26,18 @@ const char* const kSpinner[] = {"\u280b", "\u2819", "\u2839", "\u2838", "\u283c"
                                 "\u2834", "\u2826", "\u2827", "\u2807", "\u280f"};
 constexpr int kSpinnerFrames = sizeof(kSpinner) / sizeof(kSpinner[0]);
 constexpr int kBarWidth = 28;
+
+/// A stream of its own on standard error, which stays on the terminal while assimp's
+/// output is sent away during a read.
+std::FILE* terminal()
+{
+    static std::FILE* const stream = [] {
+        const int fd = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+        std::FILE* file = fd >= 0 ? fdopen(fd, "w") : nullptr;
+        return file ? file : stderr;
+    }();
+    return stream;
+}
 } // namespace
 
 void setProgressMode(ProgressMode mode)
@@ -52,8 +65,8 @@ Progress::~Progress()
     }
     mWake.notify_all();
     mThread.join();
-    std::fputs("\r\033[K", stderr);
-    std::fflush(stderr);
+    std::fputs("\r\033[K", terminal());
+    std::fflush(terminal());
 }
 
 void Progress::run()
@@ -75,7 +88,7 @@ void Progress::draw()
         if (ticks == 0 || ticks != mLastTicks)
             ++mFrame;
         mLastTicks = ticks;
-        std::fprintf(stderr, "\r\033[K%s %s  %.1f s", kSpinner[mFrame % kSpinnerFrames], mLabel.c_str(), seconds);
+        std::fprintf(terminal(), "\r\033[K%s %s  %.1f s", kSpinner[mFrame % kSpinnerFrames], mLabel.c_str(), seconds);
     }
     else
     {
@@ -84,9 +97,9 @@ void Progress::draw()
         std::string bar;
         for (int i = 0; i < kBarWidth; ++i)
             bar += i < filled ? "\u2588" : "\u2591";
-        std::fprintf(stderr, "\r\033[K%s %3d%%  %s  %.1f s", bar.c_str(), static_cast<int>(done * 100 / mTotal),
+        std::fprintf(terminal(), "\r\033[K%s %3d%%  %s  %.1f s", bar.c_str(), static_cast<int>(done * 100 / mTotal),
                      mLabel.c_str(), seconds);
     }
-    std::fflush(stderr);
+    std::fflush(terminal());
 }
 } // namespace kxbvh

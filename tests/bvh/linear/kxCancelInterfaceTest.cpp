@@ -1,6 +1,11 @@
 #include "kxCancelInterface.h"
+#include "kxCapturingLog.h"
+#include "kxRandomGeometry.h"
 
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
 
 TEST(CancelInterface, CancelRunsUpTheChainAndQueriesAskTheFlagThenTheParentThenTheAdditionalSource)
 {
@@ -38,4 +43,59 @@ TEST(CancelInterface, CancelRunsUpTheChainAndQueriesAskTheFlagThenTheParentThenT
     EXPECT_FALSE(ownLeaf.shouldCancel());
     ownLeaf.cancel();
     EXPECT_TRUE(ownRoot.shouldCancel());
+}
+
+namespace
+{
+// Consulted at the build's first poll: tells the other thread to cancel, then waits until
+// the cancel has reached the flag. Relaxed on purpose: nothing here orders the flag's
+// write before the build's next read of it, so a flag that is not itself atomic shows up
+// as a data race under ThreadSanitizer.
+struct CancelHandshake : kx::kxCancelInterfaceReadOnly
+{
+    bool shouldCancel() const override
+    {
+        started.store(true, std::memory_order_relaxed);
+        while (__atomic_load_n(flag, __ATOMIC_RELAXED) == 0)
+            std::this_thread::yield();
+        return false;
+    }
+    const char* flag = nullptr;
+    mutable std::atomic<bool> started{false};
+};
+} // namespace
+
+// The build polls a read-only proxy of a caller's flag, or a writable proxy whose parent
+// holds it, while another thread cancels through a writable proxy. The polls after the
+// handshake see the cancel, so the build stops without finishing.
+TEST(CancelInterface, ACancelFromAnotherThreadStopsALinearBuildInProgress)
+{
+    kx::kxCapturingLog quiet;
+    quiet.install();
+    const kxtest::BoxContainer boxes(kxtest::randomBoxes(5, 20000, kxtest::Layout::Uniform));
+    for (bool throughParent : {false, true})
+    {
+        SCOPED_TRACE(throughParent ? "writable proxy polled" : "read-only proxy polled");
+        char flag = 0;
+        CancelHandshake handshake;
+        handshake.flag = &flag;
+        kx::kxCancelInterfaceProxy canceller(&flag, nullptr, nullptr);
+        const kx::kxCancelInterfaceProxyReadOnly readOnly(&flag, &handshake);
+        kx::kxCancelInterfaceProxy child(&canceller, &handshake);
+        const kx::kxCancelInterfaceReadOnly* polled =
+            throughParent ? static_cast<const kx::kxCancelInterfaceReadOnly*>(&child) : &readOnly;
+
+        bool built = true;
+        kxGenericBVH bvh;
+        std::thread build([&] {
+            kxLinearGenericBVHBuilder builder;
+            built = builder.build(boxes, bvh, polled, 20);
+        });
+        while (!handshake.started.load(std::memory_order_relaxed))
+            std::this_thread::yield();
+        canceller.cancel();
+        build.join();
+        EXPECT_FALSE(built);
+        EXPECT_TRUE(canceller.shouldCancel() && polled->shouldCancel());
+    }
 }
