@@ -7,6 +7,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <functional>
 #include <memory>
 
 namespace kxpy
@@ -27,6 +28,10 @@ public:
 private:
     mutable std::unique_ptr<pybind11::error_already_set> mRaised;
 };
+/// Runs work without the GIL on a thread of its own while the caller's thread watches
+/// Python's signals; Ctrl-C raises the tool's interrupt flag, which the mesh reader and the
+/// scene generator poll, and then KeyboardInterrupt here. Call it holding the GIL.
+void runWatchingSignals(const std::function<void()>& work);
 } // namespace kxpy
 
 #endif

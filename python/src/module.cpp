@@ -1,6 +1,7 @@
 // The extension kxbvh._kxbvh: meshes in and out as numpy arrays, and the QBVH class.
 #include "PyQBVH.h"
 #include "PythonLog.h"
+#include "Signals.h"
 
 #include <Errors.h>
 #include <MeshSource.h>
@@ -55,8 +56,7 @@ py::tuple load(const py::object& pathObject)
     }
     kxbvh::Mesh mesh;
     std::string failure;
-    {
-        py::gil_scoped_release release;
+    runWatchingSignals([&]() {
         try
         {
             // No address-space limit while assimp reads: the tool's limit is process-wide,
@@ -69,7 +69,7 @@ py::tuple load(const py::object& pathObject)
         {
             failure = error.what();
         }
-    }
+    });
     if (!failure.empty())
         raiseOSError(failure, path);
     return meshArrays(*mesh.mesh);
@@ -82,10 +82,7 @@ py::tuple demoScene(long long triangles)
         throw py::value_error("triangles must be between " + std::to_string(kxbvh::kMinSceneTriangles) + " and " +
                               std::to_string(kxbvh::kMaxSceneTriangles) + ", got " + std::to_string(triangles));
     kx::kxPointer<kx::kxTriMesh> mesh;
-    {
-        py::gil_scoped_release release;
-        mesh = kxbvh::makeScene(static_cast<uint64_t>(triangles));
-    }
+    runWatchingSignals([&]() { mesh = kxbvh::makeScene(static_cast<uint64_t>(triangles)); });
     return meshArrays(*mesh);
 }
 
@@ -98,15 +95,17 @@ applied, exactly as the kxbvh tool reads it.
 
 Returns (vertices, triangles): float32 of shape (V, 3) and uint32 of shape (T, 3).
 While assimp reads, its own messages are silenced: the process's standard output and
-error lead nowhere for that moment. Raises OSError (FileNotFoundError, PermissionError, ...) naming the path when the file
-cannot be read, is not a mesh assimp understands, has no triangles or has coordinates that
-are not finite numbers.)";
+error lead nowhere for that moment. Ctrl-C raises KeyboardInterrupt.
+
+Raises OSError (FileNotFoundError, PermissionError, ...) naming the path when the file
+cannot be read, is not a mesh assimp understands, has no triangles or has coordinates
+that are not finite numbers.)";
 
 const char* const kDemoSceneDoc = R"(The kxbvh tool's built-in scene: a bumpy sphere ringed by a tilted torus over hilly
 ground, Y up, about `triangles` triangles (within a few percent), the same on every run.
 
 Returns (vertices, triangles): float32 (V, 3) and uint32 (T, 3). ValueError unless
-100 <= triangles <= 50,000,000.)";
+100 <= triangles <= 50,000,000. Ctrl-C raises KeyboardInterrupt.)";
 
 const char* const kClassDoc = R"(A four-wide bounding volume hierarchy over a triangle mesh, for ray and region queries.
 

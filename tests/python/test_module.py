@@ -197,6 +197,17 @@ def test_ctrl_c_stops_a_query_batch_with_keyboard_interrupt(scene):
     assert raised.traceback[-1].statement.lines[-1].strip().startswith("bvh.intersect(")
 
 
+def test_ctrl_c_stops_the_scene_generator_with_keyboard_interrupt():
+    timer = threading.Timer(0.05, _thread.interrupt_main)
+    timer.start()
+    with pytest.raises(KeyboardInterrupt) as raised:
+        kxbvh.demo_scene(20_000_000)
+        time.sleep(10)  # only reached if the scene was done before the interrupt
+    timer.join()
+    assert raised.traceback[-1].statement.lines[-1].strip().startswith("kxbvh.demo_scene(")
+    assert len(kxbvh.demo_scene(1_000)[1]) > 0
+
+
 GOOD_VERTICES = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0]], np.float32)
 GOOD_TRIANGLES = np.array([[0, 1, 2]], np.uint32)
 
