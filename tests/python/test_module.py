@@ -236,7 +236,7 @@ def nan_vertices():
     ((GOOD_VERTICES, GOOD_TRIANGLES, "bvh"), ValueError, ["builder", "'bvh'"]),
     ((GOOD_VERTICES, GOOD_TRIANGLES, "linear", 0), ValueError, ["leaf", "1 and 1024", "0"]),
     ((GOOD_VERTICES, GOOD_TRIANGLES, "linear", 1025), ValueError, ["leaf", "1025"]),
-    ((GOOD_VERTICES, GOOD_TRIANGLES, "sah", 8), ValueError, ["leaf", "linear builder only"]),
+    ((GOOD_VERTICES, GOOD_TRIANGLES, "sah", 8), ValueError, ["leaf", "SAH builder"]),
 ])
 def test_bad_meshes_raise_the_named_exception(arguments, error, words):
     with pytest.raises(error) as raised:
