@@ -1,6 +1,12 @@
 #include "kxBenchMeshes.h"
 
 #include <algorithm>
+#include <cstdio>
+#ifdef KX_BENCH_WITH_ASSIMP
+#include <assimp/cimport.h>
+#include <assimp/postprocess.h>
+#include <assimp/scene.h>
+#endif
 #include <cmath>
 
 namespace kxBench
@@ -103,4 +109,38 @@ std::vector<float> paddedPositions(const kx::kxTriMesh& mesh)
             positions[3 * static_cast<size_t>(i) + a] = vertices.Position3(i)[a];
     return positions;
 }
+
+#ifdef KX_BENCH_WITH_ASSIMP
+kx::kxPointer<kx::kxTriMesh> loadMeshFile(const std::string& path)
+{
+    const aiScene* scene = aiImportFile(path.c_str(), aiProcess_Triangulate | aiProcess_JoinIdenticalVertices |
+                                                          aiProcess_PreTransformVertices);
+    if (!scene)
+    {
+        std::fprintf(stderr, "cannot read %s: %s\n", path.c_str(), aiGetErrorString());
+        return nullptr;
+    }
+    std::vector<Wm4::Vector3<float>> positions;
+    std::vector<unsigned int> indices;
+    for (unsigned int i = 0; i < scene->mNumMeshes; ++i)
+    {
+        const aiMesh* mesh = scene->mMeshes[i];
+        const unsigned int base = static_cast<unsigned int>(positions.size());
+        for (unsigned int v = 0; v < mesh->mNumVertices; ++v)
+            positions.emplace_back(mesh->mVertices[v].x, mesh->mVertices[v].y, mesh->mVertices[v].z);
+        for (unsigned int f = 0; f < mesh->mNumFaces; ++f)
+            if (mesh->mFaces[f].mNumIndices == 3)
+                for (int c = 0; c < 3; ++c)
+                    indices.push_back(base + mesh->mFaces[f].mIndices[c]);
+    }
+    aiReleaseImport(scene);
+    if (indices.empty())
+        return nullptr;
+    kx::kxPointer<kx::kxVertexBuffer> vertices = new kx::kxVertexBuffer(static_cast<int>(positions.size()));
+    std::copy(positions.begin(), positions.end(), &vertices->Position3(0));
+    kx::kxPointer<kx::kxIndexBuffer> index = new kx::kxIndexBuffer(static_cast<int>(indices.size()));
+    std::copy(indices.begin(), indices.end(), index->GetData());
+    return new kx::kxTriMesh(vertices, index);
+}
+#endif
 } // namespace kxBench

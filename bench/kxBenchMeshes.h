@@ -8,6 +8,7 @@
 #include "kxTriMesh.h"
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace kxBench
@@ -26,6 +27,12 @@ uint32_t triangleCount(const kx::kxTriMesh& mesh);
 /// x, y, z of every vertex, with room after the last for readers that load 16 bytes at a
 /// time (Embree).
 std::vector<float> paddedPositions(const kx::kxTriMesh& mesh);
+
+#ifdef KX_BENCH_WITH_ASSIMP
+/// Every mesh of a file assimp reads, merged with node transforms; null (with a message on
+/// standard error) when it cannot be read or holds no triangles.
+kx::kxPointer<kx::kxTriMesh> loadMeshFile(const std::string& path);
+#endif
 } // namespace kxBench
 
 #endif

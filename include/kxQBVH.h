@@ -11,8 +11,8 @@
 /// Four-wide bounding volume hierarchy over the triangles of one mesh, laid out for
 /// 4-lane SIMD: every node holds its four children's boxes side by side, and triangles
 /// are stored in groups of four, lane by lane. It is made by collapsing a binary
-/// hierarchy (two binary levels per four-wide level) and answers nearest-hit ray queries
-/// and convex-region queries.
+/// hierarchy (two binary levels per four-wide level) and answers nearest-hit and
+/// occlusion ray queries, closest-point queries and convex-region queries.
 ///
 /// Building must not run beside queries on the same object. A built object may be
 /// queried from any number of threads at once: the queries are const and keep their
@@ -118,6 +118,21 @@ public:
     /// silently and writes nothing. Thread-safe, allocation-free.
     bool intersectRaySymmetric(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
                                Wm4::Vector2<float>& barycentric, unsigned int& triangle) const;
+
+    /// True when intersectRay with the same arguments and t = tMax would answer true;
+    /// stops at the first accepted triangle. Needs eTrianglesEquations (same error line
+    /// and false without them). Thread-safe, allocation-free.
+    bool intersectRayAny(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction,
+                         float tMin, float tMax, tIntersectionPolicy policy) const;
+
+    /// The point of the mesh nearest to `point` within `distance` (in: the largest distance
+    /// searched, +infinity for all; out: the distance found). On success also the nearest
+    /// point, its barycentric pair (weight of corner 0, weight of corner 1, as the ray
+    /// queries report it) and the triangle's number. Needs eTrianglesVertices (an error line
+    /// at level 2 and false without them). Thread-safe, allocation-free.
+    bool findClosestPoint(const Wm4::Vector3<float>& point, float& distance,
+                          Wm4::Vector3<float>& closest, Wm4::Vector2<float>& barycentric,
+                          unsigned int& triangle) const;
 
     /// True when some triangle has a part strictly inside all count planes (with no
     /// planes: when the hierarchy holds anything). Padding lanes of a group count as

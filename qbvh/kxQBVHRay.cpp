@@ -1,33 +1,16 @@
 #include "kxLogObject.h"
 #include "kxQBVH.h"
-#include "kxSimd4.h"
+#include "kxQBVHRayKernels.h"
 
 #include <limits>
 
 using namespace kxSimd;
+using namespace kxQBVHRay;
 
 namespace
 {
 constexpr uint32_t kNone = 0xFFFFFFFFu;
 constexpr float kInf = std::numeric_limits<float>::infinity();
-
-struct RayRecord
-{
-    vfloat4 org[3];
-    vfloat4 dir[3];
-    vfloat4 inv[3];
-
-    RayRecord(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction)
-    {
-        // The three reciprocals in one division (each lane rounds as 1.0f / d would).
-        const vfloat4 d(_mm_setr_ps(direction[0], direction[1], direction[2], 1.0f));
-        const vfloat4 o(_mm_setr_ps(origin[0], origin[1], origin[2], 0.0f));
-        const vfloat4 r = vfloat4(1.0f) / d;
-        org[0] = lane<0>(o), org[1] = lane<1>(o), org[2] = lane<2>(o);
-        dir[0] = lane<0>(d), dir[1] = lane<1>(d), dir[2] = lane<2>(d);
-        inv[0] = lane<0>(r), inv[1] = lane<1>(r), inv[2] = lane<2>(r);
-    }
-};
 
 struct Hit
 {
@@ -49,13 +32,7 @@ struct DirectedRule
     static vfloat4 distance(vfloat4 th) { return th; }
     vmask4 accepts(vfloat4 denom, vfloat4 th, vfloat4 tEntry) const
     {
-        const vfloat4 zero(0.0f);
-        vmask4 side = ordered(denom);
-        if (P == kxQBVH::eFrontSide)
-            side = denom <= zero;
-        else if (P == kxQBVH::eBackSide)
-            side = denom >= zero;
-        return side & (tMin <= th) & (th <= tEntry);
+        return sideAccepted<P>(denom) & (tMin <= th) & (th <= tEntry);
     }
 };
 
@@ -115,36 +92,22 @@ void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
     if (g0 >= end)
         return;
     const vfloat4 tEntry(hit.t);
-    const vfloat4 one(1.0f), tolerance(-0.0001f);
     const RayRecord& r = mRay;
     vfloat4 best(kInf), bestW(0.0f), bestU(0.0f);
     vuint4 bestIndex(kNone);
     int accepted = 0;
     for (uint32_t g = g0; g < end && g < mGroupCount; ++g)
     {
-        const float(*E)[4] = mEquations[g].eq;
-        const vfloat4 nx = vfloat4::load(E[0]), ny = vfloat4::load(E[1]), nz = vfloat4::load(E[2]);
-        const vfloat4 denom = nz * r.dir[2] + ny * r.dir[1] + nx * r.dir[0];
-        const vfloat4 num = (nz * r.org[2] + vfloat4::load(E[3])) + ny * r.org[1] + nx * r.org[0];
-        const vfloat4 th = -(num / denom);
-        const vfloat4 px = r.dir[0] * th + r.org[0];
-        const vfloat4 py = r.dir[1] * th + r.org[1];
-        const vfloat4 pz = r.dir[2] * th + r.org[2];
-        const vfloat4 u =
-            vfloat4::load(E[4]) * px + vfloat4::load(E[5]) * py + vfloat4::load(E[6]) * pz + vfloat4::load(E[7]);
-        const vfloat4 v =
-            vfloat4::load(E[8]) * px + vfloat4::load(E[9]) * py + vfloat4::load(E[10]) * pz + vfloat4::load(E[11]);
-        const vfloat4 w = one - (u + v);
-        const vfloat4 distance = Rule::distance(th);
-        const vmask4 accept = mRule.accepts(denom, th, tEntry) & (distance < best) & (tolerance < w) &
-                              (tolerance < v) & (tolerance < u);
+        const TriangleTest hit4 = testTriangles(mEquations[g], r);
+        const vfloat4 distance = Rule::distance(hit4.th);
+        const vmask4 accept = mRule.accepts(hit4.denom, hit4.th, tEntry) & (distance < best) & insideTriangle(hit4);
         const int lanes = accept.bits();
         if (lanes == 0)
             continue;
         accepted |= lanes;
         best = select(accept, distance, best);
-        bestW = select(accept, w, bestW);
-        bestU = select(accept, u, bestU);
+        bestW = select(accept, hit4.w, bestW);
+        bestU = select(accept, hit4.u, bestU);
         bestIndex = select(accept, vuint4::load(mIndices[g].index), bestIndex);
     }
     if (accepted == 0)
@@ -197,19 +160,13 @@ void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
         if (count == kNone)
         {
             const kxQBVH::tQBVHNode& node = mNodes[ref];
-            const vfloat4 x1 = (vfloat4::load(node.bboxMin[0]) - ox) * ix;
-            const vfloat4 x2 = (vfloat4::load(node.bboxMax[0]) - ox) * ix;
-            const vfloat4 y1 = (vfloat4::load(node.bboxMin[1]) - oy) * iy;
-            const vfloat4 y2 = (vfloat4::load(node.bboxMax[1]) - oy) * iy;
-            const vfloat4 z1 = (vfloat4::load(node.bboxMin[2]) - oz) * iz;
-            const vfloat4 z2 = (vfloat4::load(node.bboxMax[2]) - oz) * iz;
-            const vfloat4 nearT = max(min(z1, z2), max(min(y1, y2), max(min(x1, x2), lower)));
-            const vfloat4 farT = min(max(z1, z2), min(max(y1, y2), min(max(x1, x2), upper)));
+            const Slabs s = slabs(node, ox, oy, oz, ix, iy, iz, lower, upper);
+            const vfloat4 nearT = s.nearT, farT = s.farT;
             // A keyed slot (near <= far) is visited when its key is below +infinity, that is
             // when near is: the key is near when near > 0, else 0 or far. Keys themselves
             // are formed only to order several slots.
             const vmask4 keyed = nearT <= farT;
-            const int visit = (keyed & (nearT < inf)).bits();
+            const int visit = enteredSlots(s);
             if (visit != 0)
             {
                 const int lowest = __builtin_ctz(static_cast<unsigned>(visit));

@@ -100,6 +100,9 @@ inline vuint4 select(vmask4 m, vuint4 a, vuint4 b)
     return vuint4(_mm_or_si128(_mm_and_si128(mi, a.v), _mm_andnot_si128(mi, b.v)));
 }
 
+/// Lanes where a and b hold the same bits.
+inline vmask4 operator==(vuint4 a, vuint4 b) { return vmask4(_mm_castsi128_ps(_mm_cmpeq_epi32(a.v, b.v))); }
+
 /// Asks for the cache line holding p ahead of its use.
 inline void prefetch(const void* p)
 {
@@ -115,6 +118,63 @@ inline void prefetchLines(const void* p, int lines)
 
 /// The bit patterns of a as unsigned lanes.
 inline vuint4 asUint(vfloat4 a) { return vuint4(_mm_castps_si128(a.v)); }
+
+/// Four double lanes in two SSE2 registers, for the few kernels that need more than
+/// single precision. Converting a vfloat4 is exact, and so are differences of converted
+/// floats and their pairwise products.
+struct vdouble4
+{
+    __m128d lo, hi;
+
+    vdouble4() = default;
+    vdouble4(__m128d low, __m128d high) : lo(low), hi(high) {}
+    explicit vdouble4(double value) : lo(_mm_set1_pd(value)), hi(_mm_set1_pd(value)) {}
+    explicit vdouble4(vfloat4 a) : lo(_mm_cvtps_pd(a.v)), hi(_mm_cvtps_pd(_mm_movehl_ps(a.v, a.v))) {}
+
+    void store(double* aligned) const
+    {
+        _mm_store_pd(aligned, lo);
+        _mm_store_pd(aligned + 2, hi);
+    }
+};
+
+struct vdmask4
+{
+    __m128d lo, hi;
+
+    vdmask4(__m128d low, __m128d high) : lo(low), hi(high) {}
+    /// Bit k set when lane k is set.
+    int bits() const { return _mm_movemask_pd(lo) | (_mm_movemask_pd(hi) << 2); }
+};
+
+#define KX_SIMD_DOUBLE_OP(op, intrinsic)                                                                              \
+    inline vdouble4 operator op(vdouble4 a, vdouble4 b) { return vdouble4(intrinsic(a.lo, b.lo), intrinsic(a.hi, b.hi)); }
+KX_SIMD_DOUBLE_OP(+, _mm_add_pd)
+KX_SIMD_DOUBLE_OP(-, _mm_sub_pd)
+KX_SIMD_DOUBLE_OP(*, _mm_mul_pd)
+KX_SIMD_DOUBLE_OP(/, _mm_div_pd)
+#undef KX_SIMD_DOUBLE_OP
+
+inline vdouble4 min(vdouble4 a, vdouble4 b) { return vdouble4(_mm_min_pd(a.lo, b.lo), _mm_min_pd(a.hi, b.hi)); }
+inline vdouble4 max(vdouble4 a, vdouble4 b) { return vdouble4(_mm_max_pd(a.lo, b.lo), _mm_max_pd(a.hi, b.hi)); }
+
+inline vdmask4 operator<(vdouble4 a, vdouble4 b) { return vdmask4(_mm_cmplt_pd(a.lo, b.lo), _mm_cmplt_pd(a.hi, b.hi)); }
+inline vdmask4 operator<=(vdouble4 a, vdouble4 b)
+{
+    return vdmask4(_mm_cmple_pd(a.lo, b.lo), _mm_cmple_pd(a.hi, b.hi));
+}
+inline vdmask4 operator>(vdouble4 a, vdouble4 b) { return vdmask4(_mm_cmpgt_pd(a.lo, b.lo), _mm_cmpgt_pd(a.hi, b.hi)); }
+inline vdmask4 operator>=(vdouble4 a, vdouble4 b)
+{
+    return vdmask4(_mm_cmpge_pd(a.lo, b.lo), _mm_cmpge_pd(a.hi, b.hi));
+}
+inline vdmask4 operator&(vdmask4 a, vdmask4 b) { return vdmask4(_mm_and_pd(a.lo, b.lo), _mm_and_pd(a.hi, b.hi)); }
+
+inline vdouble4 select(vdmask4 m, vdouble4 a, vdouble4 b)
+{
+    return vdouble4(_mm_or_pd(_mm_and_pd(m.lo, a.lo), _mm_andnot_pd(m.lo, b.lo)),
+                    _mm_or_pd(_mm_and_pd(m.hi, a.hi), _mm_andnot_pd(m.hi, b.hi)));
+}
 } // namespace kxSimd
 
 #endif

@@ -23,9 +23,12 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <random>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -299,6 +302,7 @@ TEST(KxbvhErrors, BadMeshFilesAreNamedAndRejectedWithStatus2ByEveryCommand)
                  {"header.ply", "not a valid PLY file",
                   "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nbogus\n"},
                  {"empty.obj", "is empty", ""}};
+    writeText(dir.file("points.obj"), "v 0 0 0\n");
     for (const auto& c : cases)
     {
         const std::string file = dir.file(c.name);
@@ -308,6 +312,7 @@ TEST(KxbvhErrors, BadMeshFilesAreNamedAndRejectedWithStatus2ByEveryCommand)
         expectOneErrorLine(runTool({"bench", file}), 2, file, c.reason);
         expectOneErrorLine(runTool({"render", file, "-o", dir.file("x.png")}), 2, file, c.reason);
         expectOneErrorLine(runTool({"cull", file, "-o", dir.file("x.png")}), 2, file, c.reason);
+        expectOneErrorLine(runTool({"distance", file, dir.file("points.obj")}), 2, file, c.reason);
     }
 }
 
@@ -589,6 +594,16 @@ TEST(KxbvhBench, BothHierarchiesFindTheSameHitsOnEveryThreadCount)
             hits.insert(trace["hits"].get<uint64_t>());
     ASSERT_EQ(hits.size(), 1u) << figures["trace"];
     EXPECT_GT(*hits.begin(), 48u * 32u / 10u);
+    // Shadow rays are blocked alike for the any-hit and the nearest-hit query on both
+    // trees; every closest-point query finds a triangle.
+    std::map<std::string, std::set<uint64_t>> answered;
+    for (const json& q : figures["queries"])
+        if (q["name"].get<std::string>().rfind("kxbvh", 0) == 0)
+            answered[q["set"]].insert(q["answered"].get<uint64_t>());
+    ASSERT_EQ(answered.size(), 3u) << figures["queries"];
+    EXPECT_EQ(answered["shadow"].size(), 1u) << figures["queries"];
+    for (const char* set : {"near", "spread"})
+        EXPECT_TRUE(answered[set].size() == 1 && *answered[set].begin() > 0) << set << figures["queries"];
 }
 
 TEST(KxbvhRender, AQuadFacingTheCameraCoversExactlyItsProjectionFromTheFront)
@@ -663,4 +678,266 @@ TEST(KxbvhCull, TilesSeeGeometryExactlyWhereTheQuadProjects)
     EXPECT_NE(run.out.find(std::to_string(expected) + " of " + std::to_string(columns * rows) + " see geometry"),
               std::string::npos)
         << run.out;
+}
+
+namespace
+{
+// A unit cube as twelve triangles: faces on the planes x, y, z = 0 and 1.
+kx::kxPointer<kx::kxTriMesh> unitCube()
+{
+    std::vector<Wm4::Vector3<float>> corners;
+    for (int i = 0; i < 8; ++i)
+        corners.emplace_back(float(i & 1), float((i >> 1) & 1), float((i >> 2) & 1));
+    return kxtest::makeMesh(corners, {0, 2, 1, 1, 2, 3, 4, 5, 6, 5, 7, 6, 0, 1, 4, 1, 5, 4,
+                                      2, 6, 3, 3, 6, 7, 0, 4, 2, 2, 4, 6, 1, 3, 5, 3, 7, 5});
+}
+
+// Points as an ASCII PLY point cloud: vertices only, with a colour each as scanners write.
+void writePoints(const std::vector<Wm4::Vector3<float>>& points, const std::string& path)
+{
+    std::string text = "ply\nformat ascii 1.0\nelement vertex " + std::to_string(points.size()) +
+                       "\nproperty float x\nproperty float y\nproperty float z\nproperty uchar red\nproperty uchar "
+                       "green\nproperty uchar blue\nend_header\n";
+    for (const auto& p : points)
+    {
+        char line[96];
+        std::snprintf(line, sizeof line, "%.9g %.9g %.9g 10 20 30\n", p[0], p[1], p[2]);
+        text += line;
+    }
+    writeText(path, text);
+}
+
+std::vector<std::vector<std::string>> readCsv(const std::string& path)
+{
+    std::vector<std::vector<std::string>> rows;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);)
+    {
+        rows.emplace_back();
+        std::stringstream fields(line);
+        for (std::string field; std::getline(fields, field, ',');)
+            rows.back().push_back(field);
+        if (!line.empty() && line.back() == ',')
+            rows.back().push_back("");
+    }
+    return rows;
+}
+
+// The figure after a label of the summary ("  mean   0.25").
+double summaryFigure(const std::string& out, const std::string& label)
+{
+    const size_t at = out.find("\n  " + label + " ");
+    return at == std::string::npos ? std::nan("") : std::stod(out.substr(at + 3 + label.size()));
+}
+} // namespace
+
+TEST(KxbvhDistance, PointsAtKnownOffsetsFromAUnitCubeGetTheirDistancesNearestPointsAndSummary)
+{
+    TempDir dir;
+    writeMesh(*unitCube(), dir.file("cube.obj"));
+    using V = Wm4::Vector3<float>;
+    // Over a face, beyond an edge, beyond a corner, inside near a face, on the surface.
+    const struct
+    {
+        V point, nearest;
+    } cases[] = {{{0.5f, 0.25f, 1.5f}, {0.5f, 0.25f, 1}},
+                 {{1.75f, 0.5f, -0.75f}, {1, 0.5f, 0}},
+                 {{-2, 2, 3}, {0, 1, 1}},
+                 {{0.3f, 0.9f, 0.6f}, {0.3f, 1, 0.6f}},
+                 {{1, 0.5f, 0.5f}, {1, 0.5f, 0.5f}}};
+    std::vector<V> points;
+    for (const auto& c : cases)
+        points.push_back(c.point);
+    writePoints(points, dir.file("points.ply"));
+    const float edge = std::sqrt(0.75f * 0.75f + 0.75f * 0.75f);
+    const float expected[] = {0.5f, edge, 3.0f, 0.1f, 0.0f};
+    std::string first;
+    for (const char* threads : {"1", "3"})
+    {
+        const ToolResult run = runTool({"distance", dir.file("cube.obj"), dir.file("points.ply"), "-o",
+                                        dir.file("out.csv"), "--threads", threads});
+        ASSERT_EQ(run.status, 0) << run.err;
+        const auto rows = readCsv(dir.file("out.csv"));
+        ASSERT_EQ(rows.size(), points.size() + 1);
+        EXPECT_EQ(rows[0], (std::vector<std::string>{"x", "y", "z", "distance", "triangle", "closest_x", "closest_y",
+                                                     "closest_z"}));
+        double sum = 0.0, squares = 0.0;
+        for (size_t i = 0; i < points.size(); ++i)
+        {
+            const auto& row = rows[i + 1];
+            ASSERT_EQ(row.size(), 8u);
+            EXPECT_NEAR(std::stod(row[3]), expected[i], 1e-6) << "point " << i;
+            EXPECT_LT(std::stoul(row[4]), 12u);
+            for (int a = 0; a < 3; ++a)
+                    EXPECT_NEAR(std::stod(row[5 + a]), cases[i].nearest[a], 1e-6) << "point " << i;
+            sum += expected[i];
+            squares += double(expected[i]) * expected[i];
+        }
+        EXPECT_NEAR(summaryFigure(run.out, "count"), 5, 0);
+        EXPECT_NEAR(summaryFigure(run.out, "min"), 0.0, 1e-6);
+        EXPECT_NEAR(summaryFigure(run.out, "mean"), sum / 5, 1e-6);
+        EXPECT_NEAR(summaryFigure(run.out, "RMS"), std::sqrt(squares / 5), 1e-6);
+        EXPECT_NEAR(summaryFigure(run.out, "max"), 3.0, 1e-6);
+        EXPECT_NE(run.out.find("at point 2 (-2, 2, 3), nearest triangle"), std::string::npos) << run.out;
+        std::ifstream csv(dir.file("out.csv"));
+        const std::string text((std::istreambuf_iterator<char>(csv)), std::istreambuf_iterator<char>());
+        if (first.empty())
+            first = text;
+        EXPECT_EQ(text, first) << "the answers depend on the thread count";
+    }
+
+    // A limit leaves the farther points out of the figures, empty in the table and grey in
+    // the coloured cloud, whose colours run from blue (on the cube) to red (the farthest).
+    const ToolResult limited = runTool({"distance", dir.file("cube.obj"), dir.file("points.ply"), "--max", "0.6",
+                                        "-o", dir.file("out.csv")});
+    ASSERT_EQ(limited.status, 0) << limited.err;
+    EXPECT_NE(limited.out.find("count  3   (2 farther than --max 0.6)"), std::string::npos) << limited.out;
+    EXPECT_NEAR(summaryFigure(limited.out, "max"), 0.5, 1e-6);
+    const auto rows = readCsv(dir.file("out.csv"));
+    EXPECT_TRUE(rows[2][3].empty() && rows[2][4].empty() && rows[3][3].empty());
+    const ToolResult ply = runTool({"distance", dir.file("cube.obj"), dir.file("points.ply"), "--max", "0.6", "-o",
+                                    dir.file("out.ply")});
+    ASSERT_EQ(ply.status, 0) << ply.err;
+    std::ifstream file(dir.file("out.ply"), std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const size_t body = bytes.find("end_header\n") + 11;
+    ASSERT_NE(bytes.find("element vertex 5\n"), std::string::npos);
+    ASSERT_EQ(bytes.size(), body + 5 * 19);
+    const auto record = [&](size_t i) { return bytes.data() + body + 19 * i; };
+    for (size_t i = 0; i < points.size(); ++i)
+    {
+        float xyz[3], distance;
+        std::memcpy(xyz, record(i), 12);
+        std::memcpy(&distance, record(i) + 15, 4);
+        EXPECT_TRUE(xyz[0] == points[i][0] && xyz[1] == points[i][1] && xyz[2] == points[i][2]);
+        EXPECT_NEAR(distance, expected[i] <= 0.6f ? expected[i] : -1.0f, 1e-6);
+    }
+    const auto rgb = [&](size_t i) {
+        const auto* c = reinterpret_cast<const uint8_t*>(record(i) + 12);
+        return std::array<int, 3>{c[0], c[1], c[2]};
+    };
+    EXPECT_EQ(rgb(0), (std::array<int, 3>{255, 0, 0}));
+    EXPECT_EQ(rgb(4), (std::array<int, 3>{0, 0, 255}));
+    EXPECT_EQ(rgb(1), (std::array<int, 3>{128, 128, 128}));
+}
+
+TEST(KxbvhDistance, BadPointFilesAndOptionsAreNamedAndRejected)
+{
+    TempDir dir;
+    writeMesh(*unitCube(), dir.file("cube.obj"));
+    writePoints({{0, 0, 0}}, dir.file("one.ply"));
+    const std::string cube = dir.file("cube.obj"), one = dir.file("one.ply");
+    // A binary cloud whose data stops two vertices short of its header's count.
+    writeText(dir.file("short.ply"), "ply\nformat binary_little_endian 1.0\nelement vertex 4\nproperty float x\n"
+                                     "property float y\nproperty float z\nend_header\n" +
+                                         std::string(2 * 12 + 5, '\0'));
+    writeText(dir.file("nan.ply"), "ply\nformat ascii 1.0\nelement vertex 2\nproperty float x\nproperty float y\n"
+                                   "property float z\nend_header\n0 0 0\n1 nan 2\n");
+    writeText(dir.file("empty.obj"), "");
+    const struct
+    {
+        std::vector<std::string> args;
+        int status;
+        std::string culprit;
+        const char* reason;
+    } cases[] = {
+        {{"distance", cube, dir.file("missing.ply")}, 2, dir.file("missing.ply"), "No such file"},
+        {{"distance", cube, dir.file("short.ply")}, 2, dir.file("short.ply"), "declares 4 'vertex' elements, at least 48 bytes"},
+        {{"distance", cube, dir.file("nan.ply")}, 2, dir.file("nan.ply"), "not all finite numbers"},
+        {{"distance", cube, dir.file("empty.obj")}, 2, dir.file("empty.obj"), "is empty"},
+        {{"distance", dir.file("one.ply"), one}, 2, one, "contains no triangles"},
+        {{"distance", cube, one, "--max", "-1"}, 2, "--max", "not a distance"},
+        {{"distance", cube, one, "--max", "nan"}, 2, "--max", "not a distance"},
+        {{"distance", cube, one, "-o", dir.file("out.txt")}, 2, "out.txt", ".csv"},
+        {{"distance", cube}, 2, "POINTS", "required"},
+        {{"distance", cube, one, "-o", dir.file("no/such/out.csv")}, 1, dir.file("no/such/out.csv"), "No such file"},
+        {{"render", cube, "--samples", "8", "-o", dir.file("x.png")}, 2, "--samples", "--shade ao"},
+        {{"render", cube, "--shade", "ao", "--samples", "0", "-o", dir.file("x.png")}, 2, "--samples", ""}};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.culprit);
+        expectOneErrorLine(runTool(c.args), c.status, c.culprit, c.reason);
+    }
+}
+
+TEST(KxbvhDistance, CtrlCWhileMeasuringStopsWithStatus130)
+{
+    TempDir dir;
+    std::mt19937 rng(5);
+    writeMesh(*kxtest::randomSoup(rng, 3000), dir.file("soup.obj"));
+    // Enough points that the measuring still runs when the signal arrives.
+    std::string cloud = "ply\nformat binary_little_endian 1.0\nelement vertex 4000000\nproperty float x\nproperty "
+                        "float y\nproperty float z\nend_header\n";
+    std::uniform_real_distribution<float> spread(-30.0f, 30.0f);
+    for (int i = 0; i < 4000000 * 3; ++i)
+    {
+        const float value = spread(rng);
+        cloud.append(reinterpret_cast<const char*>(&value), 4);
+    }
+    writeText(dir.file("cloud.ply"), cloud);
+    const ToolResult run = runTool({"--progress", "always", "distance", dir.file("soup.obj"), dir.file("cloud.ply"),
+                                    "--threads", "1"},
+                                   "measuring");
+    EXPECT_EQ(run.status, 130) << run.err;
+    EXPECT_NE(run.err.find("kxbvh: cancelled while measuring distances\n"), std::string::npos) << run.err;
+    EXPECT_TRUE(run.out.empty()) << run.out;
+}
+
+TEST(KxbvhRender, AmbientOcclusionDarkensTheFloorBesideABoxOnlyAndIsTheSameOnEveryRun)
+{
+    // The facing quad as a floor with a box 0.3 high standing on it; occlusion rays reach a
+    // tenth of the scene's diagonal (about 0.25).
+    TempDir dir;
+    std::vector<Wm4::Vector3<float>> corners = {
+        {kLeft, kBottom, 0}, {kRight, kBottom, 0}, {kRight, kTop, 0}, {kLeft, kTop, 0}};
+    std::vector<unsigned int> indices = {0, 1, 2, 0, 2, 3};
+    const float bx0 = -0.2f, bx1 = 0.2f, by0 = 0.1f, by1 = 0.5f, height = 0.3f;
+    for (int i = 0; i < 8; ++i)
+        corners.emplace_back(i & 1 ? bx1 : bx0, i & 2 ? by1 : by0, i & 4 ? height : 0.0f);
+    for (unsigned int i : {0, 2, 1, 1, 2, 3, 4, 5, 6, 5, 7, 6, 0, 1, 4, 1, 5, 4, 2, 6, 3, 3, 6, 7, 0, 4, 2, 2, 4, 6, 1, 3,
+                           5, 3, 7, 5})
+        indices.push_back(4 + i);
+    writeMesh(*kxtest::makeMesh(corners, indices), dir.file("floor.obj"));
+    std::vector<std::string> args{"render", dir.file("floor.obj"), "--shade", "ao", "--samples", "64"};
+    args.insert(args.end(), kFacingCamera.begin(), kFacingCamera.end());
+    std::string first;
+    for (const char* threads : {"1", "3"})
+    {
+        std::vector<std::string> run = args;
+        run.insert(run.end(), {"--threads", threads, "-o", dir.file(std::string("ao") + threads + ".png")});
+        const ToolResult result = runTool(run);
+        ASSERT_EQ(result.status, 0) << result.err;
+        EXPECT_NE(result.out.find("occlusion rays at "), std::string::npos) << result.out;
+        std::ifstream png(dir.file(std::string("ao") + threads + ".png"), std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(png)), std::istreambuf_iterator<char>());
+        if (first.empty())
+            first = bytes;
+        EXPECT_TRUE(bytes == first) << "the picture depends on the thread count";
+    }
+    const Png png = readPng(dir.file("ao1.png"));
+    ASSERT_EQ(png.width, kWidth);
+    const float halfHeight = 4.0f * std::tan(20.0f * 3.14159265f / 180.0f), halfWidth = halfHeight * kWidth / kHeight;
+    // The floor point (x, y) as a pixel (z = 0 is the floor's plane).
+    const auto at = [&](float x, float y) {
+        return png.at(int(0.5f * kWidth * (1.0f + x / halfWidth)), int(0.5f * kHeight * (1.0f - y / halfHeight)));
+    };
+    int open = 0;
+    for (float x = kLeft + 0.05f; x < kRight - 0.05f; x += 0.05f)
+        for (float y = kBottom + 0.05f; y < kTop - 0.05f; y += 0.05f)
+        {
+            const float gapX = std::max({bx0 - x, x - bx1, 0.0f}), gapY = std::max({by0 - y, y - by1, 0.0f});
+            const uint8_t* p = at(x, y);
+            ASSERT_EQ(p[3], 255);
+            // Nothing within reach: every sample is open.
+            if (gapX * gapX + gapY * gapY > 0.3f * 0.3f)
+            {
+                EXPECT_EQ(p[0], 255) << x << "," << y;
+                ++open;
+            }
+        }
+    EXPECT_GT(open, 200);
+    // Floor 0.06 from the box's left, right and near walls (in view: the box's top, nearer
+    // the eye, covers a little more of the floor than its foot).
+    for (const auto& [x, y] : {std::pair{bx0 - 0.06f, 0.3f}, {bx1 + 0.06f, 0.3f}, {0.0f, by0 - 0.06f}})
+        EXPECT_LT(at(x, y)[0], 215) << x << "," << y;
 }

@@ -18,6 +18,7 @@
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <random>
 #include <vector>
 
 namespace kxbvh
@@ -40,16 +41,41 @@ struct BuildFigure
     double seconds;
 };
 
+/// Query sets beside the primary rays.
+enum QueryKind
+{
+    ePrimary,  // nearest hit of the camera's rays
+    eShadow,   // occlusion of rays from the visible points towards a light
+    eNear,     // closest point, points near the surface
+    eSpread,   // closest point, points anywhere in the bounds
+    eKinds
+};
+
+const char* const kKindNames[eKinds] = {"primary rays", "shadow rays (occlusion)", "closest points near the surface",
+                                        "closest points in the bounds"};
+const char* const kKindKeys[eKinds] = {"primary", "shadow", "near", "spread"};
+
 struct TraceFigure
 {
     std::string name;
     unsigned threads;
-    double raysPerSecond;
-    uint64_t hits;
+    double raysPerSecond;  // queries per second
+    uint64_t hits;         // answers other than kNoHit
+    QueryKind kind = ePrimary;
 };
 
-/// A ray query as a function of the ray's number; answers the hit triangle or kNoHit.
+/// A query as a function of its number; answers the hit or nearest triangle, 0 for an
+/// occluded ray, or kNoHit.
 using Tracer = std::function<unsigned(size_t)>;
+
+struct ShadowRay
+{
+    Vec3 origin, direction;
+    float tMin, tMax;
+};
+
+/// At most this many points per closest-point set, spread evenly over the candidates.
+constexpr size_t kMaxPoints = 50000;
 
 class Bench
 {
@@ -103,6 +129,8 @@ public:
                   &embreeHits);
         mAgreement = compare(linearHits, embreeHits);
 #endif
+        makeQueries(sah.qbvh);
+        benchQueries(linear.qbvh, sah.qbvh);
     }
 
     void print() const { mOptions.json ? printJson() : printText(); }
@@ -113,6 +141,129 @@ private:
         uint64_t rays = 0;
         uint64_t same = 0;
     };
+
+    /// Shadow rays from every visible point (seen through the SAH hierarchy) towards a
+    /// light above the mesh's bounds (y up, as the default camera); closest-point queries
+    /// at those points moved off the surface by up to 1% of the bounds' diagonal, and at
+    /// points spread evenly through the bounds. All drawn from fixed seeds.
+    void makeQueries(const kxQBVH& qbvh)
+    {
+        const kxBBox& b = mMesh.bounds;
+        const Vec3 extent(b.max[0] - b.min[0], b.max[1] - b.min[1], b.max[2] - b.min[2]);
+        const float size = extent.Length();
+        const Vec3 light = b.getCenter() + Vec3(-0.3f * extent[0], 1.5f * size, -0.2f * extent[2]);
+        std::vector<Vec3> visible;
+        for (const Vec3& d : mDirections)
+        {
+            float t = std::numeric_limits<float>::infinity();
+            Wm4::Vector2<float> barycentric;
+            unsigned triangle;
+            if (!qbvh.intersectRay(mCamera.eye(), d, 0.0f, t, barycentric, triangle, kxQBVH::eAllSides))
+                continue;
+            const Vec3 p = mCamera.eye() + d * t;
+            Vec3 toLight = light - p;
+            const float distance = toLight.Normalize();
+            mShadowRays.push_back({p, toLight, 1e-4f * size, distance});
+            visible.push_back(p);
+        }
+        std::mt19937 rng(2024);
+        std::uniform_real_distribution<float> unit(0.0f, 1.0f), signedUnit(-1.0f, 1.0f);
+        const size_t step = std::max<size_t>(1, visible.size() / kMaxPoints);
+        for (size_t i = 0; i < visible.size() && mPoints[0].size() < kMaxPoints; i += step)
+            mPoints[0].push_back(visible[i] +
+                                 Vec3(signedUnit(rng), signedUnit(rng), signedUnit(rng)) * (0.01f * size));
+        while (mPoints[1].size() < std::min(kMaxPoints, mPoints[0].size()))
+            mPoints[1].push_back(Vec3(b.min[0] + unit(rng) * extent[0], b.min[1] + unit(rng) * extent[1],
+                                      b.min[2] + unit(rng) * extent[2]));
+    }
+
+    void benchQueries(const kxQBVH& linear, const kxQBVH& sah)
+    {
+        const auto occlusion = [this](const kxQBVH& qbvh) -> Tracer {
+            return [this, &qbvh](size_t i) {
+                const ShadowRay& r = mShadowRays[i];
+                return qbvh.intersectRayAny(r.origin, r.direction, r.tMin, r.tMax, kxQBVH::eAllSides) ? 0u : kNoHit;
+            };
+        };
+        const auto nearest = [this](const kxQBVH& qbvh, const std::vector<Vec3>& points) -> Tracer {
+            return [&qbvh, &points](size_t i) {
+                float distance = std::numeric_limits<float>::infinity();
+                Vec3 closest;
+                Wm4::Vector2<float> barycentric;
+                unsigned triangle = kNoHit;
+                qbvh.findClosestPoint(points[i], distance, closest, barycentric, triangle);
+                return triangle;
+            };
+        };
+        std::vector<unsigned> occluded, embreeOccluded;
+        traceBest("kxbvh nearest hit (linear BVH)", shadowTracer(linear), nullptr, eShadow, mShadowRays.size());
+        traceBest("kxbvh nearest hit (SAH BVH)", shadowTracer(sah), nullptr, eShadow, mShadowRays.size());
+        traceBest("kxbvh any hit (linear BVH)", occlusion(linear), nullptr, eShadow, mShadowRays.size());
+        traceBest("kxbvh any hit (SAH BVH)", occlusion(sah), &occluded, eShadow, mShadowRays.size());
+        for (int set = 0; set < 2; ++set)
+        {
+            const QueryKind kind = set ? eSpread : eNear;
+            traceBest("kxbvh (linear BVH)", nearest(linear, mPoints[set]), nullptr, kind, mPoints[set].size());
+            traceBest("kxbvh (SAH BVH)", nearest(sah, mPoints[set]), nullptr, kind, mPoints[set].size());
+        }
+#ifdef KXBVH_WITH_EMBREE
+        const EmbreeScene scene(*mMesh.mesh, 1);
+        const std::string embree = std::string("Embree ") + EmbreeScene::version();
+        traceBest(embree + " occluded",
+                  [&](size_t i) {
+                      const ShadowRay& r = mShadowRays[i];
+                      return scene.occluded(r.origin, r.direction, r.tMin, r.tMax) ? 0u : kNoHit;
+                  },
+                  &embreeOccluded, eShadow, mShadowRays.size());
+        for (int set = 0; set < 2; ++set)
+        {
+            const QueryKind kind = set ? eSpread : eNear;
+            const std::vector<Vec3>& points = mPoints[set];
+            traceBest(embree + " point query",
+                      [&](size_t i) {
+                          float distance = std::numeric_limits<float>::infinity();
+                          unsigned triangle = kNoHit;
+                          scene.closestPoint(points[i], distance, triangle);
+                          return triangle;
+                      },
+                      nullptr, kind, points.size());
+        }
+        mQueryAgreement[eShadow] = compare(occluded, embreeOccluded);
+        // Triangles that share the nearest vertex or edge tie, so distances are compared,
+        // up to a few float steps of the mesh's size (Embree's tutorial computes in floats).
+        const kxBBox& b = mMesh.bounds;
+        const float tolerance = 4e-6f * Vec3(b.max[0] - b.min[0], b.max[1] - b.min[1], b.max[2] - b.min[2]).Length();
+        for (int set = 0; set < 2; ++set)
+        {
+            Agreement& agreement = mQueryAgreement[set ? eSpread : eNear];
+            for (const Vec3& p : mPoints[set])
+            {
+                float ours = std::numeric_limits<float>::infinity(), theirs = ours;
+                Vec3 closest;
+                Wm4::Vector2<float> barycentric;
+                unsigned triangle;
+                sah.findClosestPoint(p, ours, closest, barycentric, triangle);
+                scene.closestPoint(p, theirs, triangle);
+                ++agreement.rays;
+                agreement.same += std::fabs(ours - theirs) <= tolerance;
+            }
+        }
+#endif
+    }
+
+    /// The nearest-hit query on the shadow rays, which answers the same as the any-hit one.
+    Tracer shadowTracer(const kxQBVH& qbvh) const
+    {
+        return [this, &qbvh](size_t i) {
+            const ShadowRay& r = mShadowRays[i];
+            float t = r.tMax;
+            Wm4::Vector2<float> barycentric;
+            unsigned triangle = kNoHit;
+            return qbvh.intersectRay(r.origin, r.direction, r.tMin, t, barycentric, triangle, kxQBVH::eAllSides)
+                       ? 0u
+                       : kNoHit;
+        };
+    }
 
     Tracer kxTracer(const kxQBVH& qbvh) const
     {
@@ -140,27 +291,31 @@ private:
     }
 
     /// Best of the repeats for every thread count; keeps the answers of the last run.
-    void traceBest(const std::string& name, const Tracer& trace, std::vector<unsigned>* answers)
+    void traceBest(const std::string& name, const Tracer& trace, std::vector<unsigned>* answers,
+                   QueryKind kind = ePrimary, size_t count = 0)
     {
-        std::vector<unsigned> hits(mDirections.size(), kNoHit);
+        if (kind == ePrimary)
+            count = mDirections.size();
+        std::vector<unsigned> hits(count, kNoHit);
         for (unsigned threads : mThreadCounts)
         {
-            TraceFigure figure{name, threads, 0.0, 0};
+            TraceFigure figure{name, threads, 0.0, 0, kind};
             for (unsigned r = 0; r < mOptions.repeat; ++r)
             {
-                Progress progress("bench: " + name + " rays, " + std::to_string(threads) + " thread(s), run " +
-                                      std::to_string(r + 1) + " of " + std::to_string(mOptions.repeat),
-                                  mDirections.size() / kRaysPerTask);
+                Progress progress("bench: " + name + " " + kKindNames[kind] + ", " + std::to_string(threads) +
+                                      " thread(s), run " + std::to_string(r + 1) + " of " +
+                                      std::to_string(mOptions.repeat),
+                                  count / kRaysPerTask);
                 const double seconds = secondsOf([&] {
-                    parallelFor(threads, (mDirections.size() + kRaysPerTask - 1) / kRaysPerTask, [&](size_t task) {
-                        const size_t end = std::min(mDirections.size(), (task + 1) * kRaysPerTask);
+                    parallelFor(threads, (count + kRaysPerTask - 1) / kRaysPerTask, [&](size_t task) {
+                        const size_t end = std::min(count, (task + 1) * kRaysPerTask);
                         for (size_t i = task * kRaysPerTask; i < end; ++i)
                             hits[i] = trace(i);
                         progress.advance();
                     });
                 });
                 throwIfInterrupted("benchmarking");
-                figure.raysPerSecond = std::max(figure.raysPerSecond, mDirections.size() / seconds);
+                figure.raysPerSecond = std::max(figure.raysPerSecond, count / std::max(seconds, 1e-9));
             }
             figure.hits = uint64_t(std::count_if(hits.begin(), hits.end(), [](unsigned h) { return h != kNoHit; }));
             mTraces.push_back(figure);
@@ -203,39 +358,67 @@ private:
                         formatRate(mMesh.triangles / b.seconds).c_str(), ratio.c_str());
         }
 
-        std::printf("\n%-34s", "rays/s");
-        for (unsigned threads : mThreadCounts)
-            std::printf(" %12s", (std::to_string(threads) + (threads == 1 ? " thread" : " threads")).c_str());
-        std::printf("\n");
-        std::vector<std::string> names;
-        for (const TraceFigure& t : mTraces)
-            if (std::find(names.begin(), names.end(), t.name) == names.end())
-                names.push_back(t.name);
-        for (const std::string& name : names)
-        {
-            std::printf("  %-32s", name.c_str());
-            for (unsigned threads : mThreadCounts)
-                std::printf(" %12s", formatRate(trace(name, threads)->raysPerSecond).c_str());
-            std::printf("\n");
-        }
+        for (int kind = ePrimary; kind < eKinds; ++kind)
+            printTraces(static_cast<QueryKind>(kind));
         if (mAgreement.rays)
         {
-            const std::string embree = mTraces.back().name;
-            for (const std::string& name : names)
-            {
-                if (name == embree)
-                    continue;
-                std::printf("  %-32s", (name + " / Embree").c_str());
-                for (unsigned threads : mThreadCounts)
-                    std::printf(" %11.2fx", trace(name, threads)->raysPerSecond / trace(embree, threads)->raysPerSecond);
-                std::printf("\n");
-            }
             std::printf("\nnearest triangle agrees with Embree on %.3f%% of the rays (%s differ)\n",
                         100.0 * double(mAgreement.same) / double(mAgreement.rays),
                         groupDigits(mAgreement.rays - mAgreement.same).c_str());
+            const Agreement& shadow = mQueryAgreement[eShadow];
+            std::printf("occlusion agrees with Embree on %.3f%% of the shadow rays (%s differ)\n",
+                        100.0 * double(shadow.same) / double(std::max<uint64_t>(shadow.rays, 1)),
+                        groupDigits(shadow.rays - shadow.same).c_str());
+            for (QueryKind kind : {eNear, eSpread})
+            {
+                const Agreement& a = mQueryAgreement[kind];
+                std::printf("distance agrees with Embree's on %.3f%% of the %s\n",
+                            100.0 * double(a.same) / double(std::max<uint64_t>(a.rays, 1)), kKindNames[kind]);
+            }
         }
         else
             std::printf("\n(this kxbvh was built without Embree: no comparison)\n");
+    }
+
+    /// One table per query set: queries per second by thread count, then each of ours
+    /// against Embree's figure for the same set.
+    void printTraces(QueryKind kind) const
+    {
+        std::vector<std::string> names;
+        for (const TraceFigure& t : mTraces)
+            if (t.kind == kind && std::find(names.begin(), names.end(), t.name) == names.end())
+                names.push_back(t.name);
+        if (names.empty())
+            return;
+        const size_t queries = kind == ePrimary ? mDirections.size()
+                               : kind == eShadow ? mShadowRays.size()
+                                                 : mPoints[kind == eSpread].size();
+        std::printf("\n%s, %s, per second", kKindNames[kind], groupDigits(queries).c_str());
+        std::printf("\n%-42s", "");
+        for (unsigned threads : mThreadCounts)
+            std::printf(" %12s", (std::to_string(threads) + (threads == 1 ? " thread" : " threads")).c_str());
+        std::printf("\n");
+        for (const std::string& name : names)
+        {
+            std::printf("  %-40s", name.c_str());
+            for (unsigned threads : mThreadCounts)
+                std::printf(" %12s", formatRate(trace(name, threads, kind)->raysPerSecond).c_str());
+            std::printf("\n");
+        }
+        const auto embree = std::find_if(names.begin(), names.end(),
+                                         [](const std::string& n) { return n.rfind("Embree", 0) == 0; });
+        if (embree == names.end())
+            return;
+        for (const std::string& name : names)
+        {
+            if (name == *embree)
+                continue;
+            std::printf("  %-40s", (name + " / Embree").c_str());
+            for (unsigned threads : mThreadCounts)
+                std::printf(" %11.2fx", trace(name, threads, kind)->raysPerSecond /
+                                            trace(*embree, threads, kind)->raysPerSecond);
+            std::printf("\n");
+        }
     }
 
     void printJson() const
@@ -248,15 +431,29 @@ private:
         for (const BuildFigure& b : mBuilds)
             out["build"].push_back({{"name", b.name}, {"threads", b.threads}, {"seconds", b.seconds}});
         out["trace"] = nlohmann::ordered_json::array();
+        out["queries"] = nlohmann::ordered_json::array();
         for (const TraceFigure& t : mTraces)
-            out["trace"].push_back(
-                {{"name", t.name}, {"threads", t.threads}, {"rays_per_second", t.raysPerSecond}, {"hits", t.hits}});
+            if (t.kind == ePrimary)
+                out["trace"].push_back(
+                    {{"name", t.name}, {"threads", t.threads}, {"rays_per_second", t.raysPerSecond}, {"hits", t.hits}});
+            else
+                out["queries"].push_back({{"set", kKindKeys[t.kind]},
+                                          {"name", t.name},
+                                          {"threads", t.threads},
+                                          {"queries_per_second", t.raysPerSecond},
+                                          {"answered", t.hits}});
         if (mAgreement.rays)
             out["embree_agreement"] = {{"rays", mAgreement.rays},
                                        {"same_triangle", mAgreement.same},
                                        {"fraction", double(mAgreement.same) / double(mAgreement.rays)}};
         else
             out["embree_agreement"] = nullptr;
+        for (int kind = eShadow; kind < eKinds; ++kind)
+        {
+            const Agreement& a = mQueryAgreement[kind];
+            out["queries_embree_agreement"][kKindKeys[kind]] =
+                a.rays ? nlohmann::ordered_json{{"queries", a.rays}, {"same", a.same}} : nlohmann::ordered_json();
+        }
         std::cout << out.dump(2) << std::endl;
     }
 
@@ -268,10 +465,10 @@ private:
         return nullptr;
     }
 
-    const TraceFigure* trace(const std::string& name, unsigned threads) const
+    const TraceFigure* trace(const std::string& name, unsigned threads, QueryKind kind = ePrimary) const
     {
         for (const TraceFigure& t : mTraces)
-            if (t.name == name && t.threads == threads)
+            if (t.name == name && t.threads == threads && t.kind == kind)
                 return &t;
         return nullptr;
     }
@@ -287,6 +484,9 @@ private:
     std::vector<BuildFigure> mBuilds;
     std::vector<TraceFigure> mTraces;
     Agreement mAgreement;
+    std::vector<ShadowRay> mShadowRays;
+    std::vector<Vec3> mPoints[2];  // near the surface, spread through the bounds
+    Agreement mQueryAgreement[eKinds];
 };
 } // namespace
 

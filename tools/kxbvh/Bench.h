@@ -1,5 +1,5 @@
-// kxbvh bench: build and ray throughput, single- and multi-threaded, beside Embree when
-// the tool was built with it.
+// kxbvh bench: build, ray, occlusion and closest-point throughput, single- and
+// multi-threaded, beside Embree when the tool was built with it.
 #ifndef KXBVH_BENCH_H
 #define KXBVH_BENCH_H
 

@@ -2,6 +2,7 @@
 
 #include "Bench.h"
 #include "Cull.h"
+#include "Distance.h"
 #include "Errors.h"
 #include "Info.h"
 #include "Progress.h"
@@ -35,7 +36,9 @@ Examples:
   kxbvh info                          figures for the built-in scene
   kxbvh info bunny.ply --json         the same for a file, as JSON
   kxbvh render model.glb -o model.png
+  kxbvh render --shade ao --samples 32 -o ao.png
   kxbvh cull --tile 16 -o tiles.png   which 16x16 pixel tiles see geometry
+  kxbvh distance part.stl scan.ply -o deviation.ply
   kxbvh bench model.obj               build and ray speed, beside Embree)";
 
 template <typename T>
@@ -224,10 +227,18 @@ int runCommandLine(int argc, char** argv)
     CLI::Option* renderLeaf = addBuildOptions(*renderCommand, render.build);
     renderCommand->add_option("-o,--output", render.output, "PNG file to write")->type_name("FILE")->capture_default_str();
     addCameraOptions(*renderCommand, render.camera);
-    renderCommand->add_option("--shade", render.shade, "normal: facing normal as colour; depth: near is bright")
-        ->transform(oneOf(std::map<std::string, Shade>{{"normal", Shade::eNormal}, {"depth", Shade::eDepth}}))
-        ->type_name("normal|depth")
+    renderCommand
+        ->add_option("--shade", render.shade,
+                     "normal: facing normal as colour; depth: near is bright; ao: ambient occlusion, dark where "
+                     "nearby geometry hides the sky (occlusion rays within a tenth of the scene's size)")
+        ->transform(oneOf(
+            std::map<std::string, Shade>{{"normal", Shade::eNormal}, {"depth", Shade::eDepth}, {"ao", Shade::eAO}}))
+        ->type_name("normal|depth|ao")
         ->default_str("normal");
+    CLI::Option* renderSamples =
+        renderCommand->add_option("--samples", render.samples, "Occlusion rays per pixel for --shade ao")
+        ->check(CLI::Range(1u, 4096u))
+        ->capture_default_str();
     const std::map<std::string, kxQBVH::tIntersectionPolicy> sides{
         {"all", kxQBVH::eAllSides}, {"front", kxQBVH::eFrontSide}, {"back", kxQBVH::eBackSide}};
     renderCommand
@@ -251,9 +262,43 @@ int runCommandLine(int argc, char** argv)
         ->capture_default_str();
     addThreads(*cullCommand, cull.threads);
 
+    DistanceOptions distance;
+    CLI::App* distanceCommand = app.add_subcommand(
+        "distance", "Distance from every point of a file to the mesh (closest-point queries), with a summary");
+    distanceCommand->add_option("MESH", distance.source.path, "Mesh file (anything assimp reads)")
+        ->type_name("FILE")
+        ->required();
+    distanceCommand
+        ->add_option("POINTS", distance.points,
+                     "File whose vertices are the points: a point cloud or any mesh assimp reads")
+        ->type_name("FILE")
+        ->required();
+    CLI::Option* distanceLeaf = addBuildOptions(*distanceCommand, distance.build);
+    distanceCommand
+        ->add_option("-o,--output", distance.output,
+                     "out.csv: per point its coordinates, distance, nearest triangle and nearest point; out.ply: "
+                     "the points coloured from blue (on the mesh) to red (farthest), with their distances")
+        ->type_name("FILE");
+    distanceCommand
+        ->add_option("--max", distance.maxDistance,
+                     "Largest distance searched; points farther away are counted apart (and left empty or grey "
+                     "in the output)")
+        ->check(CLI::Validator(
+            [](std::string& value) {
+                char* end = nullptr;
+                const float parsed = std::strtof(value.c_str(), &end);
+                return end != value.c_str() && *end == '\0' && parsed >= 0.0f && !std::isnan(parsed)
+                           ? std::string()
+                           : "'" + value + "' is not a distance (a number of at least 0)";
+            },
+            ""))
+        ->type_name("D");
+    addThreads(*distanceCommand, distance.threads);
+
     BenchOptions bench;
     CLI::App* benchCommand = app.add_subcommand(
-        "bench", "Time builds (linear, SAH) and ray queries on one and on all cores, beside Embree when available");
+        "bench", "Time builds (linear, SAH), ray, occlusion and closest-point queries on one and on all cores, "
+        "beside Embree when available");
     addMeshOptions(*benchCommand, bench.source);
     benchCommand->add_option("--leaf", bench.leafSize, "Largest leaf of the linear builder, in triangles")
         ->check(CLI::Range(1u, 1024u))
@@ -291,7 +336,7 @@ int runCommandLine(int argc, char** argv)
 
     setProgressMode(progress);
     routeLibraryLog(read.verbose);
-    for (MeshSource* source : {&info.source, &render.source, &cull.source, &bench.source})
+    for (MeshSource* source : {&info.source, &render.source, &cull.source, &bench.source, &distance.source})
         source->read = read;
     if (infoCommand->parsed())
     {
@@ -301,12 +346,19 @@ int runCommandLine(int argc, char** argv)
     else if (renderCommand->parsed())
     {
         rejectLeafWithSah(renderLeaf, render.build);
+        if (renderSamples->count() > 0 && render.shade != Shade::eAO)
+            throw InputError("--samples applies to --shade ao only");
         runRender(render);
     }
     else if (cullCommand->parsed())
     {
         rejectLeafWithSah(cullLeaf, cull.build);
         runCull(cull);
+    }
+    else if (distanceCommand->parsed())
+    {
+        rejectLeafWithSah(distanceLeaf, distance.build);
+        runDistance(distance);
     }
     else if (benchCommand->parsed())
         runBench(bench);

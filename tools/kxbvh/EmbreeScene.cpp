@@ -14,6 +14,8 @@ struct EmbreeScene::Handles
 {
     RTCDevice device = nullptr;
     RTCScene scene = nullptr;
+    const float* positions = nullptr;    // Embree's copies, alive as long as the scene
+    const unsigned* triangles = nullptr;
     ~Handles()
     {
         if (scene)
@@ -55,6 +57,8 @@ EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads) : mHandles
         positions[3 * v + 2] = p[2];
     }
     std::memcpy(triangles, indices.GetData(), 3 * triangleCount * sizeof(unsigned));
+    mHandles->positions = positions;
+    mHandles->triangles = triangles;
     rtcCommitGeometry(geometry);
     rtcAttachGeometry(mHandles->scene, geometry);
     rtcReleaseGeometry(geometry);
@@ -88,6 +92,101 @@ bool EmbreeScene::intersect(const Vec3& origin, const Vec3& direction, float& t,
         return false;
     t = query.ray.tfar;
     triangle = query.hit.primID;
+    return true;
+}
+
+bool EmbreeScene::occluded(const Vec3& origin, const Vec3& direction, float tMin, float tMax) const
+{
+    RTCIntersectContext context;
+    rtcInitIntersectContext(&context);
+    RTCRay ray;
+    ray.org_x = origin[0];
+    ray.org_y = origin[1];
+    ray.org_z = origin[2];
+    ray.dir_x = direction[0];
+    ray.dir_y = direction[1];
+    ray.dir_z = direction[2];
+    ray.tnear = tMin;
+    ray.tfar = tMax;
+    ray.time = 0.0f;
+    ray.mask = 0xFFFFFFFFu;
+    ray.id = 0;
+    ray.flags = 0;
+    rtcOccluded1(mHandles->scene, &context, &ray);
+    return ray.tfar < 0.0f;
+}
+
+namespace
+{
+// Ericson's region method, as Embree's closest-point tutorial has it.
+Vec3 closestPointTriangle(const Vec3& p, const Vec3& a, const Vec3& b, const Vec3& c)
+{
+    const Vec3 ab = b - a, ac = c - a, ap = p - a;
+    const float d1 = ab.Dot(ap), d2 = ac.Dot(ap);
+    if (d1 <= 0.0f && d2 <= 0.0f)
+        return a;
+    const Vec3 bp = p - b;
+    const float d3 = ab.Dot(bp), d4 = ac.Dot(bp);
+    if (d3 >= 0.0f && d4 <= d3)
+        return b;
+    const Vec3 cp = p - c;
+    const float d5 = ab.Dot(cp), d6 = ac.Dot(cp);
+    if (d6 >= 0.0f && d5 <= d6)
+        return c;
+    const float vc = d1 * d4 - d3 * d2;
+    if (vc <= 0.0f && d1 >= 0.0f && d3 <= 0.0f)
+        return a + ab * (d1 / (d1 - d3));
+    const float vb = d5 * d2 - d1 * d6;
+    if (vb <= 0.0f && d2 >= 0.0f && d6 <= 0.0f)
+        return a + ac * (d2 / (d2 - d6));
+    const float va = d3 * d6 - d5 * d4;
+    if (va <= 0.0f && d4 - d3 >= 0.0f && d5 - d6 >= 0.0f)
+        return b + (c - b) * ((d4 - d3) / ((d4 - d3) + (d5 - d6)));
+    const float denom = 1.0f / (va + vb + vc);
+    return a + ab * (vb * denom) + ac * (vc * denom);
+}
+
+struct ClosestPointQuery
+{
+    const float* positions;
+    const unsigned* triangles;
+    unsigned triangle;
+};
+
+bool closestPointCallback(RTCPointQueryFunctionArguments* args)
+{
+    auto* query = static_cast<ClosestPointQuery*>(args->userPtr);
+    const unsigned* corner = query->triangles + 3 * size_t(args->primID);
+    const auto vertex = [&](int k) {
+        const float* p = query->positions + 3 * size_t(corner[k]);
+        return Vec3(p[0], p[1], p[2]);
+    };
+    const Vec3 p(args->query->x, args->query->y, args->query->z);
+    const float d = (closestPointTriangle(p, vertex(0), vertex(1), vertex(2)) - p).Length();
+    if (!(d < args->query->radius))
+        return false;
+    args->query->radius = d;
+    query->triangle = args->primID;
+    return true;
+}
+} // namespace
+
+bool EmbreeScene::closestPoint(const Vec3& point, float& distance, unsigned& triangle) const
+{
+    RTCPointQueryContext context;
+    rtcInitPointQueryContext(&context);
+    RTCPointQuery query;
+    query.x = point[0];
+    query.y = point[1];
+    query.z = point[2];
+    query.radius = distance;
+    query.time = 0.0f;
+    ClosestPointQuery result{mHandles->positions, mHandles->triangles, RTC_INVALID_GEOMETRY_ID};
+    rtcPointQuery(mHandles->scene, &query, &context, closestPointCallback, &result);
+    if (result.triangle == RTC_INVALID_GEOMETRY_ID)
+        return false;
+    distance = query.radius;
+    triangle = result.triangle;
     return true;
 }
 

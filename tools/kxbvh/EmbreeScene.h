@@ -25,6 +25,13 @@ public:
     /// Nearest hit in [0, t]: shortens t and names the mesh's triangle. Thread-safe.
     bool intersect(const Vec3& origin, const Vec3& direction, float& t, unsigned& triangle) const;
 
+    /// Whether anything lies on the ray within [tMin, tMax] (rtcOccluded1). Thread-safe.
+    bool occluded(const Vec3& origin, const Vec3& direction, float tMin, float tMax) const;
+
+    /// The nearest triangle and its distance (rtcPointQuery with the closest-point callback
+    /// of Embree's tutorial). Thread-safe.
+    bool closestPoint(const Vec3& point, float& distance, unsigned& triangle) const;
+
     static const char* version();
 
 private:

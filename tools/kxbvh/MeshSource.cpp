@@ -23,6 +23,8 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <sstream>
+#include <utility>
 #include <vector>
 
 namespace kxbvh
@@ -224,6 +226,94 @@ Mesh loadMeshFile(const std::string& path, const ReadOptions& options)
     mesh.name = path;
     describe(mesh);
     return mesh;
+}
+
+namespace
+{
+void collectPoints(const aiScene& scene, const aiNode& node, const aiMatrix4x4& parent, const std::string& path,
+                   std::vector<Wm4::Vector3<float>>& out)
+{
+    const aiMatrix4x4 transform = parent * node.mTransformation;
+    for (unsigned m = 0; m < node.mNumMeshes; ++m)
+    {
+        if (node.mMeshes[m] >= scene.mNumMeshes || !scene.mMeshes[node.mMeshes[m]])
+            throw fileError(path, "is not a valid scene: a node names a mesh that does not exist");
+        const aiMesh& mesh = *scene.mMeshes[node.mMeshes[m]];
+        if (mesh.mNumVertices > 0 && !mesh.mVertices)
+            throw fileError(path, "has a mesh without positions");
+        if (out.size() + mesh.mNumVertices > kMaxPoints)
+            throw fileError(path, "has more than " + groupDigits(kMaxPoints) + " points");
+        for (unsigned v = 0; v < mesh.mNumVertices; ++v)
+        {
+            if (!finite(mesh.mVertices[v]))
+                throw fileError(path, "has a vertex whose coordinates are not all finite numbers: " +
+                                          describePoint(mesh.mVertices[v]));
+            const aiVector3D p = transform * mesh.mVertices[v];
+            if (!finite(p))
+                throw fileError(path, "has a vertex that its node transforms move beyond the range of floats: " +
+                                          describePoint(p));
+            out.emplace_back(p.x, p.y, p.z);
+        }
+    }
+    for (unsigned c = 0; c < node.mNumChildren; ++c)
+        collectPoints(scene, *node.mChildren[c], transform, path, out);
+}
+} // namespace
+
+std::vector<Wm4::Vector3<float>> loadPointFile(const std::string& path, const ReadOptions& options)
+{
+    const uint64_t fileSize = checkReadable(path);
+    checkPlyHeader(path, fileSize);
+    checkOffHeader(path, fileSize);
+    std::vector<Wm4::Vector3<float>> points;
+    {
+        Progress progress("reading " + path);
+        Assimp::Importer importer;
+        importer.SetProgressHandler(new InterruptibleImport);
+        const uint64_t budget = options.memory ? *options.memory : automaticReadMemory(fileSize);
+        const aiScene* scene = nullptr;
+        bool outOfMemory = false;
+        {
+            const ReaderOutput output(options.verbose);
+            const ReadMemoryLimit limit(budget);
+            try
+            {
+                scene = importer.ReadFile(path, 0);
+                // Faces repeat their corners once per face in some formats; a point cloud has
+                // no faces, which the validation step would refuse.
+                bool faces = scene && scene->mNumMeshes > 0;
+                for (unsigned m = 0; faces && m < scene->mNumMeshes; ++m)
+                    faces = scene->mMeshes[m]->mNumFaces > 0;
+                if (faces)
+                    scene = importer.ApplyPostProcessing(aiProcess_JoinIdenticalVertices |
+                                                         aiProcess_ValidateDataStructure);
+            }
+            catch (const std::bad_alloc&)
+            {
+                if (!limit.active())
+                    throw;
+                outOfMemory = true;
+            }
+            outOfMemory = outOfMemory || (!scene && limit.active() &&
+                                          std::string(importer.GetErrorString()).find("bad_alloc") != std::string::npos);
+        }
+        throwIfInterrupted("reading the points");
+        if (outOfMemory)
+            throw tooLargeToRead(path, budget, options.memory.has_value());
+        if (!scene)
+        {
+            const std::string reason = oneLine(importer.GetErrorString());
+            for (const char* noPoints : {"no meshes", "No meshes"})
+                if (reason.find(noPoints) != std::string::npos)
+                    throw fileError(path, "contains no points");
+            throw InputError("cannot read '" + path + "' as points: " + reason);
+        }
+        if (scene->mRootNode)
+            collectPoints(*scene, *scene->mRootNode, aiMatrix4x4(), path, points);
+    }
+    if (points.empty())
+        throw fileError(path, "contains no points");
+    return points;
 }
 
 Mesh openMesh(const MeshSource& source)

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kxbvh
 {
@@ -26,6 +27,9 @@ struct ReadOptions
     /// Memory assimp may take to read the file: empty for automaticReadMemory, 0 for no limit.
     std::optional<uint64_t> memory;
 };
+
+/// Points of one distance query run are held with their answers in memory.
+constexpr uint64_t kMaxPoints = uint64_t(1) << 28;
 
 struct MeshSource
 {
@@ -68,6 +72,11 @@ Mesh loadMeshFile(const std::string& path, const ReadOptions& options = ReadOpti
 
 /// The file, or the built-in scene when no path is given, with a spinner while it loads.
 Mesh openMesh(const MeshSource& source);
+
+/// The vertices of every mesh of a file (point clouds included), with node transforms
+/// applied; vertices shared by faces count once. Throws InputError naming the file as
+/// loadMeshFile does, and when it holds no vertex; Cancelled on Ctrl-C.
+std::vector<Wm4::Vector3<float>> loadPointFile(const std::string& path, const ReadOptions& options = ReadOptions());
 } // namespace kxbvh
 
 #endif

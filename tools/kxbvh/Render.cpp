@@ -47,6 +47,72 @@ private:
     const Mesh& mMesh;
 };
 
+/// Ambient occlusion: the share of cosine-weighted directions over the facing side of a
+/// hit point that leave it unblocked within a radius of a tenth of the scene's diagonal.
+/// Every pixel draws its directions from a hash of its position and sample number, so the
+/// picture does not depend on threads or on the order of work.
+class OcclusionShader
+{
+public:
+    OcclusionShader(const kxQBVH& qbvh, const Mesh& mesh, unsigned samples)
+        : mQbvh(qbvh), mMesh(mesh), mSamples(samples)
+    {
+        const kxBBox& b = mesh.bounds;
+        const float diagonal = Vec3(b.max[0] - b.min[0], b.max[1] - b.min[1], b.max[2] - b.min[2]).Length();
+        mRadius = 0.1f * diagonal;
+        mOffset = 1e-5f * diagonal;
+    }
+
+    unsigned samples() const { return mSamples; }
+
+    Rgba operator()(const Vec3& eye, const Vec3& direction, float t, unsigned triangle, int x, int y) const
+    {
+        const unsigned* index = mMesh.mesh->GetIndexBuffer()->GetData() + 3 * size_t(triangle);
+        const kx::kxVertexBuffer& vertices = *mMesh.mesh->GetVertexBuffer();
+        const Vec3& a = vertices.Position3(static_cast<int>(index[0]));
+        Vec3 n = (vertices.Position3(static_cast<int>(index[1])) - a).Cross(vertices.Position3(static_cast<int>(index[2])) - a);
+        n.Normalize();
+        if (n.Dot(direction) > 0.0f)
+            n = -n;
+        // Off the surface along the normal, so that the rays do not start behind it.
+        const Vec3 origin = eye + direction * t + n * mOffset;
+        // An orthonormal frame around n (Duff et al. 2017).
+        const float sign = std::copysign(1.0f, n[2]);
+        const float p = -1.0f / (sign + n[2]), q = n[0] * n[1] * p;
+        const Vec3 u(1.0f + sign * n[0] * n[0] * p, sign * q, -sign * n[0]), v(q, sign + n[1] * n[1] * p, -n[1]);
+        unsigned open = 0;
+        for (unsigned s = 0; s < mSamples; ++s)
+        {
+            const uint32_t h = hash(uint32_t(x) * 0x9E3779B1u ^ hash(uint32_t(y) * 0x85EBCA77u ^ hash(s + 0x27D4EB2Fu)));
+            // Stratified over the samples in the first coordinate, hashed in the second.
+            const float r1 = (float(s) + float(h >> 8) * (1.0f / 16777216.0f)) / float(mSamples);
+            const float r2 = float(hash(h) >> 8) * (1.0f / 16777216.0f);
+            const float radius = std::sqrt(r1), angle = 6.28318531f * r2;
+            const Vec3 d = u * (radius * std::cos(angle)) + v * (radius * std::sin(angle)) + n * std::sqrt(1.0f - r1);
+            open += !mQbvh.intersectRayAny(origin, d, 0.0f, mRadius, kxQBVH::eAllSides);
+        }
+        const uint8_t grey = toByte(float(open) / float(mSamples));
+        return Rgba{grey, grey, grey, 255};
+    }
+
+private:
+    static uint32_t hash(uint32_t x)
+    {
+        x ^= x >> 16;
+        x *= 0x7FEB352Du;
+        x ^= x >> 15;
+        x *= 0x846CA68Bu;
+        x ^= x >> 16;
+        return x;
+    }
+
+    const kxQBVH& mQbvh;
+    const Mesh& mMesh;
+    unsigned mSamples;
+    float mRadius;
+    float mOffset;
+};
+
 /// Greys from the nearest hit (bright) to the farthest (dark) of the whole picture.
 void shadeDepth(Image& image, const std::vector<float>& distances)
 {
@@ -72,10 +138,12 @@ void shadeDepth(Image& image, const std::vector<float>& distances)
 } // namespace
 
 Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera, Shade shade,
-                      kxQBVH::tIntersectionPolicy side, unsigned threads)
+                      kxQBVH::tIntersectionPolicy side, unsigned threads, unsigned samples)
 {
     Rendering result{Image(camera.width(), camera.height())};
     const NormalShader shadeNormal(mesh);
+    const OcclusionShader shadeOcclusion(qbvh, mesh, samples);
+    std::vector<double> rowOcclusionSeconds(static_cast<size_t>(camera.height()), 0.0);
     std::vector<float> distances(shade == Shade::eDepth ? size_t(camera.width()) * camera.height() : 0,
                                  std::numeric_limits<float>::infinity());
     std::vector<uint32_t> rowHits(static_cast<size_t>(camera.height()), 0);
@@ -95,6 +163,13 @@ Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera
             ++rowHits[row];
             if (shade == Shade::eDepth)
                 distances[row * camera.width() + x] = t;
+            else if (shade == Shade::eAO)
+            {
+                const auto begin = std::chrono::steady_clock::now();
+                result.image.at(x, y) = shadeOcclusion(camera.eye(), direction, t, triangle, x, y);
+                rowOcclusionSeconds[row] +=
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+            }
             else
                 result.image.at(x, y) = shadeNormal(direction, triangle);
         }
@@ -106,6 +181,12 @@ Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera
     throwIfInterrupted("rendering");
     for (uint32_t hits : rowHits)
         result.hits += hits;
+    if (shade == Shade::eAO)
+    {
+        result.occlusionRays = result.hits * samples;
+        for (double seconds : rowOcclusionSeconds)
+            result.occlusionSeconds += seconds;
+    }
     return result;
 }
 
@@ -135,16 +216,27 @@ void runRender(const RenderOptions& options)
     Shot shot;
     prepareShot(shot, options.output, options.source, options.build, options.camera, options.threads);
     const Camera& camera = *shot.camera;
-    const Rendering rendering =
-        renderImage(shot.hierarchy.qbvh, shot.mesh, camera, options.shade, options.side, shot.threads);
+    const Rendering rendering = renderImage(shot.hierarchy.qbvh, shot.mesh, camera, options.shade, options.side,
+                                            shot.threads, options.samples);
     writePng(rendering.image, options.output);
 
     const uint64_t rays = uint64_t(camera.width()) * camera.height();
-    char figures[256];
-    std::snprintf(figures, sizeof figures, "rendered %dx%d: %s rays in %s on %u thread%s = %s rays/s, %.1f%% hit",
-                  camera.width(), camera.height(), groupDigits(rays).c_str(), formatSeconds(rendering.seconds).c_str(),
-                  shot.threads, shot.threads == 1 ? "" : "s", formatRate(rays / rendering.seconds).c_str(),
-                  100.0 * double(rendering.hits) / double(rays));
+    char figures[512];
+    int length = std::snprintf(figures, sizeof figures,
+                               "rendered %dx%d: %s rays in %s on %u thread%s = %s rays/s, %.1f%% hit", camera.width(),
+                               camera.height(), groupDigits(rays).c_str(), formatSeconds(rendering.seconds).c_str(),
+                               shot.threads, shot.threads == 1 ? "" : "s", formatRate(rays / rendering.seconds).c_str(),
+                               100.0 * double(rendering.hits) / double(rays));
+    if (options.shade == Shade::eAO && rendering.occlusionRays > 0)
+    {
+        // Per thread: the occlusion time is summed over the threads that spent it.
+        const double perThread = double(rendering.occlusionRays) / rendering.occlusionSeconds;
+        std::snprintf(figures + length, sizeof figures - size_t(length),
+                      "\nambient occlusion: %u samples per hit, %s occlusion rays at %s rays/s per thread, %s rays/s "
+                      "on %u thread%s",
+                      options.samples, groupDigits(rendering.occlusionRays).c_str(), formatRate(perThread).c_str(),
+                      formatRate(perThread * shot.threads).c_str(), shot.threads, shot.threads == 1 ? "" : "s");
+    }
     reportShot(shot, figures, options.output);
 }
 } // namespace kxbvh

@@ -15,7 +15,8 @@ namespace kxbvh
 enum class Shade
 {
     eNormal,  // the facing side's normal as a colour
-    eDepth    // near is bright, far is dark
+    eDepth,   // near is bright, far is dark
+    eAO       // ambient occlusion: how much of the sky above each point is open
 };
 
 struct RenderOptions
@@ -25,6 +26,7 @@ struct RenderOptions
     CameraOptions camera;
     Shade shade = Shade::eNormal;
     kxQBVH::tIntersectionPolicy side = kxQBVH::eAllSides;
+    unsigned samples = 16;  // occlusion rays per pixel, for eAO
     std::string output = "kxbvh-render.png";
     unsigned threads = 0;  // every core
 };
@@ -34,11 +36,15 @@ struct Rendering
     Image image;        // missed pixels are transparent
     uint64_t hits = 0;
     double seconds = 0.0;  // tracing and shading only
+    uint64_t occlusionRays = 0;
+    double occlusionSeconds = 0.0;  // summed over threads
 };
 
 /// Traces every pixel on `threads` threads with a progress bar; Cancelled on Ctrl-C.
+/// eAO sends `samples` occlusion rays from every hit; the same arguments give the same
+/// picture on any number of threads.
 Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera, Shade shade,
-                      kxQBVH::tIntersectionPolicy side, unsigned threads);
+                      kxQBVH::tIntersectionPolicy side, unsigned threads, unsigned samples = 16);
 
 /// What render and cull start from: a mesh, its hierarchy and a camera on it.
 struct Shot
