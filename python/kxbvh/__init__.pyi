@@ -11,6 +11,12 @@ _Real = npt.ArrayLike
 _Side = Literal["all", "front", "back"]
 _Builder = Literal["linear", "sah"]
 
+class Nearest(TypedDict):
+    distance: npt.NDArray[np.float32]
+    point: npt.NDArray[np.float32]
+    triangle: npt.NDArray[np.uint32]
+    barycentric: npt.NDArray[np.float32]
+
 class Hits(TypedDict):
     t: npt.NDArray[np.float32]
     triangle: npt.NDArray[np.uint32]
@@ -48,6 +54,21 @@ class QBVH:
         self, origins: _Real, directions: _Real, tmax: float = float("inf"), threads: int = 0
     ) -> Hits:
         """Each ray as a line: the nearest front-facing crossing ahead or behind, t >= 0."""
+
+    def occluded(
+        self,
+        origins: _Real,
+        directions: _Real,
+        tmin: float = 0.0,
+        tmax: float = float("inf"),
+        side: _Side = "all",
+        threads: int = 0,
+    ) -> npt.NDArray[np.bool_]:
+        """Per ray, whether intersect would hit; stops at the first accepted triangle."""
+
+    def closest_points(self, points: _Real, max_distance: float = float("inf"), threads: int = 0) -> Nearest:
+        """Nearest point of the mesh per point within max_distance: distance (inf when none),
+        point (NaN then), triangle (0xFFFFFFFF then), barycentric (weights of corners 0 and 1)."""
 
     def convex_hull(self, planes: _Real, threads: int = 0) -> Union[bool, npt.NDArray[np.bool_]]:
         """(K, 4) planes (a, b, c, d), inside where a x + b y + c z + d > 0: whether any

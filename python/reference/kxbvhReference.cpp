@@ -4,12 +4,14 @@
 //
 //   kxbvhReference QUERY BUILDER LEAF VERTICES TRIANGLES INPUT OUTPUT [OPTION=VALUE...]
 //
-// QUERY: intersect | symmetric | convex. Files are raw little-endian arrays: VERTICES float32
-// rows of 3, TRIANGLES uint32 rows of 3, INPUT float32 rows (origin and direction for rays,
-// sets of `planes` rows of 4 for convex). OUTPUT gets one record per query: float t, uint32
-// triangle, float barycentric[2] (0xFFFFFFFF and inf on a miss) or one byte 0/1 for convex.
-// Options: tmin, tmax, side (all|front|back), planes, repeat (times the query loop runs; the
-// fastest run is printed as "seconds S").
+// QUERY: intersect | symmetric | occluded | closest | convex. Files are raw little-endian
+// arrays: VERTICES float32 rows of 3, TRIANGLES uint32 rows of 3, INPUT float32 rows (origin
+// and direction for rays, points for closest, sets of `planes` rows of 4 for convex).
+// OUTPUT gets one record per query: float t, uint32 triangle, float barycentric[2]
+// (0xFFFFFFFF and inf on a miss); float distance, float point[3], uint32 triangle, float
+// barycentric[2] for closest; one byte 0/1 for occluded and convex. Options: tmin, tmax (the
+// largest distance for closest), side (all|front|back), planes, repeat (times the query
+// loop runs; the fastest run is printed as "seconds S").
 #include <Hierarchy.h>
 #include <MeshSource.h>
 #include <Progress.h>
@@ -118,6 +120,55 @@ std::vector<Hit> castRays(const kxQBVH& qbvh, const std::string& query, const st
     return hits;
 }
 
+std::vector<uint8_t> occlusions(const kxQBVH& qbvh, const std::vector<float>& rays,
+                                const std::map<std::string, std::string>& options, double& seconds)
+{
+    const float tMin = std::stof(options.at("tmin"));
+    const float tMax = std::stof(options.at("tmax"));
+    const kxQBVH::tIntersectionPolicy side = policy(options.at("side"));
+    std::vector<uint8_t> blocked(rays.size() / 6);
+    seconds = fastest(std::stoi(options.at("repeat")), [&]() {
+        for (size_t i = 0; i < blocked.size(); ++i)
+        {
+            const float* r = &rays[6 * i];
+            blocked[i] = qbvh.intersectRayAny(Wm4::Vector3<float>(r[0], r[1], r[2]),
+                                              Wm4::Vector3<float>(r[3], r[4], r[5]), tMin, tMax, side);
+        }
+    });
+    return blocked;
+}
+
+struct Nearest
+{
+    float distance;
+    float point[3];
+    uint32_t triangle;
+    float barycentric[2];
+};
+
+std::vector<Nearest> closestPoints(const kxQBVH& qbvh, const std::vector<float>& points,
+                                   const std::map<std::string, std::string>& options, double& seconds)
+{
+    const float limit = std::stof(options.at("tmax"));
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    std::vector<Nearest> nearest(points.size() / 3);
+    seconds = fastest(std::stoi(options.at("repeat")), [&]() {
+        for (size_t i = 0; i < nearest.size(); ++i)
+        {
+            float distance = limit;
+            Wm4::Vector3<float> point(0.0f, 0.0f, 0.0f);
+            Wm4::Vector2<float> barycentric(0.0f, 0.0f);
+            unsigned triangle = 0xFFFFFFFFu;
+            const float* p = &points[3 * i];
+            if (qbvh.findClosestPoint(Wm4::Vector3<float>(p[0], p[1], p[2]), distance, point, barycentric, triangle))
+                nearest[i] = {distance, {point[0], point[1], point[2]}, triangle, {barycentric[0], barycentric[1]}};
+            else
+                nearest[i] = {std::numeric_limits<float>::infinity(), {nan, nan, nan}, 0xFFFFFFFFu, {0.0f, 0.0f}};
+        }
+    });
+    return nearest;
+}
+
 std::vector<uint8_t> convexHulls(const kxQBVH& qbvh, const std::vector<float>& planes, unsigned perSet,
                                  const std::map<std::string, std::string>& options, double& seconds)
 {
@@ -145,8 +196,8 @@ int main(int argc, char** argv)
 {
     if (argc < 8)
     {
-        std::fprintf(stderr, "usage: %s intersect|symmetric|convex linear|sah LEAF VERTICES TRIANGLES INPUT OUTPUT "
-                             "[tmin=X tmax=X side=S planes=K repeat=N]\n",
+        std::fprintf(stderr, "usage: %s intersect|symmetric|occluded|closest|convex linear|sah LEAF VERTICES "
+                             "TRIANGLES INPUT OUTPUT [tmin=X tmax=X side=S planes=K repeat=N]\n",
                      argv[0]);
         return 2;
     }
@@ -177,6 +228,10 @@ int main(int argc, char** argv)
         if (query == "convex")
             writeArray(argv[7], convexHulls(hierarchy.qbvh, input, unsigned(std::stoul(options.at("planes"))),
                                             options, seconds));
+        else if (query == "occluded")
+            writeArray(argv[7], occlusions(hierarchy.qbvh, input, options, seconds));
+        else if (query == "closest")
+            writeArray(argv[7], closestPoints(hierarchy.qbvh, input, options, seconds));
         else if (query == "intersect" || query == "symmetric")
             writeArray(argv[7], castRays(hierarchy.qbvh, query, input, options, seconds));
         else

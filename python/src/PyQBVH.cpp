@@ -14,9 +14,11 @@ namespace
 {
 constexpr uint32_t kNoTriangle = 0xFFFFFFFFu;
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 // Rays per block handed to a thread: large enough to hide the hand-out, small enough to
 // balance the load of rays that cost very different amounts.
 constexpr size_t kRayGrain = 1024;
+constexpr size_t kPointGrain = 256;
 constexpr size_t kHullGrain = 16;
 
 kxQBVH::tIntersectionPolicy policyOf(const std::string& side)
@@ -133,6 +135,61 @@ py::dict PyQBVH::intersectSymmetric(const py::object& origins, const py::object&
         }
     });
     return hits.dict();
+}
+
+py::array PyQBVH::occluded(const py::object& origins, const py::object& directions, double tmin, double tmax,
+                           const std::string& side, long long threads) const
+{
+    const float tMin = checkedLimit(tmin, "tmin");
+    const float tMax = checkedLimit(tmax, "tmax");
+    if (tMin > tMax)
+        throw py::value_error("tmin must not exceed tmax, got tmin " + std::to_string(tmin) + " and tmax " +
+                              std::to_string(tmax));
+    const kxQBVH::tIntersectionPolicy policy = policyOf(side);
+    const RayBatch rays = rayBatch(origins, directions);
+    py::array_t<bool> blocked = output<bool>(rays.leading);
+    bool* blockedOut = blocked.mutable_data();
+    forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
+        for (size_t i = begin; i < end; ++i)
+            blockedOut[i] = mQBVH.intersectRayAny(vector(rays.origins.row(i)), vector(rays.directions.row(i)), tMin,
+                                                  tMax, policy);
+    });
+    return blocked;
+}
+
+py::dict PyQBVH::closestPoints(const py::object& pointsObject, double maxDistance, long long threads) const
+{
+    const float limit = checkedLimit(maxDistance, "max_distance");
+    if (limit < 0.0f)
+        throw py::value_error("max_distance must not be negative, got " + std::to_string(maxDistance));
+    const Rows points = rows(pointsObject, "points", 3);
+    py::array_t<float> distance = output<float>(points.leading);
+    py::array_t<float> closest = output<float>(points.leading, {3});
+    py::array_t<uint32_t> triangle = output<uint32_t>(points.leading);
+    py::array_t<float> barycentric = output<float>(points.leading, {2});
+    float* distanceOut = distance.mutable_data();
+    float* closestOut = closest.mutable_data();
+    uint32_t* triangleOut = triangle.mutable_data();
+    float* barycentricOut = barycentric.mutable_data();
+    forEachBlock(points.count, threadCount(threads), kPointGrain, [&](size_t begin, size_t end) {
+        for (size_t i = begin; i < end; ++i)
+        {
+            float found = limit;
+            Wm4::Vector3<float> nearest(0.0f, 0.0f, 0.0f);
+            Wm4::Vector2<float> weights(0.0f, 0.0f);
+            unsigned index = kNoTriangle;
+            const bool hit = mQBVH.findClosestPoint(vector(points.row(i)), found, nearest, weights, index);
+            distanceOut[i] = hit ? found : kInfinity;
+            for (int k = 0; k < 3; ++k)
+                closestOut[3 * i + k] = hit ? nearest[k] : kNaN;
+            triangleOut[i] = hit ? index : kNoTriangle;
+            barycentricOut[2 * i] = hit ? weights[0] : 0.0f;
+            barycentricOut[2 * i + 1] = hit ? weights[1] : 0.0f;
+        }
+    });
+    using namespace pybind11::literals;
+    return py::dict("distance"_a = distance, "point"_a = closest, "triangle"_a = triangle,
+                    "barycentric"_a = barycentric);
 }
 
 py::object PyQBVH::convexHull(const py::object& planesObject, long long threads) const

@@ -19,6 +19,9 @@ public:
                        const std::string& side, long long threads) const;
     py::dict intersectSymmetric(const py::object& origins, const py::object& directions, double tmax,
                                 long long threads) const;
+    py::array occluded(const py::object& origins, const py::object& directions, double tmin, double tmax,
+                       const std::string& side, long long threads) const;
+    py::dict closestPoints(const py::object& points, double maxDistance, long long threads) const;
     py::object convexHull(const py::object& planes, long long threads) const;
     py::dict info() const;
     std::string repr() const;

@@ -154,6 +154,25 @@ crossed nearest to the origin, ahead or behind, within tmax (>= 0).
 
 Returns the dict of intersect; `t` is the distance, never negative.)";
 
+const char* const kOccludedDoc = R"(Whether anything lies on each ray: what intersect with the same arguments
+would call a hit, found without looking for the nearest one, so it stops at the first
+triangle it accepts.
+
+Takes the arguments of intersect; returns a bool array of shape (...).)";
+
+const char* const kClosestPointsDoc = R"(The point of the mesh nearest to each point, within max_distance
+(inf: no limit).
+
+points: (..., 3). threads: 0 for every core.
+
+Returns a dict of numpy arrays:
+    distance     float32 (...), inf when no triangle lies within max_distance;
+    point        float32 (..., 3), the nearest point of the mesh, NaN then;
+    triangle     uint32 (...), its triangle's row in `triangles`, 0xFFFFFFFF then;
+    barycentric  float32 (..., 2), the weights of the triangle's corners 0 and 1 at the
+                 nearest point, (0, 0) then.
+Where several triangles are equally near, any of them may be reported.)";
+
 const char* const kConvexHullDoc = R"(Whether any triangle has a part strictly inside a convex region.
 
 planes: (K, 4) rows (a, b, c, d); a point p is inside a plane when
@@ -184,6 +203,10 @@ void bindQBVH(py::module_& module)
              "tmin"_a = 0.0, "tmax"_a = kInfinity, "side"_a = "all", "threads"_a = 0)
         .def("intersect_symmetric", &PyQBVH::intersectSymmetric, kSymmetricDoc, "origins"_a, "directions"_a,
              "tmax"_a = kInfinity, "threads"_a = 0)
+        .def("occluded", &PyQBVH::occluded, kOccludedDoc, "origins"_a, "directions"_a, "tmin"_a = 0.0,
+             "tmax"_a = kInfinity, "side"_a = "all", "threads"_a = 0)
+        .def("closest_points", &PyQBVH::closestPoints, kClosestPointsDoc, "points"_a, "max_distance"_a = kInfinity,
+             "threads"_a = 0)
         .def("convex_hull", &PyQBVH::convexHull, kConvexHullDoc, "planes"_a, "threads"_a = 0)
         .def("info", &PyQBVH::info, kInfoDoc)
         .def("__repr__", &PyQBVH::repr);

@@ -88,8 +88,12 @@ def reference(tmp_path_factory):
         arguments = [program, query, builder, str(leaf)] + [str(files[n]) for n in files]
         arguments += [f"{key}={value}" for key, value in options.items()]
         subprocess.run(arguments, check=True, capture_output=True)
-        if query == "convex":
+        if query in ("convex", "occluded"):
             return np.fromfile(files["output"], np.uint8).astype(bool)
+        if query == "closest":
+            record = np.dtype([("distance", "<f4"), ("point", "<f4", 3), ("triangle", "<u4"),
+                               ("barycentric", "<f4", 2)])
+            return np.fromfile(files["output"], record)
         record = np.dtype([("t", "<f4"), ("triangle", "<u4"), ("barycentric", "<f4", 2)])
         return np.fromfile(files["output"], record)
 

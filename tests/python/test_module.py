@@ -54,6 +54,11 @@ def test_batches_of_any_shape_and_layout_give_the_flat_answers(scene):
     single = bvh.intersect(origin, directions[3, 5])
     assert single["t"].shape == () and single["barycentric"].shape == (2,)
     assert single["t"] == flat["t"][3 * 32 + 5]
+    assert bvh.occluded(origin, directions).shape == (24, 32)
+    assert bvh.occluded(origin, directions).tolist() == np.isfinite(flat["t"]).reshape(24, 32).tolist()
+    assert bvh.closest_points(directions)["point"].shape == (24, 32, 3)
+    assert bvh.closest_points(np.zeros((0, 3)))["distance"].shape == (0,)
+    assert bvh.occluded(np.zeros((0, 3)), np.zeros((0, 3))).shape == (0,)
     for query in (bvh.intersect, bvh.intersect_symmetric):
         empty = query(np.zeros((0, 3)), np.zeros((0, 3)))
         assert empty["t"].shape == (0,) and empty["barycentric"].shape == (0, 2)
@@ -78,6 +83,8 @@ def test_a_batch_split_over_threads_equals_the_single_thread_answer(scene):
     sets = convex_sets(rng, 600, vertices.min(0), vertices.max(0))
     one = bvh.intersect(origins, directions, threads=1)
     symmetric = bvh.intersect_symmetric(origins, directions, threads=1)
+    blocked = bvh.occluded(origins, directions, tmax=5.0, threads=1)
+    nearest = bvh.closest_points(origins, threads=1)
     inside = bvh.convex_hull(sets, threads=1)
     assert 0.1 < np.isfinite(one["t"]).mean() < 1.0 and 0 < inside.sum() < len(sets)
     for threads in (0, 2, 5):
@@ -87,6 +94,10 @@ def test_a_batch_split_over_threads_equals_the_single_thread_answer(scene):
         np.testing.assert_array_equal(bvh.intersect_symmetric(origins, directions, threads=threads)["t"],
                                       symmetric["t"])
         np.testing.assert_array_equal(bvh.convex_hull(sets, threads=threads), inside)
+        np.testing.assert_array_equal(bvh.occluded(origins, directions, tmax=5.0, threads=threads), blocked)
+        many = bvh.closest_points(origins, threads=threads)
+        for field in ("distance", "point", "triangle", "barycentric"):
+            np.testing.assert_array_equal(many[field], nearest[field])
 
 
 def test_vertex_and_index_dtypes_build_the_same_hierarchy():
@@ -258,6 +269,14 @@ def test_bad_meshes_raise_the_named_exception(arguments, error, words):
     (lambda b: b.intersect(np.zeros(3), np.ones(3), threads=1.5), TypeError, []),
     (lambda b: b.intersect_symmetric(np.zeros(3), np.ones(3), tmax=-1.0), ValueError, ["tmax", "negative"]),
     (lambda b: b.intersect_symmetric(np.zeros((2, 4)), np.ones(3)), ValueError, ["origins", "(2, 4)"]),
+    (lambda b: b.occluded(np.zeros((5, 2)), np.ones((5, 3))), ValueError, ["origins", "(5, 2)"]),
+    (lambda b: b.occluded(np.zeros(3), np.ones(3), tmin=1.0, tmax=0.5), ValueError, ["tmin", "tmax"]),
+    (lambda b: b.occluded(np.zeros(3), np.ones(3), side="top"), ValueError, ["side", "'top'"]),
+    (lambda b: b.closest_points(np.zeros((5, 2))), ValueError, ["points", "(..., 3)", "(5, 2)"]),
+    (lambda b: b.closest_points(np.zeros(3, complex)), TypeError, ["points", "complex"]),
+    (lambda b: b.closest_points(np.zeros(3), max_distance=-1.0), ValueError, ["max_distance", "negative"]),
+    (lambda b: b.closest_points(np.zeros(3), max_distance=np.nan), ValueError, ["max_distance", "nan"]),
+    (lambda b: b.closest_points(np.zeros(3), threads=-2), ValueError, ["threads", "-2"]),
     (lambda b: b.convex_hull(np.zeros(4)), ValueError, ["planes", "(K, 4)", "(4,)"]),
     (lambda b: b.convex_hull(np.zeros((6, 3))), ValueError, ["planes", "(6, 3)"]),
     (lambda b: b.convex_hull(np.full((2, 6, 4), np.nan)), ValueError, ["planes", "NaN"]),

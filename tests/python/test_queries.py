@@ -170,3 +170,92 @@ def test_a_region_holding_the_origin_also_counts_padding_as_the_library_does():
     far_box = around_origin.copy()
     far_box[:, 3] -= far_box[:, :3] @ np.array([-20.0, 0.0, 0.0])
     assert not bvh.convex_hull(far_box)
+
+
+def closest_brute_force(vertices, triangles, points):
+    """Distance from every point to every triangle in float64, degenerate triangles included."""
+    c = vertices.astype(np.float64)[triangles]
+    p = points.astype(np.float64)[:, None, :]
+
+    def segment(a, b):
+        ab = b - a
+        length = (ab * ab).sum(-1)
+        with np.errstate(divide="ignore", invalid="ignore"):
+            s = np.clip(((p - a) * ab).sum(-1) / length, 0.0, 1.0)
+        s = np.where(length > 0, s, 0.0)
+        return np.linalg.norm(p - (a + s[..., None] * ab), axis=-1)
+
+    edges = np.minimum(np.minimum(segment(c[:, 0], c[:, 1]), segment(c[:, 1], c[:, 2])), segment(c[:, 2], c[:, 0]))
+    e1, e2 = c[:, 1] - c[:, 0], c[:, 2] - c[:, 0]
+    normal = np.cross(e1, e2)
+    area = np.linalg.norm(normal, axis=-1)
+    with np.errstate(divide="ignore", invalid="ignore"):
+        unit = normal / area[:, None]
+        height = ((p - c[:, 0]) * unit).sum(-1)
+        w = p - height[..., None] * unit - c[:, 0]
+        d00, d01, d11 = (e1 * e1).sum(-1), (e1 * e2).sum(-1), (e2 * e2).sum(-1)
+        d20, d21 = (w * e1).sum(-1), (w * e2).sum(-1)
+        den = d00 * d11 - d01 * d01
+        u = (d11 * d20 - d01 * d21) / den
+        v = (d00 * d21 - d01 * d20) / den
+    inside = (area > 0) & (u >= 0) & (v >= 0) & (u + v <= 1)
+    return np.where(inside, np.abs(height), edges)
+
+
+@pytest.mark.parametrize("builder,leaf", BUILDS)
+def test_occlusion_answers_whether_the_nearest_hit_query_hits(reference, builder, leaf):
+    rng = np.random.default_rng(14)
+    for vertices, triangles in meshes(15).values():
+        bvh = kxbvh.QBVH(vertices, triangles, builder, leaf)
+        origins, directions = rays(rng, vertices, triangles, 3000)
+        origins[::101] = np.nan
+        directions[7::93] = np.inf
+        data = np.concatenate([origins, directions], 1)
+        for side, tmin, tmax in [("all", 0.0, np.inf), ("front", -2.0, 5.0), ("back", 0.3, 3.0)]:
+            blocked = bvh.occluded(origins, directions, tmin, tmax, side)
+            assert blocked.dtype == bool and 0.1 < blocked.mean() < 0.9
+            hit = np.isfinite(bvh.intersect(origins, directions, tmin, tmax, side)["t"])
+            np.testing.assert_array_equal(blocked, hit)
+            theirs = reference("occluded", builder, leaf, vertices, triangles, data, tmin=tmin, tmax=tmax, side=side)
+            np.testing.assert_array_equal(blocked, theirs)
+
+
+def with_degenerate_triangles(rng):
+    vertices, triangles = soup(rng, triangles=120)
+    corners = vertices.reshape(-1, 3, 3)
+    corners[::10, 2] = corners[::10, 0] + 0.5 * (corners[::10, 1] - corners[::10, 0])  # segments
+    corners[5::10, 1:] = corners[5::10, :1]  # points
+    corners[3::10, 1] = corners[3::10, 0] + [1e-4, 0, 0]  # slivers
+    return corners.reshape(-1, 3), triangles
+
+
+@pytest.mark.parametrize("builder,leaf", BUILDS)
+def test_closest_points_agree_with_brute_force_and_the_library(reference, builder, leaf):
+    rng = np.random.default_rng(16)
+    vertices, triangles = with_degenerate_triangles(rng)
+    bvh = kxbvh.QBVH(vertices, triangles, builder, leaf)
+    corners = vertices.astype(np.float64)[triangles]
+    near = corners[rng.integers(0, len(triangles), 600)].mean(1) + rng.normal(0, 0.05, (600, 3))
+    far = rng.uniform(-5.0, 15.0, (600, 3))
+    points = np.concatenate([near, far]).astype(np.float32)
+    distances = closest_brute_force(vertices, triangles, points)
+    best = distances.min(1)
+    for limit in (np.inf, 0.5):
+        found = bvh.closest_points(points, max_distance=limit)
+        within = best < limit - 1e-4
+        assert 0.2 < within.mean() <= 1.0
+        hit = found["triangle"] != 0xFFFFFFFF
+        np.testing.assert_array_equal(hit[within], True)
+        np.testing.assert_array_equal(hit[best > limit + 1e-4], False)
+        assert np.all(np.isinf(found["distance"][~hit])) and np.all(np.isnan(found["point"][~hit]))
+        np.testing.assert_allclose(found["distance"][hit], best[hit], rtol=1e-5, atol=1e-5)
+        chosen = found["triangle"][hit]
+        np.testing.assert_allclose(distances[hit, chosen], best[hit], rtol=1e-5, atol=1e-5)
+        weights = found["barycentric"][hit]
+        rebuilt = (weights[:, :1] * corners[chosen, 0] + weights[:, 1:] * corners[chosen, 1]
+                   + (1 - weights.sum(1, keepdims=True)) * corners[chosen, 2])
+        np.testing.assert_allclose(found["point"][hit], rebuilt, atol=1e-4)
+        np.testing.assert_allclose(np.linalg.norm(found["point"][hit] - points[hit], axis=1), best[hit], atol=1e-4)
+        theirs = reference("closest", builder, leaf, vertices, triangles, points, tmax=limit)
+        for field in ("distance", "point", "triangle", "barycentric"):
+            np.testing.assert_array_equal(found[field], theirs[field], err_msg=field)
