@@ -27,3 +27,19 @@ if(KX_TSAN)
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
   add_link_options(-fsanitize=thread)
 endif()
+
+# libFuzzer coverage for everything, so the fuzz targets see inside the library; the
+# targets themselves add -fsanitize=fuzzer. float-cast-overflow is not part of the
+# undefined set, and NaN coordinates reach float-to-integer conversions.
+if(KX_BUILD_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "KX_BUILD_FUZZ needs clang: configure with CC=clang CXX=clang++")
+  endif()
+  if(KX_SANITIZE OR KX_TSAN)
+    message(FATAL_ERROR "KX_BUILD_FUZZ brings its own sanitizers: leave KX_SANITIZE and KX_TSAN off")
+  endif()
+  set(KX_FUZZ_SANITIZERS address,undefined,float-cast-overflow)
+  add_compile_options(-fsanitize=fuzzer-no-link,${KX_FUZZ_SANITIZERS} -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${KX_FUZZ_SANITIZERS})
+endif()

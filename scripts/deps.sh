@@ -7,6 +7,7 @@ kx_packages=(
   libcli11-dev libassimp-dev nlohmann-json3-dev libstb-dev
   libembree-dev
   assimp-testmodels
+  clang libfuzzer-14-dev
   python3-dev python3-numpy pybind11-dev python3-pybind11 python3-pytest
 )
 

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds with every warning an error and runs the whole suite and
 # the Python module's tests, runs the concurrency tests under ThreadSanitizer, then builds
-# and runs the C++ suite with AddressSanitizer + UndefinedBehaviorSanitizer. The last line
-# printed is the summary of the last suite that ran.
+# and runs the C++ suite with AddressSanitizer + UndefinedBehaviorSanitizer, then builds the
+# fuzz targets with clang and libFuzzer and runs each over its seed corpus and for a few
+# seconds of fuzzing (10 per target; the environment variable KX_FUZZ_SECONDS changes it).
+# The last line printed is CTest's summary of the last suite that ran.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -89,7 +91,19 @@ if ! configure_and_build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKX_SANIT
 fi
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-run_suite build-asan
+if ! run_suite build-asan; then
+  echo "$summary"
+  exit 1
+fi
+
+echo "== Configuring and building build-fuzz"
+if ! { CC=clang CXX=clang++ cmake -S . -B build-fuzz -DKX_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+         -DKX_BUILD_FUZZ=ON -DKX_BUILD_TESTS=OFF -DKX_BUILD_BENCH=OFF -DKX_BUILD_PYTHON=OFF -DKX_FUZZ_SECONDS="${KX_FUZZ_SECONDS:-10}" &&
+       cmake --build build-fuzz -j "$jobs" --target kxFuzzTargets; }; then
+  echo "0% tests passed: the fuzz build failed"
+  exit 1
+fi
+run_suite build-fuzz
 status=$?
 echo "$summary"
 exit "$status"

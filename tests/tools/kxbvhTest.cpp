@@ -316,6 +316,20 @@ TEST(KxbvhErrors, BadMeshFilesAreNamedAndRejectedWithStatus2ByEveryCommand)
     }
 }
 
+TEST(KxbvhErrors, FacesWithoutCornersAreDroppedRatherThanStoppingTheProgram)
+{
+    // Assimp's triangulation asserts on such faces, beside triangles or alone.
+    TempDir dir;
+    const std::string header = "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\n"
+                               "property float z\nelement face 2\nproperty list uchar int vertex_indices\n"
+                               "end_header\n0 0 0\n1 0 0\n0 1 0\n";
+    const std::string file = dir.file("empty-face.ply");
+    writeText(file, header + "0\n3 0 1 2\n");
+    EXPECT_EQ(infoJson({"info", file, "--json"})["mesh"]["triangles"], 1);
+    writeText(file, header + "0\n0\n");
+    expectOneErrorLine(runTool({"info", file}), 2, file, "contains no triangles");
+}
+
 TEST(KxbvhErrors, HeadersThatWouldMakeAssimpLoopOrAllocateWithoutBoundAreRejectedAtOnceInOneLine)
 {
     TempDir dir;

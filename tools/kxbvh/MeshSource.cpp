@@ -23,7 +23,6 @@
 #include <cstring>
 #include <new>
 #include <optional>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -77,6 +76,36 @@ class InterruptibleImport : public Assimp::ProgressHandler
 public:
     bool Update(float) override { return !interrupted(); }
 };
+
+/// Assimp's triangulation stops the process with an assertion on a face without corners
+/// (its PLY reader makes them) and on a mesh that declares polygons it does not hold, so
+/// such faces are dropped and the face kinds set from the faces before the steps run.
+const aiScene* readScene(Assimp::Importer& importer, const std::string& path)
+{
+    const aiScene* scene = importer.ReadFile(path, aiProcess_ValidateDataStructure);
+    if (!scene)
+        return nullptr;
+    static const unsigned kindOf[4] = {0u, aiPrimitiveType_POINT, aiPrimitiveType_LINE, aiPrimitiveType_TRIANGLE};
+    for (unsigned m = 0; m < scene->mNumMeshes; ++m)
+    {
+        aiMesh& mesh = *scene->mMeshes[m];
+        unsigned kinds = 0, kept = 0;
+        for (unsigned f = 0; f < mesh.mNumFaces; ++f)
+        {
+            const unsigned corners = mesh.mFaces[f].mNumIndices;
+            if (corners == 0)
+                continue;
+            // The dropped faces move behind the kept ones, where the mesh still frees them.
+            if (kept != f)
+                std::swap(mesh.mFaces[kept], mesh.mFaces[f]);
+            ++kept;
+            kinds |= corners < 4 ? kindOf[corners] : unsigned(aiPrimitiveType_POLYGON);
+        }
+        mesh.mNumFaces = kept;
+        mesh.mPrimitiveTypes = kinds;
+    }
+    return importer.ApplyPostProcessing(kImportFlags);
+}
 
 bool finite(const aiVector3D& p)
 {
@@ -179,7 +208,7 @@ Mesh loadMeshFile(const std::string& path, const ReadOptions& options)
         const ReadMemoryLimit limit(budget);
         try
         {
-            scene = importer.ReadFile(path, kImportFlags);
+            scene = readScene(importer, path);
         }
         catch (const std::bad_alloc&)
         {
