@@ -1,16 +1,22 @@
 // Single-ray throughput of kxQBVH beside Embree 3 (rtcIntersect1) on the same triangles
 // and rays, in one process and one thread: primary camera rays and random rays from
 // inside the bounds, over a QBVH from the main road (buildFromMesh: linear builder, leaves
-// of at most 4) and one collapsed from an SAH tree. Embree runs twice: with the widest
-// instruction set it picks on this machine, and held to SSE4.2, whose four-wide BVH is the
-// same shape as ours. Our queries then run from 1, 2 and all cores. Extra arguments name
-// mesh files (anything assimp reads). The tables at the end hold the ratios.
+// of at most 4), one collapsed from an SAH tree and one from the high-quality builder.
+// Embree builds at its default (medium) and its high quality, each with the widest
+// instruction set it picks on this machine and held to SSE4.2, whose four-wide BVH is the
+// same shape as ours. Our queries then run from 1, 2 and all cores. The meshes are kxbvh's
+// built-in scene and the procedural terrains, or the built-in scene and the mesh files
+// given as arguments (anything assimp reads). The tables at the end hold build times, SAH costs of the
+// four-wide trees, bytes per triangle and the ratios of rays per second.
 #include "kxBVHContainers.h"
 #include "kxBenchMeshes.h"
 #include "kxGenericBVHBuilder.h"
 #include "kxLog.h"
 #include "kxQBVH.h"
+#include "kxHighQualityBVHBuilder.h"
 #include "kxQBVHReference.h"
+#include "kxQBVHStatistics.h"
+#include "Scene.h"
 
 #include <benchmark/benchmark.h>
 #include <embree3/rtcore.h>
@@ -35,22 +41,34 @@ struct Ray
 };
 
 const char* const kRayKinds[] = {"primary", "random"};
-const char* const kTrees[] = {"linear", "sah"};
-const char* const kEmbrees[] = {"embree", "embree_sse42"};
+constexpr int kTreeCount = 4, kSceneCount = 4;
+// hq builds with its default leaves of at most 4 triangles, hq8 with at most 8.
+const char* const kTrees[kTreeCount] = {"linear", "sah", "hq", "hq8"};
+// Embree's devices: native and SSE4.2, and its build qualities: medium and high.
+const char* const kEmbrees[kSceneCount] = {"embree", "embree_sse42", "embree_high", "embree_high_sse42"};
 
 struct Workload
 {
     std::string name;
     kx::kxPointer<kx::kxTriMesh> mesh;
-    std::vector<float> positions; // Embree's padded copy
-    kxQBVH trees[2];               // linear, SAH
-    double treeSeconds[2] = {};
-    RTCScene scenes[2] = {};       // native, SSE4.2
-    double sceneSeconds[2] = {};
-    std::vector<Ray> rays[2];      // primary, random
+    std::vector<float> positions;       // Embree's padded copy
+    kxQBVH trees[kTreeCount];
+    double treeSeconds[kTreeCount] = {};
+    RTCScene scenes[kSceneCount] = {};
+    double sceneSeconds[kSceneCount] = {};
+    uint64_t sceneBytes[kSceneCount] = {};  // the committed hierarchy, by the memory monitor
+    std::vector<Ray> rays[2];           // primary, random
+    double hqReferences[2] = {};        // per triangle, hq and hq8
 };
 
 RTCDevice gDevices[2] = {};
+int64_t gEmbreeBytes[2] = {};  // live bytes of each device
+
+bool countBytes(void* user, ssize_t bytes, bool)
+{
+    *static_cast<int64_t*>(user) += bytes;
+    return true;
+}
 std::vector<std::unique_ptr<Workload>> gWorkloads;
 
 double secondsSince(std::chrono::steady_clock::time_point start)
@@ -58,9 +76,11 @@ double secondsSince(std::chrono::steady_clock::time_point start)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-RTCScene embreeScene(RTCDevice device, const Workload& w)
+RTCScene embreeScene(RTCDevice device, const Workload& w, bool high)
 {
     RTCScene scene = rtcNewScene(device);
+    if (high)
+        rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_HIGH);
     RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
     rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, w.positions.data(), 0,
                                3 * sizeof(float), (w.positions.size() - 4) / 3);
@@ -137,14 +157,24 @@ bool embreeHit(RTCScene scene, const Ray& r, float& t)
     return rh.hit.geomID != RTC_INVALID_GEOMETRY_ID;
 }
 
+// What ray queries need: nodes, equation and index blocks.
+double bytesPerTriangle(const Workload& w, int tree)
+{
+    const kxQBVH& q = w.trees[tree];
+    return (double(q.getNodeCount()) * sizeof(kxQBVH::tQBVHNode) +
+            double(q.getGroupCount()) * (sizeof(kxQBVH::tSOATriangleEquations) + sizeof(kxQBVH::tSOATriangleIndices))) /
+           kxBench::triangleCount(*w.mesh);
+}
+
 // Hit rate, agreement with Embree (same hit or miss, distances within a relative 1e-4),
 // and the work per ray counted by the scalar twin of the query, which must give the same
 // answers bit for bit.
 void describeTree(const Workload& w, int tree)
 {
     const kxQBVH& q = w.trees[tree];
-    std::printf("  %-6s %7u nodes %8u groups, built in %6.3f s\n", kTrees[tree], q.getNodeCount(), q.getGroupCount(),
-                w.treeSeconds[tree]);
+    std::printf("  %-6s %7u nodes %8u groups, built in %6.3f s, four-wide SAH cost %7.2f, %5.1f bytes per triangle\n",
+                kTrees[tree], q.getNodeCount(), q.getGroupCount(), w.treeSeconds[tree], kxComputeQBVHSAHCost(q),
+                bytesPerTriangle(w, tree));
     for (int kind = 0; kind < 2; ++kind)
     {
         const std::vector<Ray>& rays = w.rays[kind];
@@ -234,22 +264,37 @@ private:
 
 void printTables(const RateReporter& reporter, const std::vector<int>& threadCounts)
 {
-    std::printf("\nMillion rays per second, one thread, and ours / Embree in this process\n");
-    std::printf("%-20s %7s %7s %7s %7s | %8s %8s | %8s %8s\n", "workload", "linear", "sah", "embree", "sse4.2",
-                "lin/emb", "sah/emb", "lin/sse", "sah/sse");
+    const auto ratio = [](double a, double b) { return b > 0.0 ? a / b : 0.0; };
+    std::printf("\nBuilds, one thread (Embree held to SSE4.2): seconds; four-wide SAH cost (node visits and group "
+                "tests per ray\nthrough the root box); bytes per triangle of what rays need; references per triangle\n");
+    std::printf("%-20s %7s %7s %7s %7s %7s %7s | %6s %6s %6s | %6s %6s %6s %6s | %5s\n", "workload", "linear", "sah",
+                "hq", "hq8", "emb", "high", "sah", "hq", "hq8", "hq", "hq8", "emb", "high", "refs");
+    for (const auto& w : gWorkloads)
+    {
+        const double n = kxBench::triangleCount(*w->mesh);
+        std::printf("%-20s %7.3f %7.3f %7.3f %7.3f %7.3f %7.3f | %6.2f %6.2f %6.2f | %6.1f %6.1f %6.1f %6.1f | %5.3f\n",
+                    w->name.c_str(), w->treeSeconds[0], w->treeSeconds[1], w->treeSeconds[2], w->treeSeconds[3],
+                    w->sceneSeconds[1], w->sceneSeconds[3], kxComputeQBVHSAHCost(w->trees[1]),
+                    kxComputeQBVHSAHCost(w->trees[2]), kxComputeQBVHSAHCost(w->trees[3]), bytesPerTriangle(*w, 2),
+                    bytesPerTriangle(*w, 3), double(w->sceneBytes[1]) / n, double(w->sceneBytes[3]) / n,
+                    w->hqReferences[0]);
+    }
+    std::printf("\nMillion rays per second, one thread, and ours / Embree in this process (sse: Embree held to "
+                "SSE4.2;\nhigh: its high quality; native: the widest instruction set it picks here)\n");
+    std::printf("%-28s %5s %5s %5s %5s %5s %5s %5s %5s | %6s %6s %6s %6s | %6s %6s\n", "workload", "lin", "sah", "hq",
+                "hq8", "emb", "sse", "high", "hisse", "hq/sse", "hq/hse", "8/sse", "8/hse", "hq/emb", "hq/hi");
     for (const auto& w : gWorkloads)
         for (int kind = 0; kind < 2; ++kind)
         {
-            double r[4];
-            for (int i = 0; i < 2; ++i)
-            {
+            double r[kTreeCount + kSceneCount];
+            for (int i = 0; i < kTreeCount; ++i)
                 r[i] = reporter.rate(key(kTrees[i], *w, kind));
-                r[2 + i] = reporter.rate(key(kEmbrees[i], *w, kind));
-            }
-            const auto ratio = [](double a, double b) { return b > 0.0 ? a / b : 0.0; };
-            std::printf("%-20s %7.2f %7.2f %7.2f %7.2f | %8.2f %8.2f | %8.2f %8.2f\n",
+            for (int i = 0; i < kSceneCount; ++i)
+                r[kTreeCount + i] = reporter.rate(key(kEmbrees[i], *w, kind));
+            std::printf("%-28s %5.2f %5.2f %5.2f %5.2f %5.2f %5.2f %5.2f %5.2f | %6.2f %6.2f %6.2f %6.2f | %6.2f %6.2f\n",
                         (w->name + "/" + kRayKinds[kind]).c_str(), r[0] * 1e-6, r[1] * 1e-6, r[2] * 1e-6, r[3] * 1e-6,
-                        ratio(r[0], r[2]), ratio(r[1], r[2]), ratio(r[0], r[3]), ratio(r[1], r[3]));
+                        r[4] * 1e-6, r[5] * 1e-6, r[6] * 1e-6, r[7] * 1e-6, ratio(r[2], r[5]), ratio(r[2], r[7]),
+                        ratio(r[3], r[5]), ratio(r[3], r[7]), ratio(r[2], r[4]), ratio(r[2], r[6]));
         }
     std::printf("\nOur linear-built QBVH from several threads: million rays per second (speed-up)\n%-20s", "workload");
     for (int threads : threadCounts)
@@ -280,9 +325,14 @@ int main(int argc, char** argv)
     kx::kxLog::msInstance = &log;
     gDevices[0] = rtcNewDevice("threads=1");
     gDevices[1] = rtcNewDevice("threads=1,isa=sse4.2");
+    for (int d = 0; d < 2; ++d)
+        rtcSetDeviceMemoryMonitorFunction(gDevices[d], countBytes, &gEmbreeBytes[d]);
 
     std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>> meshes = {
-        {"land100k", kxBench::makeLandscape(100000)}, {"land1M", kxBench::makeLandscape(1000000)}};
+        {"scene1M", kxbvh::makeScene(kxbvh::kDefaultSceneTriangles)}};
+    if (argc == 1)
+        meshes.insert(meshes.end(), {{"land100k", kxBench::makeLandscape(100000)},
+                                     {"land1M", kxBench::makeLandscape(1000000)}});
     for (int i = 1; i < argc; ++i)
     {
 #ifdef KX_BENCH_WITH_ASSIMP
@@ -310,16 +360,32 @@ int main(int argc, char** argv)
             w->trees[1].buildFromBVH(kxQBVH::eTrianglesEquations, bvh, *mesh);
         }
         w->treeSeconds[1] = secondsSince(start);
-        for (int e = 0; e < 2; ++e)
+        for (int hq = 0; hq < 2; ++hq)
         {
             start = std::chrono::steady_clock::now();
-            w->scenes[e] = embreeScene(gDevices[e], *w);
+            kxGenericBVH bvh;
+            kxHighQualityBVHBuilder builder;
+            builder.setMaxPrimitivesPerLeaf(hq ? 8 : 4);
+            builder.build(*mesh, bvh);
+            w->trees[2 + hq].buildFromBVH(kxQBVH::eTrianglesEquations, bvh, *mesh);
+            w->treeSeconds[2 + hq] = secondsSince(start);
+            w->hqReferences[hq] = double(bvh.mPrimitiveIndices.size()) / kxBench::triangleCount(*mesh);
+        }
+        for (int e = 0; e < kSceneCount; ++e)
+        {
+            const int device = e % 2;
+            const int64_t before = gEmbreeBytes[device];
+            start = std::chrono::steady_clock::now();
+            w->scenes[e] = embreeScene(gDevices[device], *w, e >= 2);
             w->sceneSeconds[e] = secondsSince(start);
+            w->sceneBytes[e] = uint64_t(std::max<int64_t>(0, gEmbreeBytes[device] - before));
         }
         makeRays(*w);
-        std::printf("%s: %u triangles; Embree scenes committed in %.3f s (native), %.3f s (SSE4.2)\n", name.c_str(),
-                    kxBench::triangleCount(*mesh), w->sceneSeconds[0], w->sceneSeconds[1]);
-        for (int tree = 0; tree < 2; ++tree)
+        std::printf("%s: %u triangles; Embree scenes committed in %.3f s (native), %.3f s (SSE4.2), high quality "
+                    "%.3f s (native), %.3f s (SSE4.2)\n",
+                    name.c_str(), kxBench::triangleCount(*mesh), w->sceneSeconds[0], w->sceneSeconds[1],
+                    w->sceneSeconds[2], w->sceneSeconds[3]);
+        for (int tree = 0; tree < kTreeCount; ++tree)
             describeTree(*w, tree);
         gWorkloads.push_back(std::move(w));
     }
@@ -332,9 +398,9 @@ int main(int argc, char** argv)
         for (int kind = 0; kind < 2; ++kind)
         {
             const std::vector<Ray>* rays = &w->rays[kind];
-            for (int i = 0; i < 2; ++i)
+            for (int i = 0; i < kTreeCount; ++i)
                 benchmark::RegisterBenchmark(key(kTrees[i], *w, kind).c_str(), ours, &w->trees[i], rays);
-            for (int i = 0; i < 2; ++i)
+            for (int i = 0; i < kSceneCount; ++i)
                 benchmark::RegisterBenchmark(key(kEmbrees[i], *w, kind).c_str(), embree, w->scenes[i], rays);
             auto* threaded = benchmark::RegisterBenchmark(key("threads", *w, kind).c_str(), ours, &w->trees[0], rays);
             threaded->UseRealTime();

@@ -26,9 +26,11 @@
 #include "kxGenericBVH2D.h"
 #include "kxGenericBVHBuilder.h"
 #include "kxGenericTransformation.h"
+#include "kxHighQualityBVHBuilder.h"
 #include "kxLinearGenericBVHBuilder.h"
 #include "kxLogObject.h"
 #include "kxQBVH.h"
+#include "kxQBVHStatistics.h"
 #include "kxTSharedArray.h"
 
 #endif

@@ -6,7 +6,9 @@
 #include <kxBVHContainers.h>
 #include <kxCapturingLog.h>
 #include <kxGenericBVHBuilder.h>
+#include <kxHighQualityBVHBuilder.h>
 #include <kxQBVH.h>
+#include <kxQBVHStatistics.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -231,6 +233,12 @@ void expectLibraryFigures(const json& tool, const kx::kxTriMesh& mesh, const std
         linear.setMaxPrimitivesPerLeaf(leaf);
         linear.build(container, bvh, nullptr, 20);
     }
+    else if (builder == "hq")
+    {
+        kxHighQualityBVHBuilder hq;
+        hq.setMaxPrimitivesPerLeaf(leaf);
+        hq.build(mesh, bvh);
+    }
     else
         kxGenericBVHBuilder().build(container, bvh);
     int nodes, leaves, minLeaf, maxLeaf;
@@ -255,6 +263,8 @@ void expectLibraryFigures(const json& tool, const kx::kxTriMesh& mesh, const std
     EXPECT_DOUBLE_EQ(b["sah_cost"].get<double>(), kxComputeSAHCost(bvh));
     EXPECT_EQ(b["memory_bytes"], bvh.getMemoryUsed());
     EXPECT_TRUE(tool["qbvh"]["nodes"] == qbvh.getNodeCount() && tool["qbvh"]["groups"] == qbvh.getGroupCount());
+    EXPECT_DOUBLE_EQ(tool["qbvh"]["sah_cost"].get<double>(), kxComputeQBVHSAHCost(qbvh));
+    EXPECT_EQ(b["references"], bvh.mPrimitiveIndices.size());
 }
 
 constexpr int kWidth = 160, kHeight = 120;
@@ -517,8 +527,11 @@ TEST(KxbvhInfo, EveryFileFormatBuilderAndLeafSizeGivesTheLibrarysFigures)
     }
     expectLibraryFigures(infoJson({"info", dir.file("soup.obj"), "--json", "--builder", "sah"}), *mesh, "sah", 4);
     for (unsigned leaf : {1u, 7u})
-        expectLibraryFigures(infoJson({"info", dir.file("soup.obj"), "--json", "--leaf", std::to_string(leaf)}), *mesh,
-                             "linear", leaf);
+        for (const char* builder : {"linear", "hq"})
+            expectLibraryFigures(infoJson({"info", dir.file("soup.obj"), "--json", "--builder", builder, "--leaf",
+                                           std::to_string(leaf)}),
+                                 *mesh, builder, leaf);
+    expectLibraryFigures(infoJson({"info", dir.file("soup.obj"), "--json", "--builder", "hq"}), *mesh, "hq", 4);
 }
 
 TEST(KxbvhInfo, PlyHeadersWithFreeTextLinesGiveTheLibrarysFigures)

@@ -5,6 +5,7 @@
 #include "Interrupt.h"
 #include "Parallel.h"
 #include "Progress.h"
+#include "Stats.h"
 #ifdef KXBVH_WITH_EMBREE
 #include "EmbreeScene.h"
 #endif
@@ -39,6 +40,7 @@ struct BuildFigure
     std::string name;
     unsigned threads;
     double seconds;
+    double bytesPerTriangle;  // the hierarchy as ray queries need it
 };
 
 /// Query sets beside the primary rays.
@@ -94,43 +96,50 @@ public:
 
     void run()
     {
-        Hierarchy linear, sah;
+        Hierarchy linear, sah, hq;
         buildBest("kxbvh linear + QBVH", Builder::eLinear, linear);
         buildBest("kxbvh SAH + QBVH", Builder::eSah, sah);
+        buildBest("kxbvh hq + QBVH", Builder::eHq, hq);
         std::vector<unsigned> linearHits;
         traceBest("kxbvh (linear BVH)", kxTracer(linear.qbvh), &linearHits);
         traceBest("kxbvh (SAH BVH)", kxTracer(sah.qbvh), nullptr);
+        traceBest("kxbvh (hq BVH)", kxTracer(hq.qbvh), nullptr);
 #ifdef KXBVH_WITH_EMBREE
-        std::unique_ptr<EmbreeScene> embree;
-        for (unsigned threads : mThreadCounts)
+        for (bool high : {false, true})
         {
-            const std::string name = std::string("Embree ") + EmbreeScene::version();
-            BuildFigure figure{name, threads, std::numeric_limits<double>::infinity()};
-            for (unsigned r = 0; r < mOptions.repeat; ++r)
+            const std::string name = std::string("Embree ") + EmbreeScene::version() + (high ? " high" : "");
+            std::unique_ptr<EmbreeScene> embree;
+            for (unsigned threads : mThreadCounts)
             {
-                Progress progress("bench: " + name + " build, " + std::to_string(threads) + " thread(s), run " +
-                                  std::to_string(r + 1) + " of " + std::to_string(mOptions.repeat));
-                embree.reset();
-                embree = std::make_unique<EmbreeScene>(*mMesh.mesh, threads);
-                figure.seconds = std::min(figure.seconds, embree->buildSeconds());
-                throwIfInterrupted("benchmarking");
+                BuildFigure figure{name, threads, std::numeric_limits<double>::infinity(), 0.0};
+                for (unsigned r = 0; r < mOptions.repeat; ++r)
+                {
+                    Progress progress("bench: " + name + " build, " + std::to_string(threads) + " thread(s), run " +
+                                      std::to_string(r + 1) + " of " + std::to_string(mOptions.repeat));
+                    embree.reset();
+                    embree = std::make_unique<EmbreeScene>(*mMesh.mesh, threads, high);
+                    figure.seconds = std::min(figure.seconds, embree->buildSeconds());
+                    figure.bytesPerTriangle = double(embree->hierarchyBytes()) / mMesh.triangles;
+                    throwIfInterrupted("benchmarking");
+                }
+                mBuilds.push_back(figure);
             }
-            mBuilds.push_back(figure);
+            std::vector<unsigned> embreeHits;
+            const EmbreeScene& scene = *embree;
+            traceBest(name,
+                      [&](size_t i) {
+                          float t = std::numeric_limits<float>::infinity();
+                          unsigned triangle = kNoHit;
+                          scene.intersect(mCamera.eye(), mDirections[i], t, triangle);
+                          return triangle;
+                      },
+                      &embreeHits);
+            if (!high)
+                mAgreement = compare(linearHits, embreeHits);
         }
-        std::vector<unsigned> embreeHits;
-        const EmbreeScene& scene = *embree;
-        traceBest(std::string("Embree ") + EmbreeScene::version(),
-                  [&](size_t i) {
-                      float t = std::numeric_limits<float>::infinity();
-                      unsigned triangle = kNoHit;
-                      scene.intersect(mCamera.eye(), mDirections[i], t, triangle);
-                      return triangle;
-                  },
-                  &embreeHits);
-        mAgreement = compare(linearHits, embreeHits);
 #endif
         makeQueries(sah.qbvh);
-        benchQueries(linear.qbvh, sah.qbvh);
+        benchQueries(linear.qbvh, sah.qbvh, hq.qbvh);
     }
 
     void print() const { mOptions.json ? printJson() : printText(); }
@@ -177,7 +186,7 @@ private:
                                       b.min[2] + unit(rng) * extent[2]));
     }
 
-    void benchQueries(const kxQBVH& linear, const kxQBVH& sah)
+    void benchQueries(const kxQBVH& linear, const kxQBVH& sah, const kxQBVH& hq)
     {
         const auto occlusion = [this](const kxQBVH& qbvh) -> Tracer {
             return [this, &qbvh](size_t i) {
@@ -200,11 +209,13 @@ private:
         traceBest("kxbvh nearest hit (SAH BVH)", shadowTracer(sah), nullptr, eShadow, mShadowRays.size());
         traceBest("kxbvh any hit (linear BVH)", occlusion(linear), nullptr, eShadow, mShadowRays.size());
         traceBest("kxbvh any hit (SAH BVH)", occlusion(sah), &occluded, eShadow, mShadowRays.size());
+        traceBest("kxbvh any hit (hq BVH)", occlusion(hq), nullptr, eShadow, mShadowRays.size());
         for (int set = 0; set < 2; ++set)
         {
             const QueryKind kind = set ? eSpread : eNear;
             traceBest("kxbvh (linear BVH)", nearest(linear, mPoints[set]), nullptr, kind, mPoints[set].size());
             traceBest("kxbvh (SAH BVH)", nearest(sah, mPoints[set]), nullptr, kind, mPoints[set].size());
+            traceBest("kxbvh (hq BVH)", nearest(hq, mPoints[set]), nullptr, kind, mPoints[set].size());
         }
 #ifdef KXBVH_WITH_EMBREE
         const EmbreeScene scene(*mMesh.mesh, 1);
@@ -278,7 +289,7 @@ private:
 
     void buildBest(const std::string& name, Builder builder, Hierarchy& out)
     {
-        BuildFigure figure{name, 1, std::numeric_limits<double>::infinity()};
+        BuildFigure figure{name, 1, std::numeric_limits<double>::infinity(), 0.0};
         const BuildOptions options{builder, mOptions.leafSize};
         for (unsigned r = 0; r < mOptions.repeat; ++r)
         {
@@ -287,6 +298,7 @@ private:
             buildHierarchy(mMesh, options, out, &progress);
             figure.seconds = std::min(figure.seconds, out.times.total());
         }
+        figure.bytesPerTriangle = double(qbvhStats(out.qbvh).equationBytes) / mMesh.triangles;
         mBuilds.push_back(figure);
     }
 
@@ -339,7 +351,7 @@ private:
                     groupDigits(mMesh.triangles).c_str(), groupDigits(mDirections.size()).c_str(), mCamera.width(),
                     mCamera.height(), mOptions.repeat);
         const BuildFigure* reference = embreeBuild(1);
-        std::printf("%-34s %10s %14s%s\n", "build", "time", "triangles/s",
+        std::printf("%-34s %10s %14s %8s%s\n", "build", "time", "triangles/s", "B/tri",
                     reference ? "   speed vs Embree, 1 thread" : "");
         for (const BuildFigure& b : mBuilds)
         {
@@ -354,8 +366,8 @@ private:
                 std::snprintf(text, sizeof text, "%.2fx", reference->seconds / b.seconds);
                 ratio = text;
             }
-            std::printf("  %-32s %10s %14s   %s\n", label.c_str(), formatSeconds(b.seconds).c_str(),
-                        formatRate(mMesh.triangles / b.seconds).c_str(), ratio.c_str());
+            std::printf("  %-32s %10s %14s %8.1f   %s\n", label.c_str(), formatSeconds(b.seconds).c_str(),
+                        formatRate(mMesh.triangles / b.seconds).c_str(), b.bytesPerTriangle, ratio.c_str());
         }
 
         for (int kind = ePrimary; kind < eKinds; ++kind)
@@ -405,19 +417,22 @@ private:
                 std::printf(" %12s", formatRate(trace(name, threads, kind)->raysPerSecond).c_str());
             std::printf("\n");
         }
-        const auto embree = std::find_if(names.begin(), names.end(),
-                                         [](const std::string& n) { return n.rfind("Embree", 0) == 0; });
-        if (embree == names.end())
-            return;
-        for (const std::string& name : names)
+        const auto isEmbree = [](const std::string& n) { return n.rfind("Embree", 0) == 0; };
+        for (const std::string& embree : names)
         {
-            if (name == *embree)
+            if (!isEmbree(embree))
                 continue;
-            std::printf("  %-40s", (name + " / Embree").c_str());
-            for (unsigned threads : mThreadCounts)
-                std::printf(" %11.2fx", trace(name, threads, kind)->raysPerSecond /
-                                            trace(*embree, threads, kind)->raysPerSecond);
-            std::printf("\n");
+            const bool high = embree.size() > 5 && embree.compare(embree.size() - 5, 5, " high") == 0;
+            for (const std::string& name : names)
+            {
+                if (isEmbree(name))
+                    continue;
+                std::printf("  %-40s", (name + (high ? " / Embree high" : " / Embree")).c_str());
+                for (unsigned threads : mThreadCounts)
+                    std::printf(" %11.2fx", trace(name, threads, kind)->raysPerSecond /
+                                                trace(embree, threads, kind)->raysPerSecond);
+                std::printf("\n");
+            }
         }
     }
 
@@ -429,7 +444,10 @@ private:
         out["repeat"] = mOptions.repeat;
         out["build"] = nlohmann::ordered_json::array();
         for (const BuildFigure& b : mBuilds)
-            out["build"].push_back({{"name", b.name}, {"threads", b.threads}, {"seconds", b.seconds}});
+            out["build"].push_back({{"name", b.name},
+                                    {"threads", b.threads},
+                                    {"seconds", b.seconds},
+                                    {"bytes_per_triangle", b.bytesPerTriangle}});
         out["trace"] = nlohmann::ordered_json::array();
         out["queries"] = nlohmann::ordered_json::array();
         for (const TraceFigure& t : mTraces)

@@ -125,11 +125,13 @@ CLI::Option* addBuildOptions(CLI::App& command, BuildOptions& build)
     command
         .add_option("--builder", build.builder,
                     "linear: Morton codes, fast to build (what buildFromMesh uses); sah: binned surface-area "
-                    "heuristic, slower to build, often faster to query")
-        ->transform(oneOf(std::map<std::string, Builder>{{"linear", Builder::eLinear}, {"sah", Builder::eSah}}))
-        ->type_name("linear|sah")
+                    "heuristic, slower to build, often faster to query; hq: surface-area heuristic with spatial "
+                    "splits, laid out for the four-wide tree, the fastest to query")
+        ->transform(oneOf(std::map<std::string, Builder>{
+            {"linear", Builder::eLinear}, {"sah", Builder::eSah}, {"hq", Builder::eHq}}))
+        ->type_name("linear|sah|hq")
         ->default_str("linear");
-    return command.add_option("--leaf", build.leafSize, "Largest leaf of the linear builder, in triangles")
+    return command.add_option("--leaf", build.leafSize, "Largest leaf of the linear and hq builders, in triangles")
         ->check(CLI::Range(1u, 1024u))
         ->capture_default_str();
 }
@@ -171,7 +173,8 @@ CLI::Option* addThreads(CLI::App& command, unsigned& threads)
 void rejectLeafWithSah(const CLI::Option* leaf, const BuildOptions& build)
 {
     if (leaf->count() > 0 && build.builder == Builder::eSah)
-        throw InputError("--leaf applies to the linear builder only (the SAH builder sizes its leaves by cost)");
+        throw InputError("--leaf applies to the linear and hq builders only (the SAH builder sizes its leaves by "
+                         "cost)");
 }
 
 /// The library's own log lines (the linear builder's memory figures at the info level)

@@ -2,6 +2,7 @@
 
 #include <embree3/rtcore.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -12,6 +13,7 @@ namespace kxbvh
 {
 struct EmbreeScene::Handles
 {
+    int64_t liveBytes = 0;  // counted by the device's memory monitor
     RTCDevice device = nullptr;
     RTCScene scene = nullptr;
     const float* positions = nullptr;    // Embree's copies, alive as long as the scene
@@ -25,12 +27,23 @@ struct EmbreeScene::Handles
     }
 };
 
-EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads) : mHandles(std::make_unique<Handles>())
+namespace
+{
+bool countBytes(void* user, ssize_t bytes, bool)
+{
+    *static_cast<int64_t*>(user) += bytes;
+    return true;
+}
+} // namespace
+
+EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads, bool highQuality)
+    : mHandles(std::make_unique<Handles>())
 {
     const std::string config = "threads=" + std::to_string(threads);
     mHandles->device = rtcNewDevice(config.c_str());
     if (!mHandles->device)
         throw std::runtime_error("Embree could not create a device");
+    rtcSetDeviceMemoryMonitorFunction(mHandles->device, countBytes, &mHandles->liveBytes);
     const auto start = std::chrono::steady_clock::now();
     const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
     const kx::kxIndexBuffer& indices = *mesh.GetIndexBuffer();
@@ -38,6 +51,8 @@ EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads) : mHandles
     const size_t triangleCount = static_cast<size_t>(indices.GetIndexQuantity() / 3);
 
     mHandles->scene = rtcNewScene(mHandles->device);
+    if (highQuality)
+        rtcSetSceneBuildQuality(mHandles->scene, RTC_BUILD_QUALITY_HIGH);
     RTCGeometry geometry = rtcNewGeometry(mHandles->device, RTC_GEOMETRY_TYPE_TRIANGLE);
     auto* positions = static_cast<float*>(rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0,
                                                                  RTC_FORMAT_FLOAT3, 3 * sizeof(float), vertexCount));
@@ -62,7 +77,9 @@ EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads) : mHandles
     rtcCommitGeometry(geometry);
     rtcAttachGeometry(mHandles->scene, geometry);
     rtcReleaseGeometry(geometry);
+    const int64_t before = mHandles->liveBytes;
     rtcCommitScene(mHandles->scene);
+    mHierarchyBytes = static_cast<uint64_t>(std::max<int64_t>(0, mHandles->liveBytes - before));
     mBuildSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 

@@ -6,6 +6,7 @@
 
 #include <kxTriMesh.h>
 
+#include <cstdint>
 #include <memory>
 
 namespace kxbvh
@@ -14,13 +15,16 @@ class EmbreeScene
 {
 public:
     /// Copies the mesh into Embree and commits the scene with Embree's default build
-    /// quality on `threads` threads of its own pool; the time covers both.
-    EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads);
+    /// quality, or its high quality (spatial splits), on `threads` threads of its own
+    /// pool; the time covers both.
+    EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads, bool highQuality = false);
     ~EmbreeScene();
     EmbreeScene(const EmbreeScene&) = delete;
     EmbreeScene& operator=(const EmbreeScene&) = delete;
 
     double buildSeconds() const { return mBuildSeconds; }
+    /// What the committed hierarchy holds in Embree's memory (its copy of the mesh aside).
+    uint64_t hierarchyBytes() const { return mHierarchyBytes; }
 
     /// Nearest hit in [0, t]: shortens t and names the mesh's triangle. Thread-safe.
     bool intersect(const Vec3& origin, const Vec3& direction, float& t, unsigned& triangle) const;
@@ -38,6 +42,7 @@ private:
     struct Handles;
     std::unique_ptr<Handles> mHandles;
     double mBuildSeconds = 0.0;
+    uint64_t mHierarchyBytes = 0;
 };
 } // namespace kxbvh
 

@@ -7,6 +7,7 @@
 #include <kxBVHContainers.h>
 #include <kxCancelInterface.h>
 #include <kxGenericBVHBuilder.h>
+#include <kxHighQualityBVHBuilder.h>
 #include <kxLinearGenericBVHBuilder.h>
 
 #include <chrono>
@@ -54,7 +55,7 @@ private:
 
 const char* builderName(Builder builder)
 {
-    return builder == Builder::eSah ? "sah" : "linear";
+    return builder == Builder::eSah ? "sah" : builder == Builder::eHq ? "hq" : "linear";
 }
 
 void buildHierarchy(const Mesh& mesh, const BuildOptions& options, Hierarchy& out, const Progress* ticker)
@@ -76,6 +77,14 @@ void buildHierarchy(const Mesh& mesh, const BuildOptions& options, Hierarchy& ou
         builder.setMaxPrimitivesPerLeaf(options.leafSize);
         const TickingCancel cancel(*ticker);
         if (!builder.build(container, out.bvh, &cancel, kMortonBits))
+            throw Cancelled("cancelled while building the BVH");
+    }
+    else if (options.builder == Builder::eHq)
+    {
+        kxHighQualityBVHBuilder builder;
+        builder.setMaxPrimitivesPerLeaf(options.leafSize);
+        const TickingCancel cancel(*ticker);
+        if (!builder.build(*mesh.mesh, out.bvh, &cancel))
             throw Cancelled("cancelled while building the BVH");
     }
     else

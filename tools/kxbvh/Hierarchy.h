@@ -1,4 +1,5 @@
-// Builds what the queries need: a binary BVH (linear or binned SAH) collapsed into a QBVH.
+// Builds what the queries need: a binary BVH (linear, binned SAH or high quality) collapsed
+// into a QBVH.
 #ifndef KXBVH_HIERARCHY_H
 #define KXBVH_HIERARCHY_H
 
@@ -14,7 +15,8 @@ class Progress;
 enum class Builder
 {
     eLinear,
-    eSah
+    eSah,
+    eHq
 };
 
 const char* builderName(Builder builder);
@@ -22,7 +24,7 @@ const char* builderName(Builder builder);
 struct BuildOptions
 {
     Builder builder = Builder::eLinear;
-    unsigned leafSize = 4;  // largest leaf of the linear builder
+    unsigned leafSize = 4;  // largest leaf of the linear and high-quality builders
 };
 
 struct BuildTimes
@@ -42,9 +44,9 @@ struct Hierarchy
 };
 
 /// Builds into out, timing each phase. Shows a spinner unless the caller passes its own
-/// progress line to tick. Ctrl-C stops the linear builder through the library's
-/// cancellation interface and then throws Cancelled; the SAH builder cannot be stopped
-/// midway, so the tool stops as soon as it returns.
+/// progress line to tick. Ctrl-C stops the linear and high-quality builders through the
+/// library's cancellation interface and then throws Cancelled; the SAH builder cannot be
+/// stopped midway, so the tool stops as soon as it returns.
 void buildHierarchy(const Mesh& mesh, const BuildOptions& options, Hierarchy& out, const Progress* ticker = nullptr);
 } // namespace kxbvh
 

@@ -35,8 +35,8 @@ void printJson(const Report& r)
                    {"bounds", {{"min", point(r.mesh.bounds.min)}, {"max", point(r.mesh.bounds.max)}}},
                    {"seconds", r.mesh.seconds}};
     out["build"] = {{"builder", builderName(r.build.builder)},
-                    {"leaf_size", r.build.builder == Builder::eLinear ? nlohmann::ordered_json(r.build.leafSize)
-                                                                      : nlohmann::ordered_json()},
+                    {"leaf_size", r.build.builder != Builder::eSah ? nlohmann::ordered_json(r.build.leafSize)
+                                                                   : nlohmann::ordered_json()},
                     {"seconds",
                      {{"container", r.times.container},
                       {"binary", r.times.binary},
@@ -51,8 +51,13 @@ void printJson(const Report& r)
                   {"largest_leaf_depth", r.bvh.largestLeafDepth},
                   {"depth", r.bvh.depth},
                   {"sah_cost", r.bvh.sahCost},
-                  {"memory_bytes", r.bvh.memoryBytes}};
-    out["qbvh"] = {{"nodes", r.qbvh.nodes}, {"groups", r.qbvh.groups}, {"memory_bytes", r.qbvh.memoryBytes}};
+                  {"memory_bytes", r.bvh.memoryBytes},
+                  {"references", r.bvh.references}};
+    out["qbvh"] = {{"nodes", r.qbvh.nodes},
+                   {"groups", r.qbvh.groups},
+                   {"sah_cost", r.qbvh.sahCost},
+                   {"memory_bytes", r.qbvh.memoryBytes},
+                   {"equations_bytes_per_triangle", double(r.qbvh.equationBytes) / r.mesh.triangles}};
     out["memory"] = {{"total_bytes", r.qbvh.memoryBytes},
                      {"bytes_per_triangle", double(r.qbvh.memoryBytes) / r.mesh.triangles}};
     std::cout << out.dump(2) << std::endl;
@@ -78,6 +83,10 @@ void printText(const Report& r)
 
     if (r.build.builder == Builder::eLinear)
         std::printf("\nbuild: linear builder, leaves of at most %u triangles\n", r.build.leafSize);
+    else if (r.build.builder == Builder::eHq)
+        std::printf("\nbuild: high-quality builder (spatial splits, laid out for four-wide nodes), leaves of at most "
+                    "%u triangles\n",
+                    r.build.leafSize);
     else
         std::printf("\nbuild: binned SAH builder\n");
     row("boxing triangles", formatSeconds(r.times.container));
@@ -98,14 +107,22 @@ void printText(const Report& r)
     std::snprintf(cost, sizeof cost, "%.2f", r.bvh.sahCost);
     row("SAH cost", cost, "triangle tests per ray through the root box (a node visit counts 4)");
     row("memory", formatBytes(r.bvh.memoryBytes));
+    char share[64];
+    std::snprintf(share, sizeof share, "%.3f per triangle", double(r.bvh.references) / r.mesh.triangles);
+    row("references", groupDigits(r.bvh.references), share);
 
     std::printf("\nQBVH (four-wide, vertices and equations)\n");
     row("nodes", groupDigits(r.qbvh.nodes));
     row("triangle groups", groupDigits(r.qbvh.groups), "of four");
+    std::snprintf(cost, sizeof cost, "%.2f", r.qbvh.sahCost);
+    row("SAH cost", cost, "node visits and group tests per ray through the root box");
     char perTriangle[48];
     std::snprintf(perTriangle, sizeof perTriangle, "%.1f bytes per triangle",
                   double(r.qbvh.memoryBytes) / r.mesh.triangles);
     row("memory", formatBytes(r.qbvh.memoryBytes), perTriangle);
+    std::snprintf(perTriangle, sizeof perTriangle, "%.1f bytes per triangle",
+                  double(r.qbvh.equationBytes) / r.mesh.triangles);
+    row("with rays only", formatBytes(r.qbvh.equationBytes), perTriangle);
 }
 } // namespace
 

@@ -1,6 +1,7 @@
 #include "Stats.h"
 
 #include <kxGenericBVHBuilder.h>
+#include <kxQBVHStatistics.h>
 
 #include <algorithm>
 #include <iostream>
@@ -73,6 +74,7 @@ BinaryStats binaryStats(const kxGenericBVH& bvh)
     });
     stats.sahCost = kxComputeSAHCost(bvh);
     stats.memoryBytes = bvh.getMemoryUsed();
+    stats.references = bvh.mPrimitiveIndices.size();
     return stats;
 }
 
@@ -89,6 +91,10 @@ QbvhStats qbvhStats(const kxQBVH& qbvh)
     if (qbvh.getTriangleIndices())
         perGroup += sizeof(kxQBVH::tSOATriangleIndices);
     stats.memoryBytes = uint64_t(stats.nodes) * sizeof(kxQBVH::tQBVHNode) + uint64_t(stats.groups) * perGroup;
+    stats.equationBytes = uint64_t(stats.nodes) * sizeof(kxQBVH::tQBVHNode) +
+                          uint64_t(stats.groups) * (sizeof(kxQBVH::tSOATriangleEquations) +
+                                                    sizeof(kxQBVH::tSOATriangleIndices));
+    stats.sahCost = kxComputeQBVHSAHCost(qbvh);
     return stats;
 }
 } // namespace kxbvh

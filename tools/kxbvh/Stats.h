@@ -24,6 +24,7 @@ struct BinaryStats
     int depth = 0;  // deepest leaf
     double sahCost = 0.0;  // kxComputeSAHCost: 0 when the root box has no area
     uint64_t memoryBytes = 0;       // getMemoryUsed
+    uint64_t references = 0;        // entries of the primitive index array
 };
 
 /// Calls getBVHInfo with standard output silenced (it writes its own line there).
@@ -34,6 +35,8 @@ struct QbvhStats
     uint32_t nodes = 0;
     uint32_t groups = 0;
     uint64_t memoryBytes = 0;  // nodes and triangle blocks
+    uint64_t equationBytes = 0;  // nodes, equation and index blocks: what ray queries need
+    double sahCost = 0.0;        // kxComputeQBVHSAHCost
 };
 
 QbvhStats qbvhStats(const kxQBVH& qbvh);
