@@ -9,7 +9,7 @@ __version__: str
 _Path = Union[str, bytes, os.PathLike[str], os.PathLike[bytes]]
 _Real = npt.ArrayLike
 _Side = Literal["all", "front", "back"]
-_Builder = Literal["linear", "sah"]
+_Builder = Literal["linear", "sah", "hq"]
 
 class Nearest(TypedDict):
     distance: npt.NDArray[np.float32]
@@ -36,7 +36,7 @@ class QBVH:
 
     def __init__(self, vertices: _Real, triangles: _Real, builder: _Builder = "linear", leaf: int = 4) -> None:
         """vertices (V, 3) real numbers, triangles (T, 3) integer indices into them. builder
-        "linear" or "sah"; leaf is the linear builder's largest leaf (1 to 1024)."""
+        "linear", "sah" or "hq"; leaf is the largest leaf of the linear and hq builders (1 to 1024)."""
 
     def intersect(
         self,

@@ -196,7 +196,7 @@ int main(int argc, char** argv)
 {
     if (argc < 8)
     {
-        std::fprintf(stderr, "usage: %s intersect|symmetric|occluded|closest|convex linear|sah LEAF VERTICES "
+        std::fprintf(stderr, "usage: %s intersect|symmetric|occluded|closest|convex linear|sah|hq LEAF VERTICES "
                              "TRIANGLES INPUT OUTPUT [tmin=X tmax=X side=S planes=K repeat=N]\n",
                      argv[0]);
         return 2;
@@ -218,7 +218,10 @@ int main(int argc, char** argv)
         kxbvh::setProgressMode(kxbvh::ProgressMode::eNever);
         const kxbvh::Mesh mesh = makeMesh(readArray<float>(argv[4]), readArray<uint32_t>(argv[5]));
         kxbvh::BuildOptions build;
-        build.builder = std::string(argv[2]) == "sah" ? kxbvh::Builder::eSah : kxbvh::Builder::eLinear;
+        const std::string builder = argv[2];
+        build.builder = builder == "sah" ? kxbvh::Builder::eSah
+                        : builder == "hq" ? kxbvh::Builder::eHq
+                                          : kxbvh::Builder::eLinear;
         build.leafSize = unsigned(std::stoul(argv[3]));
         kxbvh::Hierarchy hierarchy;
         kxbvh::buildHierarchy(mesh, build, hierarchy);

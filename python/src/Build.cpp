@@ -4,6 +4,7 @@
 
 #include <kxBVHContainers.h>
 #include <kxGenericBVHBuilder.h>
+#include <kxHighQualityBVHBuilder.h>
 #include <kxLinearGenericBVHBuilder.h>
 
 #include <chrono>
@@ -134,12 +135,14 @@ BuilderKind builderKind(const std::string& name)
         return BuilderKind::eLinear;
     if (name == "sah")
         return BuilderKind::eSah;
-    throw py::value_error("builder must be 'linear' or 'sah', got '" + name + "'");
+    if (name == "hq")
+        return BuilderKind::eHq;
+    throw py::value_error("builder must be 'linear', 'sah' or 'hq', got '" + name + "'");
 }
 
 const char* builderText(BuilderKind kind)
 {
-    return kind == BuilderKind::eSah ? "sah" : "linear";
+    return kind == BuilderKind::eSah ? "sah" : kind == BuilderKind::eHq ? "hq" : "linear";
 }
 
 kxbvh::Mesh meshFromArrays(py::handle verticesObject, py::handle trianglesObject)
@@ -232,6 +235,12 @@ Figures buildQBVH(const kxbvh::Mesh& mesh, BuilderKind builder, unsigned leaf, k
             linear.setMaxPrimitivesPerLeaf(leaf);
             built = linear.build(container, bvh, &signals, kMortonBits);
         }
+        else if (builder == BuilderKind::eHq)
+        {
+            kxHighQualityBVHBuilder hq;
+            hq.setMaxPrimitivesPerLeaf(leaf);
+            built = hq.build(*mesh.mesh, bvh, &signals);
+        }
         else
         {
             // The SAH builder cannot be stopped midway: Ctrl-C counts once it returns.
@@ -268,8 +277,11 @@ py::dict figuresDict(const Figures& f)
     py::dict bvh("nodes"_a = f.bvh.nodes, "tree_nodes"_a = f.bvh.treeNodes, "leaves"_a = f.bvh.leaves,
                  "min_leaf"_a = f.bvh.minLeaf, "max_leaf"_a = f.bvh.maxLeaf, "avg_leaf"_a = f.bvh.avgLeaf,
                  "largest_leaf_depth"_a = f.bvh.largestLeafDepth, "depth"_a = f.bvh.depth,
-                 "sah_cost"_a = f.bvh.sahCost, "memory_bytes"_a = f.bvh.memoryBytes);
-    py::dict qbvh("nodes"_a = f.qbvh.nodes, "groups"_a = f.qbvh.groups, "memory_bytes"_a = f.qbvh.memoryBytes);
+                 "sah_cost"_a = f.bvh.sahCost, "memory_bytes"_a = f.bvh.memoryBytes,
+                 "references"_a = f.bvh.references);
+    py::dict qbvh("nodes"_a = f.qbvh.nodes, "groups"_a = f.qbvh.groups, "sah_cost"_a = f.qbvh.sahCost,
+                  "memory_bytes"_a = f.qbvh.memoryBytes,
+                  "equations_bytes_per_triangle"_a = double(f.qbvh.equationBytes) / f.triangles);
     py::dict memory("total_bytes"_a = f.qbvh.memoryBytes,
                     "bytes_per_triangle"_a = double(f.qbvh.memoryBytes) / f.triangles);
     return py::dict("mesh"_a = mesh, "build"_a = build, "bvh"_a = bvh, "qbvh"_a = qbvh, "memory"_a = memory);

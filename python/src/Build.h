@@ -17,10 +17,11 @@ namespace kxpy
 enum class BuilderKind
 {
     eLinear,
-    eSah
+    eSah,
+    eHq
 };
 
-/// "linear" or "sah"; ValueError for anything else.
+/// "linear", "sah" or "hq"; ValueError for anything else.
 BuilderKind builderKind(const std::string& name);
 const char* builderText(BuilderKind kind);
 
@@ -47,8 +48,8 @@ struct Figures
 };
 
 /// Builds a QBVH holding vertices and equations (what every query needs) without the GIL.
-/// Ctrl-C stops the linear builder through the cancellation interface (the SAH builder
-/// between its phases) and raises KeyboardInterrupt.
+/// Ctrl-C stops the linear and high-quality builders through the cancellation interface
+/// (the SAH builder between its phases) and raises KeyboardInterrupt.
 Figures buildQBVH(const kxbvh::Mesh& mesh, BuilderKind builder, unsigned leaf, kxQBVH& out);
 
 /// The object `kxbvh info --json` prints, as a dict.

@@ -73,7 +73,8 @@ unsigned leafSize(long long leaf, BuilderKind builder)
     if (builder == BuilderKind::eSah)
     {
         if (leaf != 4)
-            throw py::value_error("leaf applies to the linear builder only; the SAH builder sizes its leaves by cost");
+            throw py::value_error("leaf applies to the linear and hq builders; the SAH builder sizes its leaves "
+                                  "by cost");
         return 0;
     }
     if (leaf < 1 || leaf > 1024)

@@ -113,10 +113,11 @@ QBVH(vertices, triangles, builder="linear", leaf=4)
 
 vertices: (V, 3) real numbers (float32 or float64 are read in place, other dtypes are
     converted once); triangles: (T, 3) integers, indices into vertices.
-builder: "linear" (Morton codes, fastest build) or "sah" (binned surface-area heuristic,
-    slower build, often faster queries).
-leaf: largest leaf of the linear builder, 1 to 1024 triangles; the SAH builder sizes its
-    leaves by cost and takes only the default.
+builder: "linear" (Morton codes, fastest build), "sah" (binned surface-area heuristic) or
+    "hq" (high quality: spatial splits and leaves laid out for full four-wide nodes; the
+    slowest build and the fastest queries).
+leaf: largest leaf of the linear and hq builders, 1 to 1024 triangles; the SAH builder
+    sizes its leaves by cost and takes only the default.
 
 The library's mesh type owns its buffers, so the build reads your arrays once into such a
 mesh and drops it when done; the hierarchy keeps its own copy of the triangles, nothing

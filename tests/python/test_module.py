@@ -142,7 +142,7 @@ def test_demo_scene_has_the_size_asked_for_and_is_the_same_each_time():
     np.testing.assert_array_equal(again[0], kxbvh.demo_scene(5_000)[0])
 
 
-@pytest.mark.parametrize("builder", ["linear", "sah"])
+@pytest.mark.parametrize("builder", ["linear", "sah", "hq"])
 def test_info_reports_what_the_tool_reports_for_the_same_file(tool, tmp_path, builder):
     vertices, triangles = soup(np.random.default_rng(4), triangles=3000)
     path = tmp_path / "soup.obj"

@@ -7,7 +7,7 @@ import kxbvh
 from conftest import convex_sets, meshes, rays, soup
 
 NO_TRIANGLE = 0xFFFFFFFF
-BUILDS = [("linear", 4), ("linear", 1), ("sah", 4)]
+BUILDS = [("linear", 4), ("linear", 1), ("sah", 4), ("hq", 4), ("hq", 1)]
 
 
 def crossings(vertices, triangles, origins, directions):
