@@ -8,6 +8,7 @@ kx_packages=(
   libembree-dev
   assimp-testmodels
   clang libfuzzer-14-dev
+  python3-dev python3-numpy pybind11-dev python3-pybind11 python3-pytest
 )
 
 kx_install_deps() {
