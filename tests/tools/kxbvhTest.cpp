@@ -373,7 +373,10 @@ TEST(KxbvhErrors, HeadersThatWouldMakeAssimpLoopOrAllocateWithoutBoundAreRejecte
          "4 1 7 5 3\n4 6 0 2 4\n"},
         {"headerless.off", "declares 4,000,000,000 vertices", "4000000000 1 0\n0 0 0\n3 0 0 0\n"},
         {"commented.off", "declares 100,000,000 vertices", "# colours\nCOFF\n100000000 1 0\n0 0 0 1 1 1 1\n3 0 0 0\n"},
-        {"dimension.off", "declares 50,000,000 vertices", "nOFF 2\n50000000 1 0\n0 0\n3 0 0 0\n"}};
+        {"dimension.off", "declares 50,000,000 vertices", "nOFF 2\n50000000 1 0\n0 0\n3 0 0 0\n"},
+        // An element declared twice makes it write past its buffers and abort.
+        {"twice.ply", "declares the element 'vertex' twice",
+         plyHeader + "element vertex 4\nproperty float x\nend_header\n" + plyData}};
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.name);

@@ -220,6 +220,7 @@ void checkPlyHeader(const std::string& path, uint64_t fileSize)
     while (line.empty());
     enum class Format { eUnknown, eAscii, eBinary } format = Format::eUnknown;
     std::vector<PlyElement> elements;
+    std::vector<std::string> names;
     while (true)
     {
         if (!reader.next(line))
@@ -235,6 +236,11 @@ void checkPlyHeader(const std::string& path, uint64_t fileSize)
         {
             PlyElement element;
             element.name = words[1];
+            // Assimp's reader overruns its heap when an element is declared twice.
+            if (std::find(names.begin(), names.end(), element.name) != names.end())
+                throw invalid(path, "PLY", "its header declares the element '" + element.name.substr(0, 40) +
+                                               "' twice");
+            names.push_back(element.name);
             if (parseCount(words[2], element.count))
                 elements.push_back(element);
         }

@@ -11,7 +11,8 @@ namespace kxbvh
 /// A PLY file (one starting with the word "ply") must have an end_header line, which
 /// assimp otherwise searches for forever, and its elements must fit in the bytes after the
 /// header: assimp walks through every declared element even when the data ends early. Any
-/// other header line is left to assimp, which skips free text. Throws InputError naming
+/// other header line is left to assimp, which skips free text. An element declared twice
+/// is refused: assimp's reader writes past its buffers on such headers. Throws InputError naming
 /// the file.
 void checkPlyHeader(const std::string& path, uint64_t fileSize);
 
