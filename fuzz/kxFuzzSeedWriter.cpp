@@ -155,7 +155,7 @@ SeedMesh terrain(int n, float scale)
 }
 
 // Coordinates that break arithmetic, and triangles that reuse them and repeat corners.
-SeedMesh specials()
+SeedMesh unusualValues()
 {
     SeedMesh m;
     const float fmax = std::numeric_limits<float>::max(), tiny = std::numeric_limits<float>::denorm_min();
@@ -290,7 +290,7 @@ void writeMeshSeeds()
     writeGeometrySeeds("terrain", terrain(8, 1.0f), 0, 7, 3, 4);
     writeGeometrySeeds("terrain-huge", terrain(6, 1e30f), 0, 5e30f, 3, 2);
     writeGeometrySeeds("terrain-tiny", terrain(6, 1e-30f), 0, 5e-30f, 2, 8);
-    writeGeometrySeeds("specials", specials(), 0, 1, 3, 2);
+    writeGeometrySeeds("unusual-values", unusualValues(), 0, 1, 3, 2);
     writeGeometrySeeds("degenerate", degenerate(), 0, 2, 3, 1);
     writeGeometrySeeds("slivers", slivers(), 0, 9, 3, 2);
     writeGeometrySeeds("slivers-no-spatial-splits", slivers(), 0, 9, 3, 4, false);

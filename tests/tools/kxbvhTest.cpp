@@ -398,10 +398,9 @@ TEST(KxbvhErrors, AFileNeedingMoreMemoryToReadThanAllowedIsRejectedInOneLine)
     TempDir dir;
     auto subdivided = [&](int level) {
         const std::string file = dir.file("quad" + std::to_string(level) + ".ac");
-        writeText(file, "AC3Db\nMATERIAL \"m\" rgb 1 1 1  amb 0.2 0.2 0.2  emis 0 0 0  spec 0.2 0.2 0.2  shi 128  "
-                        "trans 0\nOBJECT world\nkids 1\nOBJECT poly\nsubdiv " +
+        writeText(file, "AC3Db\nOBJECT world\nkids 1\nOBJECT poly\nsubdiv " +
                             std::to_string(level) +
-                            "\nnumvert 4\n0 0 0\n1 0 0\n1 1 0\n0 1 0\nnumsurf 1\nSURF 0x20\nmat 0\nrefs 4\n"
+                            "\nnumvert 4\n0 0 0\n1 0 0\n1 1 0\n0 1 0\nnumsurf 1\nSURF 0x20\nrefs 4\n"
                             "0 0 0\n1 0 0\n2 0 0\n3 0 0\nkids 0\n");
         return file;
     };
