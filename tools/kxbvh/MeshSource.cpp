@@ -70,6 +70,37 @@ InputError tooLargeToRead(const std::string& path, uint64_t budget, bool chosen)
                                ")");
 }
 
+/// Runs read with assimp's output routed as asked and the process's memory bounded;
+/// running out of that memory becomes one line naming the file.
+template <typename Read>
+const aiScene* readGuarded(Assimp::Importer& importer, const std::string& path, uint64_t fileSize,
+                           const ReadOptions& options, const char* activity, Read read)
+{
+    const uint64_t budget = options.memory ? *options.memory : automaticReadMemory(fileSize);
+    const aiScene* scene = nullptr;
+    bool outOfMemory = false;
+    {
+        const ReaderOutput output(options.verbose);
+        const ReadMemoryLimit limit(budget);
+        try
+        {
+            scene = read();
+        }
+        catch (const std::bad_alloc&)
+        {
+            if (!limit.active())
+                throw;
+            outOfMemory = true;
+        }
+        outOfMemory = outOfMemory || (!scene && limit.active() &&
+                                      std::string(importer.GetErrorString()).find("bad_alloc") != std::string::npos);
+    }
+    throwIfInterrupted(activity);
+    if (outOfMemory)
+        throw tooLargeToRead(path, budget, options.memory.has_value());
+    return scene;
+}
+
 /// Lets Ctrl-C stop assimp between its steps.
 class InterruptibleImport : public Assimp::ProgressHandler
 {
@@ -200,28 +231,8 @@ Mesh loadMeshFile(const std::string& path, const ReadOptions& options)
     Assimp::Importer importer;
     importer.SetProgressHandler(new InterruptibleImport);
     importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, kDroppedPrimitives);
-    const uint64_t budget = options.memory ? *options.memory : automaticReadMemory(fileSize);
-    const aiScene* scene = nullptr;
-    bool outOfMemory = false;
-    {
-        const ReaderOutput output(options.verbose);
-        const ReadMemoryLimit limit(budget);
-        try
-        {
-            scene = readScene(importer, path);
-        }
-        catch (const std::bad_alloc&)
-        {
-            if (!limit.active())
-                throw;
-            outOfMemory = true;
-        }
-        outOfMemory = outOfMemory || (!scene && limit.active() &&
-                                      std::string(importer.GetErrorString()).find("bad_alloc") != std::string::npos);
-    }
-    throwIfInterrupted("reading the mesh");
-    if (outOfMemory)
-        throw tooLargeToRead(path, budget, options.memory.has_value());
+    const aiScene* scene = readGuarded(importer, path, fileSize, options, "reading the mesh",
+                                       [&] { return readScene(importer, path); });
     if (!scene)
     {
         const std::string reason = oneLine(importer.GetErrorString());
@@ -299,36 +310,16 @@ std::vector<Wm4::Vector3<float>> loadPointFile(const std::string& path, const Re
         Progress progress("reading " + path);
         Assimp::Importer importer;
         importer.SetProgressHandler(new InterruptibleImport);
-        const uint64_t budget = options.memory ? *options.memory : automaticReadMemory(fileSize);
-        const aiScene* scene = nullptr;
-        bool outOfMemory = false;
-        {
-            const ReaderOutput output(options.verbose);
-            const ReadMemoryLimit limit(budget);
-            try
-            {
-                scene = importer.ReadFile(path, 0);
-                // Faces repeat their corners once per face in some formats; a point cloud has
-                // no faces, which the validation step would refuse.
-                bool faces = scene && scene->mNumMeshes > 0;
-                for (unsigned m = 0; faces && m < scene->mNumMeshes; ++m)
-                    faces = scene->mMeshes[m]->mNumFaces > 0;
-                if (faces)
-                    scene = importer.ApplyPostProcessing(aiProcess_JoinIdenticalVertices |
-                                                         aiProcess_ValidateDataStructure);
-            }
-            catch (const std::bad_alloc&)
-            {
-                if (!limit.active())
-                    throw;
-                outOfMemory = true;
-            }
-            outOfMemory = outOfMemory || (!scene && limit.active() &&
-                                          std::string(importer.GetErrorString()).find("bad_alloc") != std::string::npos);
-        }
-        throwIfInterrupted("reading the points");
-        if (outOfMemory)
-            throw tooLargeToRead(path, budget, options.memory.has_value());
+        const aiScene* scene = readGuarded(importer, path, fileSize, options, "reading the points", [&] {
+            const aiScene* read = importer.ReadFile(path, 0);
+            // Faces repeat their corners once per face in some formats; a point cloud has no
+            // faces, which the validation step would refuse.
+            bool faces = read && read->mNumMeshes > 0;
+            for (unsigned m = 0; faces && m < read->mNumMeshes; ++m)
+                faces = read->mMeshes[m]->mNumFaces > 0;
+            return faces ? importer.ApplyPostProcessing(aiProcess_JoinIdenticalVertices | aiProcess_ValidateDataStructure)
+                         : read;
+        });
         if (!scene)
         {
             const std::string reason = oneLine(importer.GetErrorString());
