@@ -273,7 +273,7 @@ py::dict figuresDict(const Figures& f)
                      "total"_a = f.times.total());
     py::dict build("builder"_a = builderText(f.builder),
                    "leaf_size"_a = f.builder == BuilderKind::eSah ? py::object(py::none()) : py::int_(f.leaf),
-                   "seconds"_a = seconds);
+                   "seconds"_a = seconds, "peak_bytes"_a = py::none());
     py::dict bvh("nodes"_a = f.bvh.nodes, "tree_nodes"_a = f.bvh.treeNodes, "leaves"_a = f.bvh.leaves,
                  "min_leaf"_a = f.bvh.minLeaf, "max_leaf"_a = f.bvh.maxLeaf, "avg_leaf"_a = f.bvh.avgLeaf,
                  "largest_leaf_depth"_a = f.bvh.largestLeafDepth, "depth"_a = f.bvh.depth,

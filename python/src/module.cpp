@@ -189,7 +189,8 @@ at the origin, so a region that strictly contains the origin may answer True eve
 real triangle reaches inside it.)";
 
 const char* const kInfoDoc = R"(The figures `kxbvh info --json` prints, as a dict: "mesh" (source, triangles, vertices,
-bounds, seconds to read the arrays), "build" (builder, leaf_size, seconds per phase),
+bounds, seconds to read the arrays), "build" (builder, leaf_size, seconds per phase; peak_bytes
+is None here, as only the tool counts its heap),
 "bvh" (the binary hierarchy: nodes, leaves, leaf sizes, depth, SAH cost, memory), "qbvh"
 (four-wide nodes, triangle groups, memory) and "memory".)";
 } // namespace

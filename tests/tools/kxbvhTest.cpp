@@ -265,6 +265,20 @@ void expectLibraryFigures(const json& tool, const kx::kxTriMesh& mesh, const std
     EXPECT_TRUE(tool["qbvh"]["nodes"] == qbvh.getNodeCount() && tool["qbvh"]["groups"] == qbvh.getGroupCount());
     EXPECT_DOUBLE_EQ(tool["qbvh"]["sah_cost"].get<double>(), kxComputeQBVHSAHCost(qbvh));
     EXPECT_EQ(b["references"], bvh.mPrimitiveIndices.size());
+
+    // Each phase's peak holds at least what the phase leaves behind, on top of what came
+    // before it: the boxes, then the tree, then the QBVH (with vertices, as the tool builds it).
+    const json& peak = tool["build"]["peak_bytes"];
+#if defined(__SANITIZE_ADDRESS__)
+    EXPECT_TRUE(peak.is_null()) << "the sanitizer's allocator is not counted";
+#else
+    const uint64_t boxes = uint64_t{container.getQuantity()} * sizeof(kxBBox);
+    EXPECT_GE(peak["container"].get<uint64_t>(), boxes);
+    EXPECT_GE(peak["binary"].get<uint64_t>(), boxes + b["memory_bytes"].get<uint64_t>());
+    EXPECT_GE(peak["qbvh"].get<uint64_t>(), boxes + tool["qbvh"]["memory_bytes"].get<uint64_t>());
+    EXPECT_EQ(peak["total"], std::max({peak["container"], peak["binary"], peak["qbvh"]}));
+    EXPECT_LT(peak["total"].get<uint64_t>(), 4u << 20) << "a few hundred triangles";
+#endif
 }
 
 constexpr int kWidth = 160, kHeight = 120;
@@ -612,10 +626,24 @@ TEST(KxbvhBench, BothHierarchiesFindTheSameHitsOnEveryThreadCount)
     std::mt19937 rng(21);
     writeMesh(*kxtest::randomSoup(rng, 2000), dir.file("soup.obj"));
     const ToolResult run = runTool({"bench", dir.file("soup.obj"), "--json", "--width", "48", "--height", "32",
-                                    "--repeat", "1", "--threads", "2"});
+                                    "--repeat", "2", "--threads", "2"});
     ASSERT_EQ(run.status, 0) << run.err;
     const json figures = json::parse(run.out);
     EXPECT_EQ(figures["rays"], 48 * 32);
+    // Our builds report the phases of their best run, which add up to it, beside the first run.
+    for (const json& build : figures["build"])
+    {
+        EXPECT_GE(build["first_seconds"].get<double>(), build["seconds"].get<double>()) << build;
+        if (build["name"].get<std::string>().rfind("kxbvh", 0) != 0)
+            continue;
+        const json& phase = build["phase_seconds"];
+        EXPECT_NEAR(phase["container"].get<double>() + phase["binary"].get<double>() + phase["qbvh"].get<double>(),
+                    build["seconds"].get<double>(), 1e-9)
+            << build;
+#if !defined(__SANITIZE_ADDRESS__)
+        EXPECT_GT(build["peak_bytes"].get<uint64_t>(), 2000u * sizeof(kxBBox)) << build;
+#endif
+    }
     // Hit or miss is a property of the triangles, not of the tree or the thread count.
     std::set<uint64_t> hits;
     for (const json& trace : figures["trace"])

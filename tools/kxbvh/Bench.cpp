@@ -3,6 +3,7 @@
 #include "Format.h"
 #include "Hierarchy.h"
 #include "Interrupt.h"
+#include "MemoryMeter.h"
 #include "Parallel.h"
 #include "Progress.h"
 #include "Stats.h"
@@ -38,9 +39,14 @@ double secondsOf(const std::function<void()>& work)
 struct BuildFigure
 {
     std::string name;
-    unsigned threads;
-    double seconds;
-    double bytesPerTriangle;  // the hierarchy as ray queries need it
+    unsigned threads = 1;
+    double seconds = std::numeric_limits<double>::infinity();  // the best run
+    double bytesPerTriangle = 0.0;                              // the hierarchy as ray queries need it
+    double firstSeconds = 0.0;  // the first run, as an application that builds once sees it
+    bool ours = false;          // then the phases of the best run are known
+    BuildTimes phases;
+    bool peakMeasured = false;
+    uint64_t peakBytes = 0;  // heap on top of what was in use before the build
 };
 
 /// Query sets beside the primary rays.
@@ -111,13 +117,19 @@ public:
             std::unique_ptr<EmbreeScene> embree;
             for (unsigned threads : mThreadCounts)
             {
-                BuildFigure figure{name, threads, std::numeric_limits<double>::infinity(), 0.0};
+                BuildFigure figure;
+                figure.name = name;
+                figure.threads = threads;
+                figure.peakMeasured = true;
                 for (unsigned r = 0; r < mOptions.repeat; ++r)
                 {
                     Progress progress("bench: " + name + " build, " + std::to_string(threads) + " thread(s), run " +
                                       std::to_string(r + 1) + " of " + std::to_string(mOptions.repeat));
                     embree.reset();
                     embree = std::make_unique<EmbreeScene>(*mMesh.mesh, threads, high);
+                    if (r == 0)
+                        figure.firstSeconds = embree->buildSeconds();
+                    figure.peakBytes = std::max(figure.peakBytes, embree->peakBytes());
                     figure.seconds = std::min(figure.seconds, embree->buildSeconds());
                     figure.bytesPerTriangle = double(embree->hierarchyBytes()) / mMesh.triangles;
                     throwIfInterrupted("benchmarking");
@@ -289,14 +301,24 @@ private:
 
     void buildBest(const std::string& name, Builder builder, Hierarchy& out)
     {
-        BuildFigure figure{name, 1, std::numeric_limits<double>::infinity(), 0.0};
-        const BuildOptions options{builder, mOptions.leafSize};
+        BuildFigure figure;
+        figure.name = name;
+        figure.ours = true;
+        const BuildOptions options{builder, mOptions.leafSize, programHeap()};
         for (unsigned r = 0; r < mOptions.repeat; ++r)
         {
             const Progress progress("bench: " + name + " build, run " + std::to_string(r + 1) + " of " +
                                     std::to_string(mOptions.repeat));
             buildHierarchy(mMesh, options, out, &progress);
-            figure.seconds = std::min(figure.seconds, out.times.total());
+            if (r == 0)
+                figure.firstSeconds = out.times.total();
+            figure.peakMeasured = out.times.peaksMeasured;
+            figure.peakBytes = std::max(figure.peakBytes, out.times.peak());
+            if (out.times.total() < figure.seconds)
+            {
+                figure.seconds = out.times.total();
+                figure.phases = out.times;
+            }
         }
         figure.bytesPerTriangle = double(qbvhStats(out.qbvh).equationBytes) / mMesh.triangles;
         mBuilds.push_back(figure);
@@ -351,8 +373,8 @@ private:
                     groupDigits(mMesh.triangles).c_str(), groupDigits(mDirections.size()).c_str(), mCamera.width(),
                     mCamera.height(), mOptions.repeat);
         const BuildFigure* reference = embreeBuild(1);
-        std::printf("%-34s %10s %14s %8s%s\n", "build", "time", "triangles/s", "B/tri",
-                    reference ? "   speed vs Embree, 1 thread" : "");
+        std::printf("%-34s %10s %10s %12s %9s %9s %9s %11s %7s%s\n", "build", "first", "best", "triangles/s",
+                    "boxing", "binary", "collapse", "peak memory", "B/tri", reference ? "   speed vs Embree, 1 thread" : "");
         for (const BuildFigure& b : mBuilds)
         {
             const std::string label = b.name + (b.name.rfind("Embree", 0) == 0
@@ -366,9 +388,15 @@ private:
                 std::snprintf(text, sizeof text, "%.2fx", reference->seconds / b.seconds);
                 ratio = text;
             }
-            std::printf("  %-32s %10s %14s %8.1f   %s\n", label.c_str(), formatSeconds(b.seconds).c_str(),
-                        formatRate(mMesh.triangles / b.seconds).c_str(), b.bytesPerTriangle, ratio.c_str());
+            const auto phase = [&b](double seconds) { return b.ours ? formatSeconds(seconds) : std::string("-"); };
+            std::printf("  %-32s %10s %10s %12s %9s %9s %9s %11s %7.1f   %s\n", label.c_str(),
+                        formatSeconds(b.firstSeconds).c_str(), formatSeconds(b.seconds).c_str(),
+                        formatRate(mMesh.triangles / b.seconds).c_str(), phase(b.phases.container).c_str(),
+                        phase(b.phases.binary).c_str(), phase(b.phases.collapse).c_str(),
+                        b.peakMeasured ? formatBytes(b.peakBytes).c_str() : "-", b.bytesPerTriangle, ratio.c_str());
         }
+        if (std::any_of(mBuilds.begin(), mBuilds.end(), [](const BuildFigure& b) { return !b.peakMeasured; }))
+            std::printf("  (peak memory of our builds is not counted in sanitizer builds)\n");
 
         for (int kind = ePrimary; kind < eKinds; ++kind)
             printTraces(static_cast<QueryKind>(kind));
@@ -447,6 +475,13 @@ private:
             out["build"].push_back({{"name", b.name},
                                     {"threads", b.threads},
                                     {"seconds", b.seconds},
+                                    {"first_seconds", b.firstSeconds},
+                                    {"phase_seconds", b.ours ? nlohmann::ordered_json{{"container", b.phases.container},
+                                                                                       {"binary", b.phases.binary},
+                                                                                       {"qbvh", b.phases.collapse}}
+                                                             : nlohmann::ordered_json()},
+                                    {"peak_bytes", b.peakMeasured ? nlohmann::ordered_json(b.peakBytes)
+                                                                  : nlohmann::ordered_json()},
                                     {"bytes_per_triangle", b.bytesPerTriangle}});
         out["trace"] = nlohmann::ordered_json::array();
         out["queries"] = nlohmann::ordered_json::array();

@@ -3,6 +3,7 @@
 #include <embree3/rtcore.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -13,7 +14,8 @@ namespace kxbvh
 {
 struct EmbreeScene::Handles
 {
-    int64_t liveBytes = 0;  // counted by the device's memory monitor
+    std::atomic<int64_t> liveBytes{0};  // counted by the device's memory monitor, from Embree's threads
+    std::atomic<int64_t> peakBytes{0};  // the most of liveBytes
     RTCDevice device = nullptr;
     RTCScene scene = nullptr;
     const float* positions = nullptr;    // Embree's copies, alive as long as the scene
@@ -27,15 +29,6 @@ struct EmbreeScene::Handles
     }
 };
 
-namespace
-{
-bool countBytes(void* user, ssize_t bytes, bool)
-{
-    *static_cast<int64_t*>(user) += bytes;
-    return true;
-}
-} // namespace
-
 EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads, bool highQuality)
     : mHandles(std::make_unique<Handles>())
 {
@@ -43,7 +36,16 @@ EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads, bool highQ
     mHandles->device = rtcNewDevice(config.c_str());
     if (!mHandles->device)
         throw std::runtime_error("Embree could not create a device");
-    rtcSetDeviceMemoryMonitorFunction(mHandles->device, countBytes, &mHandles->liveBytes);
+    const auto countBytes = [](void* user, ssize_t bytes, bool) {
+        auto* handles = static_cast<Handles*>(user);
+        const int64_t now = handles->liveBytes += bytes;
+        int64_t peak = handles->peakBytes.load();
+        while (now > peak && !handles->peakBytes.compare_exchange_weak(peak, now))
+        {
+        }
+        return true;
+    };
+    rtcSetDeviceMemoryMonitorFunction(mHandles->device, countBytes, mHandles.get());
     const auto start = std::chrono::steady_clock::now();
     const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
     const kx::kxIndexBuffer& indices = *mesh.GetIndexBuffer();
@@ -78,8 +80,10 @@ EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads, bool highQ
     rtcAttachGeometry(mHandles->scene, geometry);
     rtcReleaseGeometry(geometry);
     const int64_t before = mHandles->liveBytes;
+    mHandles->peakBytes = before;
     rtcCommitScene(mHandles->scene);
     mHierarchyBytes = static_cast<uint64_t>(std::max<int64_t>(0, mHandles->liveBytes - before));
+    mPeakBytes = static_cast<uint64_t>(std::max<int64_t>(0, mHandles->peakBytes - before));
     mBuildSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 

@@ -25,6 +25,8 @@ public:
     double buildSeconds() const { return mBuildSeconds; }
     /// What the committed hierarchy holds in Embree's memory (its copy of the mesh aside).
     uint64_t hierarchyBytes() const { return mHierarchyBytes; }
+    /// The most Embree held during the commit on top of what it held before, by its memory monitor.
+    uint64_t peakBytes() const { return mPeakBytes; }
 
     /// Nearest hit in [0, t]: shortens t and names the mesh's triangle. Thread-safe.
     bool intersect(const Vec3& origin, const Vec3& direction, float& t, unsigned& triangle) const;
@@ -43,6 +45,7 @@ private:
     std::unique_ptr<Handles> mHandles;
     double mBuildSeconds = 0.0;
     uint64_t mHierarchyBytes = 0;
+    uint64_t mPeakBytes = 0;
 };
 } // namespace kxbvh
 

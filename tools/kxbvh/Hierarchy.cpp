@@ -51,6 +51,31 @@ public:
 private:
     std::chrono::steady_clock::time_point mLast = std::chrono::steady_clock::now();
 };
+
+/// Peak heap of each phase above what was in use when the build began.
+class PhasePeaks
+{
+public:
+    explicit PhasePeaks(const HeapMeter* heap) : mHeap(heap), mStart(heap ? heap->inUse() : 0)
+    {
+        if (mHeap)
+            mHeap->restartPeak();
+    }
+
+    /// The peak since the last lap; the next phase starts counting from now.
+    uint64_t lap()
+    {
+        if (!mHeap)
+            return 0;
+        const int64_t above = mHeap->peak() - mStart;
+        mHeap->restartPeak();
+        return above > 0 ? static_cast<uint64_t>(above) : 0u;
+    }
+
+private:
+    const HeapMeter* mHeap;
+    int64_t mStart;
+};
 } // namespace
 
 const char* builderName(Builder builder)
@@ -68,9 +93,14 @@ void buildHierarchy(const Mesh& mesh, const BuildOptions& options, Hierarchy& ou
         ticker = ownProgress.get();
     }
     out.bvh = kxGenericBVH();
+    out.qbvh = kxQBVH();
+    out.times = BuildTimes();
+    out.times.peaksMeasured = options.heap != nullptr;
+    PhasePeaks peaks(options.heap);
     Stopwatch clock;
     const kxBVHTriangleContainer container(*mesh.mesh);
     out.times.container = clock.lap();
+    out.times.containerPeak = peaks.lap();
     if (options.builder == Builder::eLinear)
     {
         kxLinearGenericBVHBuilder builder;
@@ -94,9 +124,11 @@ void buildHierarchy(const Mesh& mesh, const BuildOptions& options, Hierarchy& ou
         throwIfInterrupted("building the BVH");
     }
     out.times.binary = clock.lap();
+    out.times.binaryPeak = peaks.lap();
     out.qbvh.buildFromBVH(kxQBVH::tQBVHDataFlags(kxQBVH::eTrianglesVertices | kxQBVH::eTrianglesEquations), out.bvh,
                           *mesh.mesh);
     out.times.collapse = clock.lap();
+    out.times.collapsePeak = peaks.lap();
     throwIfInterrupted("building the QBVH");
 }
 } // namespace kxbvh

@@ -8,6 +8,9 @@
 #include <kxGenericBVH.h>
 #include <kxQBVH.h>
 
+#include <algorithm>
+#include <cstdint>
+
 namespace kxbvh
 {
 class Progress;
@@ -21,18 +24,34 @@ enum class Builder
 
 const char* builderName(Builder builder);
 
+/// The program's heap, for the peaks of a build: the bytes in use now, and the largest
+/// since the last restart. Only programs that count their allocations have one.
+struct HeapMeter
+{
+    int64_t (*inUse)();
+    void (*restartPeak)();
+    int64_t (*peak)();
+};
+
 struct BuildOptions
 {
     Builder builder = Builder::eLinear;
     unsigned leafSize = 4;  // largest leaf of the linear and high-quality builders
+    const HeapMeter* heap = nullptr;  // peaks are measured when given
 };
 
+/// Time and peak heap of each phase; a peak counts from what was in use before the build,
+/// so the collapse's includes the binary hierarchy it reads.
 struct BuildTimes
 {
     double container = 0.0;  // boxing the triangles
     double binary = 0.0;     // the binary hierarchy
     double collapse = 0.0;   // binary to four-wide, with the triangle data
     double total() const { return container + binary + collapse; }
+
+    bool peaksMeasured = false;
+    uint64_t containerPeak = 0, binaryPeak = 0, collapsePeak = 0;  // bytes
+    uint64_t peak() const { return std::max({containerPeak, binaryPeak, collapsePeak}); }
 };
 
 /// The QBVH holds both vertices (for convex-hull queries) and equations (for rays).

@@ -1,6 +1,7 @@
 #include "Info.h"
 
 #include "Format.h"
+#include "MemoryMeter.h"
 #include "Stats.h"
 
 #include <nlohmann/json.hpp>
@@ -41,7 +42,12 @@ void printJson(const Report& r)
                      {{"container", r.times.container},
                       {"binary", r.times.binary},
                       {"qbvh", r.times.collapse},
-                      {"total", r.times.total()}}}};
+                      {"total", r.times.total()}}},
+                    {"peak_bytes", r.times.peaksMeasured ? nlohmann::ordered_json{{"container", r.times.containerPeak},
+                                                                                 {"binary", r.times.binaryPeak},
+                                                                                 {"qbvh", r.times.collapsePeak},
+                                                                                 {"total", r.times.peak()}}
+                                                         : nlohmann::ordered_json()}};
     out["bvh"] = {{"nodes", r.bvh.nodes},
                   {"tree_nodes", r.bvh.treeNodes},
                   {"leaves", r.bvh.leaves},
@@ -89,10 +95,14 @@ void printText(const Report& r)
                     r.build.leafSize);
     else
         std::printf("\nbuild: binned SAH builder\n");
-    row("boxing triangles", formatSeconds(r.times.container));
-    row("binary BVH", formatSeconds(r.times.binary));
-    row("QBVH collapse", formatSeconds(r.times.collapse));
-    row("total", formatSeconds(r.times.total()), formatRate(r.mesh.triangles / r.times.total()) + " triangles/s");
+    const bool peaks = r.times.peaksMeasured;
+    const auto peak = [peaks](uint64_t bytes) { return peaks ? "peak memory " + formatBytes(bytes) : std::string(); };
+    row("boxing triangles", formatSeconds(r.times.container), peak(r.times.containerPeak));
+    row("binary BVH", formatSeconds(r.times.binary), peak(r.times.binaryPeak));
+    row("QBVH collapse", formatSeconds(r.times.collapse), peak(r.times.collapsePeak));
+    row("total", formatSeconds(r.times.total()),
+        formatRate(r.mesh.triangles / r.times.total()) + " triangles/s" +
+            (peaks ? ", peak memory " + formatBytes(r.times.peak()) : std::string(", peak memory not counted in this build")));
 
     std::printf("\nbinary BVH\n");
     row("nodes", groupDigits(uint64_t(r.bvh.nodes)),
@@ -129,9 +139,11 @@ void printText(const Report& r)
 void runInfo(const InfoOptions& options)
 {
     const Mesh mesh = openMesh(options.source);
+    BuildOptions build = options.build;
+    build.heap = programHeap();
     Hierarchy hierarchy;
-    buildHierarchy(mesh, options.build, hierarchy);
-    const Report report{mesh, options.build, hierarchy.times, binaryStats(hierarchy.bvh),
+    buildHierarchy(mesh, build, hierarchy);
+    const Report report{mesh, build, hierarchy.times, binaryStats(hierarchy.bvh),
                         qbvhStats(hierarchy.qbvh)};
     if (options.json)
         printJson(report);
