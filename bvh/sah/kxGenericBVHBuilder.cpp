@@ -1,21 +1,23 @@
 #include "kxGenericBVHBuilder.h"
 #include "kxSAHInternal.h"
+#include "kxSAHRecordBuild.h"
 #include "../kxHugePages.h"
 
+#include <typeinfo>
 #include <utility>
 
 namespace
 {
-constexpr unsigned int kMaxForcedLeaf = 16;
-constexpr unsigned int kMaxBinnedNode = 1024;
-constexpr int kMaxSplitDepth = 31;
-constexpr uint32_t kGrowthStep = 1024;
+using kx::detail::kSAHMaxBinnedNode;
+using kx::detail::kSAHMaxForcedLeaf;
+using kx::detail::kSAHMaxSplitDepth;
+using kx::detail::kSAHNodeGrowthStep;
 
 // Smallest multiple of the growth step strictly above index.
 inline void growToHold(std::vector<kxGNode>& nodes, uint32_t index)
 {
     if (index >= nodes.size())
-        nodes.resize((index + kGrowthStep) & ~(kGrowthStep - 1));
+        nodes.resize((index + kSAHNodeGrowthStep) & ~(kSAHNodeGrowthStep - 1));
 }
 
 template <typename T>
@@ -78,11 +80,19 @@ void kxGenericBVHBuilder::prepare(const kxLinearGenericBVHBuilder::tPrimitiveCon
 void kxGenericBVHBuilder::build(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
                                 kxGenericBVH& bvh)
 {
-    prepare(container, bvh);
-    const auto n = static_cast<uint32_t>(mIndices.size());
-    buildIter(0, bvh, 0, n, 0);
-    bvh.mPrimitiveIndices = std::move(mIndices);
-    bvh.mPrimitiveCount = n;
+    // The record build takes prepare's and buildIter's decisions without their work
+    // arrays; only the default cost's exact type is priced inline.
+    const kxBVHCostFunctor* custom = typeid(*mCost) == typeid(kxDefaultSAH) ? nullptr : mCost;
+    {
+        kxSAHRecordBuild records(mBinCount, custom);
+        records.build(container, bvh, mIndices);
+        if (!records.exportLastBinning(mBinCounts, mLeftBoxes, mRightBoxes))
+        {
+            mBinCounts.resize(3u * mBinCount);
+            mLeftBoxes.resize(3u * mBinCount);
+            mRightBoxes.resize(3u * mBinCount);
+        }
+    }
     release(mIndices);
     release(mPrimitiveBoxes);
     release(mMedianPermutation);
@@ -100,14 +110,14 @@ void kxGenericBVHBuilder::makeLeaf(kxGNode& node, unsigned int start, unsigned i
 void kxGenericBVHBuilder::buildIter(unsigned int node, kxGenericBVH& bvh, unsigned int start, unsigned int count,
                                     int depth)
 {
-    if (count <= kMaxForcedLeaf || depth > kMaxSplitDepth)
+    if (count <= kSAHMaxForcedLeaf || depth > kSAHMaxSplitDepth)
     {
         makeLeaf(bvh.mNodes[node], start, count);
         return;
     }
     kxBBox::tAxis axis;
     float pos;
-    if (count > kMaxBinnedNode)
+    if (count > kSAHMaxBinnedNode)
     {
         bvh.mNodes[node].bbox.getMaxExtent(axis);
         findMedianSplit(bvh.mNodes[node], start, count, axis, pos);

@@ -13,6 +13,15 @@ namespace kx
 {
 namespace detail
 {
+/// Nodes of at most this many primitives become leaves.
+constexpr unsigned int kSAHMaxForcedLeaf = 16;
+/// Larger nodes are split at the median, smaller ones by binned SAH.
+constexpr unsigned int kSAHMaxBinnedNode = 1024;
+/// Nodes deeper than this become leaves.
+constexpr int kSAHMaxSplitDepth = 31;
+/// The node array grows by this many records at a time.
+constexpr uint32_t kSAHNodeGrowthStep = 1024;
+
 /// kxBBox::extend without branches: the same comparisons, so the same results (NaN and
 /// signed zeros included), but hot loops over unpredictable bins and sides do not stall.
 inline void grow(kxBBox& box, const kxBBox& b)

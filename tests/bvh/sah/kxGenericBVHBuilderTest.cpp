@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <numeric>
 #include <random>
@@ -198,6 +199,91 @@ TEST(GenericBVHBuilder, RandomBuildsTakeTheReferenceDecisionsAndKeepEveryTreeInv
                 // Equal centroids: every median plane sends everything left, down to depth 32.
                 EXPECT_TRUE(layout != Layout::Identical || n <= 1024 || bvh.mNodeCount == 65u);
             }
+}
+
+// Prices like kxDefaultSAH through the virtual call: a subclass must not be taken for it.
+struct DoubledSAH : kxDefaultSAH
+{
+    float f(const kxBBox& box, unsigned int n) const override { return 2.0f * kxDefaultSAH::f(box, n); }
+};
+
+// Boxes the builder accepts though no mesh makes them: NaN and infinite coordinates,
+// empty boxes, signed zeros, and clumps so small that a node's bin scale overflows.
+std::vector<kxBBox> oddBoxes(uint32_t seed, uint32_t n)
+{
+    std::mt19937 rng(seed);
+    std::vector<kxBBox> boxes = kxtest::randomBoxes(seed, n, Layout::Uniform);
+    const float odd[] = {NAN, INFINITY, -INFINITY, 0.0f, -0.0f, 1e-45f, -1e-45f, 3e-44f, 1e30f};
+    for (kxBBox& b : boxes)
+    {
+        const uint32_t kind = rng() % 8;
+        if (kind == 0)
+            b = kxBBox();
+        else if (kind < 3)
+        {
+            float& v = (rng() % 2 ? b.min : b.max)[rng() % 3];
+            v = odd[rng() % (sizeof odd / sizeof odd[0])];
+        }
+        else if (kind < 5)
+            for (int a = 0; a < 3; ++a)
+            {
+                b.min[a] = odd[3 + rng() % 6];
+                b.max[a] = std::max(b.min[a], odd[3 + rng() % 6]);
+            }
+    }
+    return boxes;
+}
+
+// build() against the builder's own steps (prepare, buildIter from the root, the working
+// indices handed over): every record, index and count the same bit for bit, the same
+// memory figure, and the same bin state left behind by the last binned node.
+TEST(GenericBVHBuilder, BuildWritesWhatItsOwnStepsWriteBitForBit)
+{
+    const CountOnlyCost countOnly;
+    const kxDefaultSAH explicitDefault;
+    const DoubledSAH doubled;
+    const kxBVHCostFunctor* const costs[] = {nullptr, &countOnly, &explicitDefault, &doubled};
+    std::mt19937 rng(99);
+    int medians = 0;
+    for (uint32_t n : {0u, 1u, 17u, 300u, 1024u, 1025u, 1500u, 4097u, 30000u})
+        for (int layout = 0; layout < 6; ++layout)
+        {
+            const unsigned int bins = std::vector<unsigned int>{16u, 1u, 2u, 5u, 16u, 33u}[layout];
+            const kxBVHCostFunctor* cost = costs[rng() % 4];
+            SCOPED_TRACE(::testing::Message() << "n " << n << " layout " << layout << " bins " << bins);
+            const kxtest::BoxContainer container(layout == 5 ? oddBoxes(n, n)
+                                                             : kxtest::randomBoxes(n * 7 + layout, n, Layout(layout)));
+            kxGenericBVHBuilder plain(bins, cost);
+            kxGenericBVHBuilder fast(bins, cost);
+            // Leftovers of an earlier build in both: a smaller tree must not show them.
+            kxGenericBVH expected, actual;
+            const kxtest::BoxContainer earlier(kxtest::randomBoxes(n + 1, 2000, Layout::Clustered));
+            plain.build(earlier, expected);
+            fast.build(earlier, actual);
+
+            plain.prepare(container, expected);
+            plain.buildIter(0, expected, 0, n, 0);
+            expected.mPrimitiveIndices = std::vector<uint32_t>(plain.getWorkingIndices());
+            expected.mPrimitiveCount = n;
+            fast.build(container, actual);
+
+            ASSERT_EQ(actual.mNodeCount, expected.mNodeCount);
+            ASSERT_EQ(actual.mNodes.size(), expected.mNodes.size());
+            EXPECT_EQ(0, std::memcmp(actual.mNodes.data(), expected.mNodes.data(),
+                                     expected.mNodes.size() * sizeof(kxGNode)));
+            EXPECT_EQ(actual.mPrimitiveIndices, expected.mPrimitiveIndices);
+            EXPECT_EQ(actual.mPrimitiveCount, n);
+            EXPECT_EQ(actual.getMemoryUsed(), expected.getMemoryUsed());
+            EXPECT_EQ(fast.getBinCounts(), plain.getBinCounts());
+            ASSERT_EQ(fast.getLeftBinBoxes().size(), plain.getLeftBinBoxes().size());
+            EXPECT_EQ(0, std::memcmp(fast.getLeftBinBoxes().data(), plain.getLeftBinBoxes().data(),
+                                     plain.getLeftBinBoxes().size() * sizeof(kxBBox)));
+            EXPECT_EQ(0, std::memcmp(fast.getRightBinBoxes().data(), plain.getRightBinBoxes().data(),
+                                     plain.getRightBinBoxes().size() * sizeof(kxBBox)));
+            EXPECT_TRUE(fast.getWorkingIndices().empty() && fast.getMedianPermutation().empty());
+            medians += n > 1024 && expected.mNodeCount > 1;
+        }
+    EXPECT_GT(medians, 20);
 }
 
 TEST(GenericBVHBuilder, SAHCostOfAHandBuiltTree)

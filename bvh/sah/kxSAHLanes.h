@@ -1,0 +1,105 @@
+#ifndef KXSAHLANES_H
+#define KXSAHLANES_H
+
+#include "kxSAHInternal.h"
+
+#include <emmintrin.h>
+
+#include <cstdint>
+
+/// The few four-lane steps of the SAH builder's record loops, over SSE2. Lanes 0-2 are
+/// x, y, z; lane 3 is padding. Every step is the scalar builder's operation on each lane
+/// (min(a, m) = a < m ? a : m, max(a, m) = a > m ? a : m), so results match bit for bit.
+namespace kxSAHLanes
+{
+/// A primitive box with its index, as the builder moves it: 32 bytes, aligned, so one
+/// record is two aligned loads and a swap moves two cache-line halves.
+struct alignas(32) Record
+{
+    float min[3];
+    uint32_t index;
+    float max[3];
+    float zero;
+};
+
+/// A box on lanes: lo holds the minimum, hi the maximum.
+struct Box
+{
+    __m128 lo;
+    __m128 hi;
+};
+
+inline Box emptyBox()
+{
+    return {_mm_set1_ps(__builtin_huge_valf()), _mm_set1_ps(-__builtin_huge_valf())};
+}
+
+/// The record's box; the index lane is cleared so that no arithmetic sees its bits.
+inline Box load(const Record& r)
+{
+    const __m128 keepXYZ = _mm_castsi128_ps(_mm_set_epi32(0, -1, -1, -1));
+    return {_mm_and_ps(_mm_load_ps(r.min), keepXYZ), _mm_load_ps(r.max)};
+}
+
+inline __m128 set3(const float* p)
+{
+    return _mm_set_ps(0.0f, p[2], p[1], p[0]);
+}
+
+/// kxBBox::extend(b) of box, with b the newcomer.
+inline void grow(Box& box, const Box& b)
+{
+    box.lo = _mm_min_ps(b.lo, box.lo);
+    box.hi = _mm_max_ps(b.hi, box.hi);
+}
+
+/// (min + max) * 0.5 on every lane.
+inline __m128 centroid(const Box& b)
+{
+    return _mm_mul_ps(_mm_add_ps(b.lo, b.hi), _mm_set1_ps(0.5f));
+}
+
+/// (v - origin) * scale on every lane.
+inline __m128 offsetScaled(__m128 v, __m128 origin, __m128 scale)
+{
+    return _mm_mul_ps(_mm_sub_ps(v, origin), scale);
+}
+
+/// kx::detail::truncateToLow32 of lanes 0-2. The 32-bit conversion agrees with it below
+/// 2^31 in magnitude; its one out-of-range answer sends the lane the scalar way.
+inline void truncate3(__m128 v, uint32_t out[4])
+{
+    const __m128i t = _mm_cvttps_epi32(v);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), t);
+    const int outOfRange = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(t, _mm_set1_epi32(INT32_MIN)))) & 7;
+    if (__builtin_expect(outOfRange != 0, 0))
+    {
+        alignas(16) float lanes[4];
+        _mm_store_ps(lanes, v);
+        for (int a = 0; a < 3; ++a)
+            out[a] = kx::detail::truncateToLow32(lanes[a]);
+    }
+}
+
+/// Writes the box's three lanes as a kxBBox.
+inline void store(kxBBox& box, const Box& b)
+{
+    alignas(16) float lo[4];
+    alignas(16) float hi[4];
+    _mm_store_ps(lo, b.lo);
+    _mm_store_ps(hi, b.hi);
+    for (int a = 0; a < 3; ++a)
+    {
+        box.min[a] = lo[a];
+        box.max[a] = hi[a];
+    }
+}
+
+/// max - min on every lane, stored.
+inline void extents(const Box& b, float out[4])
+{
+    _mm_storeu_ps(out, _mm_sub_ps(b.hi, b.lo));
+}
+} // namespace kxSAHLanes
+
+#endif

@@ -1,0 +1,185 @@
+#include "kxSAHRecordBuild.h"
+#include "../kxHugePages.h"
+
+#include <utility>
+
+using namespace kxSAHLanes;
+using kx::detail::kSAHMaxBinnedNode;
+using kx::detail::kSAHMaxForcedLeaf;
+using kx::detail::kSAHMaxSplitDepth;
+using kx::detail::kSAHNodeGrowthStep;
+
+namespace
+{
+template <typename T>
+void release(std::vector<T>& v)
+{
+    std::vector<T>().swap(v);
+}
+
+inline void growToHold(std::vector<kxGNode>& nodes, uint32_t index)
+{
+    if (index >= nodes.size())
+        nodes.resize((index + kSAHNodeGrowthStep) & ~(kSAHNodeGrowthStep - 1));
+}
+
+inline void makeLeaf(kxGNode& node, uint32_t start, uint32_t count)
+{
+    node.count = count;
+    node.offset = start | kxGNode::eLeafMark;
+}
+} // namespace
+
+kxSAHRecordBuild::kxSAHRecordBuild(unsigned int binCount, const kxBVHCostFunctor* customCost)
+    : mBinCount(binCount), mCustomCost(customCost)
+{
+}
+
+void kxSAHRecordBuild::build(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
+                             kxGenericBVH& bvh, std::vector<uint32_t>& indices)
+{
+    mBVH = &bvh;
+    fill(container, bvh);
+    const uint32_t n = container.getQuantity();
+    buildIter(0, 0, n, 0);
+    // The index array is made only once the selection arrays are gone: the peak stays at
+    // records, keys and candidates.
+    release(mKeys);
+    release(mCandidates);
+    kxMemory::reserveWithHugePages(indices, n);
+    indices.resize(n);
+    for (uint32_t i = 0; i < n; ++i)
+        indices[i] = mRecords[i].index;
+    release(mRecords);
+    bvh.mPrimitiveIndices = std::move(indices);
+    bvh.mPrimitiveCount = n;
+    mBVH = nullptr;
+}
+
+void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
+                            kxGenericBVH& bvh)
+{
+    const uint32_t n = container.getQuantity();
+    // One record of slack: the partition may read one past the range it has finished.
+    kxMemory::reserveWithHugePages(mRecords, size_t{n} + 1);
+    kxMemory::reserveWithHugePages(mKeys, n);
+    kxMemory::reserveWithHugePages(mCandidates, n);
+    mRecords.resize(size_t{n} + 1);
+    mKeys.resize(n);
+    mCandidates.resize(n);
+    Box root = emptyBox();
+    for (uint32_t i = 0; i < n; ++i)
+    {
+        const kxBBox& b = container.getBBox(i);
+        Record& r = mRecords[i];
+        for (int a = 0; a < 3; ++a)
+        {
+            r.min[a] = b.min[a];
+            r.max[a] = b.max[a];
+        }
+        r.index = i;
+        r.zero = 0.0f;
+        grow(root, load(r));
+    }
+    mRecords[n] = mRecords[0];
+    const uint32_t slots = 3u * mBinCount;
+    mBinCounts.assign(slots, 0u);
+    mLeftBoxes.assign(slots, emptyBox());
+    mRightBoxes.assign(slots, emptyBox());
+    mPlaneCosts.assign(slots, 0.0f);
+    mBinned = false;
+
+    kxGNode rootNode;
+    store(rootNode.bbox, root);
+    bvh.mNodes = std::vector<kxGNode>(1, rootNode);
+    bvh.mNodeCount = 1;
+}
+
+bool kxSAHRecordBuild::exportLastBinning(std::vector<uint32_t>& counts, std::vector<kxBBox>& left,
+                                         std::vector<kxBBox>& right) const
+{
+    if (!mBinned)
+        return false;
+    counts = mBinCounts;
+    left.resize(mLeftBoxes.size());
+    right.resize(mRightBoxes.size());
+    for (size_t e = 0; e < mLeftBoxes.size(); ++e)
+    {
+        store(left[e], mLeftBoxes[e]);
+        store(right[e], mRightBoxes[e]);
+    }
+    return true;
+}
+
+void kxSAHRecordBuild::buildIter(uint32_t node, uint32_t start, uint32_t count, int depth)
+{
+    std::vector<kxGNode>& nodes = mBVH->mNodes;
+    if (count <= kSAHMaxForcedLeaf || depth > kSAHMaxSplitDepth)
+    {
+        makeLeaf(nodes[node], start, count);
+        return;
+    }
+    const kxBBox box = nodes[node].bbox;
+    kxBBox::tAxis axis;
+    float pos;
+    if (count > kSAHMaxBinnedNode)
+    {
+        box.getMaxExtent(axis);
+        pos = medianPosition(box, start, count, kxBBox::component(axis));
+        splitNode(node, start, count, axis, pos, depth);
+        return;
+    }
+    computeBinning(box, start, count);
+    if (!findSplitPlane(box, count, axis, pos))
+    {
+        makeLeaf(nodes[node], start, count);
+        return;
+    }
+    splitNode(node, start, count, axis, pos, depth);
+}
+
+void kxSAHRecordBuild::splitNode(uint32_t node, uint32_t start, uint32_t count, kxBBox::tAxis axis, float pos,
+                                 int depth)
+{
+    const int a = kxBBox::component(axis);
+    Box left = emptyBox();
+    Box right = emptyBox();
+    Record* const records = mRecords.data();
+    uint32_t front = start;
+    uint32_t back = start + count - 1;
+    for (uint32_t k = 0; k < count; ++k)
+    {
+        Record& r = records[front];
+        const float c = (r.min[a] + r.max[a]) * 0.5f;
+        if (pos >= c)
+        {
+            grow(left, load(r));
+            ++front;
+        }
+        else
+        {
+            // The record brought in from the back is examined next.
+            grow(right, load(r));
+            std::swap(r, records[back]);
+            --back;
+        }
+    }
+    const uint32_t nLeft = front - start;
+    const uint32_t nRight = start + count - front;
+
+    kxGenericBVH& bvh = *mBVH;
+    const uint32_t l = bvh.mNodeCount;
+    const uint32_t r = l + 1;
+    bvh.mNodeCount += 2;
+    // Two steps as in the builder's own split: the array's capacity, which the memory
+    // figure reports, follows the same growth.
+    growToHold(bvh.mNodes, l);
+    growToHold(bvh.mNodes, r);
+    store(bvh.mNodes[l].bbox, left);
+    store(bvh.mNodes[r].bbox, right);
+    bvh.mNodes[node].offset = (l & kxGNode::eIndexMask) | static_cast<uint32_t>(axis);
+    bvh.mNodes[node].count = r;
+
+    buildIter(l, start, nLeft, depth + 1);
+    buildIter(r, start + nLeft, nRight, depth + 1);
+}

@@ -1,0 +1,184 @@
+#include "kxSAHRecordBuild.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+using namespace kxSAHLanes;
+
+namespace
+{
+constexpr int kDigitBits[3] = {11, 11, 10};
+constexpr int kDigitShift[3] = {21, 10, 0};
+
+inline uint32_t keyBits(float key)
+{
+    uint32_t bits;
+    std::memcpy(&bits, &key, sizeof bits);
+    return bits;
+}
+
+/// The digit whose bucket holds the entry of the given rank; rank becomes its rank
+/// inside that bucket.
+uint32_t selectDigit(const uint32_t* histogram, uint32_t& rank)
+{
+    uint32_t d = 0;
+    while (rank >= histogram[d])
+        rank -= histogram[d++];
+    return d;
+}
+
+/// kxDefaultSAH::f from the box's extents.
+inline float defaultCost(const float* extent, uint32_t n)
+{
+    return (extent[0] * (extent[1] + extent[2]) + extent[1] * extent[2]) * static_cast<float>(n + 4u);
+}
+} // namespace
+
+float kxSAHRecordBuild::medianPosition(const kxBBox& box, uint32_t start, uint32_t count, int a)
+{
+    const Record* const records = mRecords.data() + start;
+    uint32_t* const keys = mKeys.data();
+    uint32_t* const candidates = mCandidates.data();
+    // Relative to the node's minimum every key is non-negative, so the bit patterns order
+    // as the numbers do; digit by digit from the top, the rank-th key's bucket narrows the
+    // candidates, kept in position order, to the equal keys the rank falls among.
+    const float origin = box.min[a];
+    uint32_t histogram[1u << 11] = {};
+    for (uint32_t i = 0; i < count; ++i)
+    {
+        const uint32_t k = keyBits((records[i].min[a] + records[i].max[a]) * 0.5f - origin);
+        keys[i] = k;
+        ++histogram[k >> kDigitShift[0]];
+    }
+    uint32_t rank = count >> 1;
+    uint32_t digit = selectDigit(histogram, rank);
+    uint32_t n = 0;
+    for (uint32_t i = 0; i < count; ++i)
+    {
+        candidates[n] = i;
+        n += (keys[i] >> kDigitShift[0]) == digit;
+    }
+    for (int level = 1; level < 3 && n > 1; ++level)
+    {
+        const int shift = kDigitShift[level];
+        const uint32_t mask = (1u << kDigitBits[level]) - 1u;
+        std::fill(histogram, histogram + mask + 1u, 0u);
+        for (uint32_t j = 0; j < n; ++j)
+            ++histogram[(keys[candidates[j]] >> shift) & mask];
+        digit = selectDigit(histogram, rank);
+        uint32_t kept = 0;
+        for (uint32_t j = 0; j < n; ++j)
+        {
+            const uint32_t c = candidates[j];
+            candidates[kept] = c;
+            kept += ((keys[c] >> shift) & mask) == digit;
+        }
+        n = kept;
+    }
+    const Record& median = records[candidates[rank]];
+    return (median.max[a] + median.min[a]) * 0.5f;
+}
+
+void kxSAHRecordBuild::computeBinning(const kxBBox& box, uint32_t start, uint32_t count)
+{
+    const uint32_t bins = mBinCount;
+    float scale[3];
+    for (int a = 0; a < 3; ++a)
+        scale[a] = static_cast<float>(bins) / (box.max[a] - box.min[a]);
+    const __m128 origin = set3(box.min);
+    const __m128 scaleLanes = set3(scale);
+
+    uint32_t* const counts = mBinCounts.data();
+    Box* const binBoxes = mLeftBoxes.data();
+    std::fill(mBinCounts.begin(), mBinCounts.end(), 0u);
+    std::fill(mLeftBoxes.begin(), mLeftBoxes.end(), emptyBox());
+    const Record* const records = mRecords.data();
+    alignas(16) uint32_t bin[4];
+    for (uint32_t p = start; p < start + count; ++p)
+    {
+        const Box b = load(records[p]);
+        truncate3(offsetScaled(centroid(b), origin, scaleLanes), bin);
+#pragma GCC unroll 3
+        for (uint32_t a = 0; a < 3; ++a)
+        {
+            const uint32_t e = a * bins + std::min(bins - 1u, bin[a]);
+            ++counts[e];
+            grow(binBoxes[e], b);
+        }
+    }
+    std::copy(mLeftBoxes.begin(), mLeftBoxes.end(), mRightBoxes.begin());
+    mBinned = true;
+
+    Box* const left = mLeftBoxes.data();
+    Box* const right = mRightBoxes.data();
+    for (uint32_t j = 1; j < bins; ++j)
+        for (uint32_t s = 0; s < 3u * bins; s += bins)
+        {
+            counts[s + j] += counts[s + j - 1];
+            grow(left[s + j], left[s + j - 1]);
+            grow(right[s + bins - 1 - j], right[s + bins - j]);
+        }
+}
+
+void kxSAHRecordBuild::costs(uint32_t count, float* leftRight) const
+{
+    const uint32_t bins = mBinCount;
+    const uint32_t* const counts = mBinCounts.data();
+    for (uint32_t s = 0; s < 3u * bins; s += bins)
+        for (uint32_t j = 0; j + 1 < bins; ++j)
+        {
+            const uint32_t e = s + j;
+            const uint32_t nLeft = counts[e];
+            float cost;
+            if (mCustomCost)
+            {
+                kxBBox l;
+                kxBBox r;
+                store(l, mLeftBoxes[e]);
+                store(r, mRightBoxes[e + 1]);
+                cost = mCustomCost->f(l, nLeft) + mCustomCost->f(r, count - nLeft);
+            }
+            else
+            {
+                alignas(16) float l[4];
+                alignas(16) float r[4];
+                extents(mLeftBoxes[e], l);
+                extents(mRightBoxes[e + 1], r);
+                cost = defaultCost(l, nLeft) + defaultCost(r, count - nLeft);
+            }
+            leftRight[e] = cost;
+        }
+}
+
+bool kxSAHRecordBuild::findSplitPlane(const kxBBox& box, uint32_t count, kxBBox::tAxis& axis, float& pos)
+{
+    const uint32_t bins = mBinCount;
+    float* const planes = mPlaneCosts.data();
+    costs(count, planes);
+    float best = std::numeric_limits<float>::infinity();
+    uint32_t bestIndex = 0;
+    for (uint32_t s = 0; s < 3u * bins; s += bins)
+        for (uint32_t j = 0; j + 1 < bins; ++j)
+            if (planes[s + j] < best)
+            {
+                best = planes[s + j];
+                bestIndex = s + j;
+            }
+    float leafCost;
+    if (mCustomCost)
+        leafCost = mCustomCost->f(box, count);
+    else
+    {
+        const float extent[3] = {box.max[0] - box.min[0], box.max[1] - box.min[1], box.max[2] - box.min[2]};
+        leafCost = defaultCost(extent, count);
+    }
+    if (!(best < leafCost))
+        return false;
+
+    const uint32_t a = bestIndex / bins;
+    const uint32_t j = bestIndex - a * bins;
+    axis = a == 0 ? kxBBox::eAxisX : a == 1 ? kxBBox::eAxisY : kxBBox::eAxisZ;
+    pos = static_cast<float>(j + 1) * (box.max[a] - box.min[a]) / static_cast<float>(bins) + box.min[a];
+    return true;
+}
