@@ -1,6 +1,8 @@
 #include "kxSAHRecordBuild.h"
+#include "kxBVHContainers.h"
 #include "../kxHugePages.h"
 
+#include <typeinfo>
 #include <utility>
 
 using namespace kxSAHLanes;
@@ -11,12 +13,6 @@ using kx::detail::kSAHNodeGrowthStep;
 
 namespace
 {
-template <typename T>
-void release(std::vector<T>& v)
-{
-    std::vector<T>().swap(v);
-}
-
 inline void growToHold(std::vector<kxGNode>& nodes, uint32_t index)
 {
     if (index >= nodes.size())
@@ -38,40 +34,35 @@ kxSAHRecordBuild::kxSAHRecordBuild(unsigned int binCount, const kxBVHCostFunctor
 void kxSAHRecordBuild::build(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
                              kxGenericBVH& bvh, std::vector<uint32_t>& indices)
 {
-    mBVH = &bvh;
-    fill(container, bvh);
     const uint32_t n = container.getQuantity();
-    buildIter(0, 0, n, 0);
-    // The index array is made only once the selection arrays are gone: the peak stays at
-    // records, keys and candidates.
-    release(mKeys);
-    release(mCandidates);
+    // The index array holds the median keys until the end: one array fewer to fault in.
     kxMemory::reserveWithHugePages(indices, n);
     indices.resize(n);
+    mKeys = indices.data();
+    mBVH = &bvh;
+    fill(container, bvh);
+    buildIter(0, 0, n, 0);
+    mCandidates.reset();
     for (uint32_t i = 0; i < n; ++i)
         indices[i] = mRecords[i].index;
-    release(mRecords);
+    mRecords.reset();
     bvh.mPrimitiveIndices = std::move(indices);
     bvh.mPrimitiveCount = n;
     mBVH = nullptr;
+    mKeys = nullptr;
 }
 
-void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
-                            kxGenericBVH& bvh)
+namespace
 {
-    const uint32_t n = container.getQuantity();
-    // One record of slack: the partition may read one past the range it has finished.
-    kxMemory::reserveWithHugePages(mRecords, size_t{n} + 1);
-    kxMemory::reserveWithHugePages(mKeys, n);
-    kxMemory::reserveWithHugePages(mCandidates, n);
-    mRecords.resize(size_t{n} + 1);
-    mKeys.resize(n);
-    mCandidates.resize(n);
+/// Records of the container's boxes; returns their union.
+template <typename BoxOf>
+Box fillRecords(Record* records, uint32_t n, const BoxOf& boxOf)
+{
     Box root = emptyBox();
     for (uint32_t i = 0; i < n; ++i)
     {
-        const kxBBox& b = container.getBBox(i);
-        Record& r = mRecords[i];
+        const kxBBox& b = boxOf(i);
+        Record& r = records[i];
         for (int a = 0; a < 3; ++a)
         {
             r.min[a] = b.min[a];
@@ -81,7 +72,31 @@ void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainer
         r.zero = 0.0f;
         grow(root, load(r));
     }
-    mRecords[n] = mRecords[0];
+    return root;
+}
+} // namespace
+
+void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container,
+                            kxGenericBVH& bvh)
+{
+    const uint32_t n = container.getQuantity();
+    // Left uninitialised: each array is touched first where it is first filled. One record
+    // of slack: the partition may read one past the range it has finished.
+    mRecords.reset(new Record[size_t{n} + 1]);
+    kxMemory::adviseHugePages(mRecords.get(), (size_t{n} + 1) * sizeof(Record));
+    mCandidates.reset(new uint32_t[n]);
+    kxMemory::adviseHugePages(mCandidates.get(), size_t{n} * sizeof(uint32_t));
+    Box root;
+    // The library's own triangle container: its boxes without a virtual call each.
+    if (typeid(container) == typeid(kxBVHTriangleContainer))
+    {
+        const auto& triangles = static_cast<const kxBVHTriangleContainer&>(container);
+        root = fillRecords(mRecords.get(), n,
+                           [&](uint32_t i) -> const kxBBox& { return triangles.kxBVHTriangleContainer::getBBox(i); });
+    }
+    else
+        root = fillRecords(mRecords.get(), n, [&](uint32_t i) -> const kxBBox& { return container.getBBox(i); });
+    mRecords[n] = n > 0 ? mRecords[0] : Record{};
     const uint32_t slots = 3u * mBinCount;
     mBinCounts.assign(slots, 0u);
     mLeftBoxes.assign(slots, emptyBox());
@@ -144,7 +159,7 @@ void kxSAHRecordBuild::splitNode(uint32_t node, uint32_t start, uint32_t count, 
     const int a = kxBBox::component(axis);
     Box left = emptyBox();
     Box right = emptyBox();
-    Record* const records = mRecords.data();
+    Record* const records = mRecords.get();
     uint32_t front = start;
     uint32_t back = start + count - 1;
     for (uint32_t k = 0; k < count; ++k)

@@ -5,6 +5,7 @@
 #include "kxSAHLanes.h"
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 /// kxGenericBVHBuilder's build over records that carry each box beside its index, so
@@ -42,9 +43,9 @@ private:
     const uint32_t mBinCount;
     const kxBVHCostFunctor* const mCustomCost;
     kxGenericBVH* mBVH = nullptr;
-    std::vector<kxSAHLanes::Record> mRecords;
-    std::vector<uint32_t> mKeys;
-    std::vector<uint32_t> mCandidates;
+    std::unique_ptr<kxSAHLanes::Record[]> mRecords;
+    uint32_t* mKeys = nullptr;
+    std::unique_ptr<uint32_t[]> mCandidates;
     std::vector<uint32_t> mBinCounts;
     std::vector<kxSAHLanes::Box> mLeftBoxes;
     std::vector<kxSAHLanes::Box> mRightBoxes;

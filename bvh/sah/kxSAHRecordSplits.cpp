@@ -37,9 +37,9 @@ inline float defaultCost(const float* extent, uint32_t n)
 
 float kxSAHRecordBuild::medianPosition(const kxBBox& box, uint32_t start, uint32_t count, int a)
 {
-    const Record* const records = mRecords.data() + start;
-    uint32_t* const keys = mKeys.data();
-    uint32_t* const candidates = mCandidates.data();
+    const Record* const records = mRecords.get() + start;
+    uint32_t* const keys = mKeys;
+    uint32_t* const candidates = mCandidates.get();
     // Relative to the node's minimum every key is non-negative, so the bit patterns order
     // as the numbers do; digit by digit from the top, the rank-th key's bucket narrows the
     // candidates, kept in position order, to the equal keys the rank falls among.
@@ -93,7 +93,7 @@ void kxSAHRecordBuild::computeBinning(const kxBBox& box, uint32_t start, uint32_
     Box* const binBoxes = mLeftBoxes.data();
     std::fill(mBinCounts.begin(), mBinCounts.end(), 0u);
     std::fill(mLeftBoxes.begin(), mLeftBoxes.end(), emptyBox());
-    const Record* const records = mRecords.data();
+    const Record* const records = mRecords.get();
     alignas(16) uint32_t bin[4];
     for (uint32_t p = start; p < start + count; ++p)
     {

@@ -246,13 +246,19 @@ TEST(GenericBVHBuilder, BuildWritesWhatItsOwnStepsWriteBitForBit)
     std::mt19937 rng(99);
     int medians = 0;
     for (uint32_t n : {0u, 1u, 17u, 300u, 1024u, 1025u, 1500u, 4097u, 30000u})
-        for (int layout = 0; layout < 6; ++layout)
+        for (int layout = 0; layout < 7; ++layout)
         {
-            const unsigned int bins = std::vector<unsigned int>{16u, 1u, 2u, 5u, 16u, 33u}[layout];
+            const unsigned int bins = std::vector<unsigned int>{16u, 1u, 2u, 5u, 16u, 33u, 16u}[layout];
             const kxBVHCostFunctor* cost = costs[rng() % 4];
             SCOPED_TRACE(::testing::Message() << "n " << n << " layout " << layout << " bins " << bins);
-            const kxtest::BoxContainer container(layout == 5 ? oddBoxes(n, n)
-                                                             : kxtest::randomBoxes(n * 7 + layout, n, Layout(layout)));
+            // The library's triangle container as well as boxes handed in by the caller.
+            const kx::kxPointer<kx::kxTriMesh> mesh = kxtest::randomTriangleMesh(n, n, Layout::Clustered);
+            const kxBVHTriangleContainer triangles(*mesh);
+            const kxtest::BoxContainer boxes(layout == 5 ? oddBoxes(n, n)
+                                                         : kxtest::randomBoxes(n * 7 + layout, n, Layout(layout % 5)));
+            const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container =
+                layout == 6 ? static_cast<const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&>(triangles)
+                            : boxes;
             kxGenericBVHBuilder plain(bins, cost);
             kxGenericBVHBuilder fast(bins, cost);
             // Leftovers of an earlier build in both: a smaller tree must not show them.
