@@ -81,6 +81,19 @@ inline void truncate3(__m128 v, uint32_t out[4])
     }
 }
 
+/// kxDefaultSAH::f of three boxes, one a lane: (ex * (ey + ez) + ey * ez) * (n + 4).
+inline __m128 defaultCosts3(const Box* boxes, __m128i n)
+{
+    // Rows of extents, one a box, turned into columns, one an axis.
+    __m128 ex = _mm_sub_ps(boxes[0].hi, boxes[0].lo);
+    __m128 ey = _mm_sub_ps(boxes[1].hi, boxes[1].lo);
+    __m128 ez = _mm_sub_ps(boxes[2].hi, boxes[2].lo);
+    __m128 unused = _mm_setzero_ps();
+    _MM_TRANSPOSE4_PS(ex, ey, ez, unused);
+    const __m128 area = _mm_add_ps(_mm_mul_ps(ex, _mm_add_ps(ey, ez)), _mm_mul_ps(ey, ez));
+    return _mm_mul_ps(area, _mm_cvtepi32_ps(_mm_add_epi32(n, _mm_set1_epi32(4))));
+}
+
 /// Writes the box's three lanes as a kxBBox.
 inline void store(kxBBox& box, const Box& b)
 {
@@ -95,11 +108,6 @@ inline void store(kxBBox& box, const Box& b)
     }
 }
 
-/// max - min on every lane, stored.
-inline void extents(const Box& b, float out[4])
-{
-    _mm_storeu_ps(out, _mm_sub_ps(b.hi, b.lo));
-}
 } // namespace kxSAHLanes
 
 #endif

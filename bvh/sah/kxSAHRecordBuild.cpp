@@ -102,6 +102,7 @@ void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainer
     mLeftBoxes.assign(slots, emptyBox());
     mRightBoxes.assign(slots, emptyBox());
     mPlaneCosts.assign(slots, 0.0f);
+    mRightCosts.assign(4u * mBinCount, 0.0f);
     mBinned = false;
 
     kxGNode rootNode;
@@ -111,10 +112,11 @@ void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainer
 }
 
 bool kxSAHRecordBuild::exportLastBinning(std::vector<uint32_t>& counts, std::vector<kxBBox>& left,
-                                         std::vector<kxBBox>& right) const
+                                         std::vector<kxBBox>& right)
 {
     if (!mBinned)
         return false;
+    sweep();
     counts = mBinCounts;
     left.resize(mLeftBoxes.size());
     right.resize(mRightBoxes.size());

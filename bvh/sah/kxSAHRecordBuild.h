@@ -28,8 +28,7 @@ public:
 
     /// Whether any node was binned; then the state the builder's computeBinning would
     /// have left for the last one, in its layout.
-    bool exportLastBinning(std::vector<uint32_t>& counts, std::vector<kxBBox>& left,
-                           std::vector<kxBBox>& right) const;
+    bool exportLastBinning(std::vector<uint32_t>& counts, std::vector<kxBBox>& left, std::vector<kxBBox>& right);
 
 private:
     void fill(const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container, kxGenericBVH& bvh);
@@ -37,7 +36,10 @@ private:
     float medianPosition(const kxBBox& box, uint32_t start, uint32_t count, int a);
     void computeBinning(const kxBBox& box, uint32_t start, uint32_t count);
     bool findSplitPlane(const kxBBox& box, uint32_t count, kxBBox::tAxis& axis, float& pos);
-    void costs(uint32_t count, float* leftRight) const;
+    /// The builder's prefix and suffix sweeps over the last binning, in place, once.
+    void sweep();
+    void customCosts(uint32_t count, float* planes);
+    void defaultCosts(float* planes);
     void splitNode(uint32_t node, uint32_t start, uint32_t count, kxBBox::tAxis axis, float pos, int depth);
 
     const uint32_t mBinCount;
@@ -50,7 +52,9 @@ private:
     std::vector<kxSAHLanes::Box> mLeftBoxes;
     std::vector<kxSAHLanes::Box> mRightBoxes;
     std::vector<float> mPlaneCosts;
+    std::vector<float> mRightCosts;
     bool mBinned = false;
+    bool mSwept = false;
 };
 
 #endif

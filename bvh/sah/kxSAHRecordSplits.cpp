@@ -107,9 +107,18 @@ void kxSAHRecordBuild::computeBinning(const kxBBox& box, uint32_t start, uint32_
             grow(binBoxes[e], b);
         }
     }
-    std::copy(mLeftBoxes.begin(), mLeftBoxes.end(), mRightBoxes.begin());
     mBinned = true;
+    mSwept = false;
+}
 
+void kxSAHRecordBuild::sweep()
+{
+    if (mSwept)
+        return;
+    mSwept = true;
+    const uint32_t bins = mBinCount;
+    std::copy(mLeftBoxes.begin(), mLeftBoxes.end(), mRightBoxes.begin());
+    uint32_t* const counts = mBinCounts.data();
     Box* const left = mLeftBoxes.data();
     Box* const right = mRightBoxes.data();
     for (uint32_t j = 1; j < bins; ++j)
@@ -121,41 +130,80 @@ void kxSAHRecordBuild::computeBinning(const kxBBox& box, uint32_t start, uint32_
         }
 }
 
-void kxSAHRecordBuild::costs(uint32_t count, float* leftRight) const
+void kxSAHRecordBuild::customCosts(uint32_t count, float* planes)
 {
+    sweep();
     const uint32_t bins = mBinCount;
-    const uint32_t* const counts = mBinCounts.data();
     for (uint32_t s = 0; s < 3u * bins; s += bins)
         for (uint32_t j = 0; j + 1 < bins; ++j)
         {
             const uint32_t e = s + j;
-            const uint32_t nLeft = counts[e];
-            float cost;
-            if (mCustomCost)
-            {
-                kxBBox l;
-                kxBBox r;
-                store(l, mLeftBoxes[e]);
-                store(r, mRightBoxes[e + 1]);
-                cost = mCustomCost->f(l, nLeft) + mCustomCost->f(r, count - nLeft);
-            }
-            else
-            {
-                alignas(16) float l[4];
-                alignas(16) float r[4];
-                extents(mLeftBoxes[e], l);
-                extents(mRightBoxes[e + 1], r);
-                cost = defaultCost(l, nLeft) + defaultCost(r, count - nLeft);
-            }
-            leftRight[e] = cost;
+            const uint32_t nLeft = mBinCounts[e];
+            kxBBox l;
+            kxBBox r;
+            store(l, mLeftBoxes[e]);
+            store(r, mRightBoxes[e + 1]);
+            planes[e] = mCustomCost->f(l, nLeft) + mCustomCost->f(r, count - nLeft);
         }
+}
+
+void kxSAHRecordBuild::defaultCosts(float* planes)
+{
+    // The prefix and suffix sweeps of the three axes side by side, each plane priced as it
+    // is reached; nothing of them is stored. The right side's count, count - nLeft, is its
+    // suffix sum.
+    const uint32_t bins = mBinCount;
+    const Box* const raw = mLeftBoxes.data();
+    const uint32_t* const counts = mBinCounts.data();
+    const auto countsAt = [&](uint32_t j) {
+        return _mm_set_epi32(0, static_cast<int>(counts[2 * bins + j]), static_cast<int>(counts[bins + j]),
+                             static_cast<int>(counts[j]));
+    };
+    const auto sweepTo = [&](Box* running, uint32_t j) {
+        for (uint32_t a = 0; a < 3; ++a)
+        {
+            Box b = raw[a * bins + j];
+            grow(b, running[a]);
+            running[a] = b;
+        }
+    };
+    float* const rightCosts = mRightCosts.data();
+    Box right[3] = {raw[bins - 1], raw[2 * bins - 1], raw[3 * bins - 1]};
+    __m128i nRight = countsAt(bins - 1);
+    for (uint32_t k = bins - 1; k > 0; --k)
+    {
+        if (k < bins - 1)
+        {
+            sweepTo(right, k);
+            nRight = _mm_add_epi32(nRight, countsAt(k));
+        }
+        _mm_storeu_ps(rightCosts + 4 * k, defaultCosts3(right, nRight));
+    }
+    Box left[3] = {raw[0], raw[bins], raw[2 * bins]};
+    __m128i nLeft = countsAt(0);
+    for (uint32_t j = 0; j + 1 < bins; ++j)
+    {
+        if (j > 0)
+        {
+            sweepTo(left, j);
+            nLeft = _mm_add_epi32(nLeft, countsAt(j));
+        }
+        alignas(16) float cost[4];
+        _mm_store_ps(cost, _mm_add_ps(defaultCosts3(left, nLeft), _mm_loadu_ps(rightCosts + 4 * (j + 1))));
+        planes[j] = cost[0];
+        planes[bins + j] = cost[1];
+        planes[2 * bins + j] = cost[2];
+    }
 }
 
 bool kxSAHRecordBuild::findSplitPlane(const kxBBox& box, uint32_t count, kxBBox::tAxis& axis, float& pos)
 {
     const uint32_t bins = mBinCount;
     float* const planes = mPlaneCosts.data();
-    costs(count, planes);
+    if (mCustomCost)
+        customCosts(count, planes);
+    else
+        defaultCosts(planes);
     float best = std::numeric_limits<float>::infinity();
     uint32_t bestIndex = 0;
     for (uint32_t s = 0; s < 3u * bins; s += bins)
