@@ -81,18 +81,45 @@ inline void truncate3(__m128 v, uint32_t out[4])
     }
 }
 
-/// kxDefaultSAH::f of three boxes, one a lane: (ex * (ey + ez) + ey * ez) * (n + 4).
-inline __m128 defaultCosts3(const Box* boxes, __m128i n)
+/// One running box per axis, for the bin sweeps, held in registers.
+class Box3
 {
-    // Rows of extents, one a box, turned into columns, one an axis.
-    __m128 ex = _mm_sub_ps(boxes[0].hi, boxes[0].lo);
-    __m128 ey = _mm_sub_ps(boxes[1].hi, boxes[1].lo);
-    __m128 ez = _mm_sub_ps(boxes[2].hi, boxes[2].lo);
-    __m128 unused = _mm_setzero_ps();
-    _MM_TRANSPOSE4_PS(ex, ey, ez, unused);
-    const __m128 area = _mm_add_ps(_mm_mul_ps(ex, _mm_add_ps(ey, ez)), _mm_mul_ps(ey, ez));
-    return _mm_mul_ps(area, _mm_cvtepi32_ps(_mm_add_epi32(n, _mm_set1_epi32(4))));
-}
+public:
+    Box3(const Box& x, const Box& y, const Box& z) : mX(x), mY(y), mZ(z) {}
+
+    /// The sweep's step: each bin box grown by the running one (kxBBox::extend of the bin
+    /// with the running box as the newcomer) becomes the running box.
+    void sweep(const Box& x, const Box& y, const Box& z)
+    {
+        mX = sweptInto(x, mX);
+        mY = sweptInto(y, mY);
+        mZ = sweptInto(z, mZ);
+    }
+
+    /// kxDefaultSAH::f of the three boxes, one a lane: (ex * (ey + ez) + ey * ez) * (n + 4).
+    __m128 defaultCosts(__m128i n) const
+    {
+        // Rows of extents, one a box, turned into columns, one an axis.
+        __m128 ex = _mm_sub_ps(mX.hi, mX.lo);
+        __m128 ey = _mm_sub_ps(mY.hi, mY.lo);
+        __m128 ez = _mm_sub_ps(mZ.hi, mZ.lo);
+        __m128 unused = _mm_setzero_ps();
+        _MM_TRANSPOSE4_PS(ex, ey, ez, unused);
+        const __m128 area = _mm_add_ps(_mm_mul_ps(ex, _mm_add_ps(ey, ez)), _mm_mul_ps(ey, ez));
+        return _mm_mul_ps(area, _mm_cvtepi32_ps(_mm_add_epi32(n, _mm_set1_epi32(4))));
+    }
+
+private:
+    static Box sweptInto(Box bin, const Box& running)
+    {
+        grow(bin, running);
+        return bin;
+    }
+
+    Box mX;
+    Box mY;
+    Box mZ;
+};
 
 /// Writes the box's three lanes as a kxBBox.
 inline void store(kxBBox& box, const Box& b)

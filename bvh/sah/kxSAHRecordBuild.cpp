@@ -2,6 +2,7 @@
 #include "kxBVHContainers.h"
 #include "../kxHugePages.h"
 
+#include <limits>
 #include <typeinfo>
 #include <utility>
 
@@ -99,9 +100,10 @@ void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainer
     mRecords[n] = n > 0 ? mRecords[0] : Record{};
     const uint32_t slots = 3u * mBinCount;
     mBinCounts.assign(slots, 0u);
+    mLaneCounts.assign(4u * mBinCount, 0u);
     mLeftBoxes.assign(slots, emptyBox());
     mRightBoxes.assign(slots, emptyBox());
-    mPlaneCosts.assign(slots, 0.0f);
+    mPlaneCosts.assign(slots, std::numeric_limits<float>::infinity());
     mRightCosts.assign(4u * mBinCount, 0.0f);
     mBinned = false;
 

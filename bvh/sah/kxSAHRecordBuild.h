@@ -49,6 +49,7 @@ private:
     uint32_t* mKeys = nullptr;
     std::unique_ptr<uint32_t[]> mCandidates;
     std::vector<uint32_t> mBinCounts;
+    std::vector<uint32_t> mLaneCounts;
     std::vector<kxSAHLanes::Box> mLeftBoxes;
     std::vector<kxSAHLanes::Box> mRightBoxes;
     std::vector<float> mPlaneCosts;

@@ -89,9 +89,10 @@ void kxSAHRecordBuild::computeBinning(const kxBBox& box, uint32_t start, uint32_
     const __m128 origin = set3(box.min);
     const __m128 scaleLanes = set3(scale);
 
-    uint32_t* const counts = mBinCounts.data();
+    // Counts of bin j of the three axes side by side, for the sweeps to take in one load.
+    uint32_t* const counts = mLaneCounts.data();
     Box* const binBoxes = mLeftBoxes.data();
-    std::fill(mBinCounts.begin(), mBinCounts.end(), 0u);
+    std::fill(mLaneCounts.begin(), mLaneCounts.end(), 0u);
     std::fill(mLeftBoxes.begin(), mLeftBoxes.end(), emptyBox());
     const Record* const records = mRecords.get();
     alignas(16) uint32_t bin[4];
@@ -102,9 +103,9 @@ void kxSAHRecordBuild::computeBinning(const kxBBox& box, uint32_t start, uint32_
 #pragma GCC unroll 3
         for (uint32_t a = 0; a < 3; ++a)
         {
-            const uint32_t e = a * bins + std::min(bins - 1u, bin[a]);
-            ++counts[e];
-            grow(binBoxes[e], b);
+            const uint32_t j = std::min(bins - 1u, bin[a]);
+            ++counts[4 * j + a];
+            grow(binBoxes[a * bins + j], b);
         }
     }
     mBinned = true;
@@ -119,6 +120,9 @@ void kxSAHRecordBuild::sweep()
     const uint32_t bins = mBinCount;
     std::copy(mLeftBoxes.begin(), mLeftBoxes.end(), mRightBoxes.begin());
     uint32_t* const counts = mBinCounts.data();
+    for (uint32_t a = 0; a < 3; ++a)
+        for (uint32_t j = 0; j < bins; ++j)
+            counts[a * bins + j] = mLaneCounts[4 * j + a];
     Box* const left = mLeftBoxes.data();
     Box* const right = mRightBoxes.data();
     for (uint32_t j = 1; j < bins; ++j)
@@ -153,43 +157,34 @@ void kxSAHRecordBuild::defaultCosts(float* planes)
     // is reached; nothing of them is stored. The right side's count, count - nLeft, is its
     // suffix sum.
     const uint32_t bins = mBinCount;
-    const Box* const raw = mLeftBoxes.data();
-    const uint32_t* const counts = mBinCounts.data();
-    const auto countsAt = [&](uint32_t j) {
-        return _mm_set_epi32(0, static_cast<int>(counts[2 * bins + j]), static_cast<int>(counts[bins + j]),
-                             static_cast<int>(counts[j]));
-    };
-    const auto sweepTo = [&](Box* running, uint32_t j) {
-        for (uint32_t a = 0; a < 3; ++a)
-        {
-            Box b = raw[a * bins + j];
-            grow(b, running[a]);
-            running[a] = b;
-        }
-    };
+    const Box* const x = mLeftBoxes.data();
+    const Box* const y = x + bins;
+    const Box* const z = y + bins;
+    const uint32_t* const counts = mLaneCounts.data();
+    const auto countsAt = [&](uint32_t j) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(counts + 4 * j)); };
     float* const rightCosts = mRightCosts.data();
-    Box right[3] = {raw[bins - 1], raw[2 * bins - 1], raw[3 * bins - 1]};
+    Box3 right(x[bins - 1], y[bins - 1], z[bins - 1]);
     __m128i nRight = countsAt(bins - 1);
     for (uint32_t k = bins - 1; k > 0; --k)
     {
         if (k < bins - 1)
         {
-            sweepTo(right, k);
+            right.sweep(x[k], y[k], z[k]);
             nRight = _mm_add_epi32(nRight, countsAt(k));
         }
-        _mm_storeu_ps(rightCosts + 4 * k, defaultCosts3(right, nRight));
+        _mm_storeu_ps(rightCosts + 4 * k, right.defaultCosts(nRight));
     }
-    Box left[3] = {raw[0], raw[bins], raw[2 * bins]};
+    Box3 left(x[0], y[0], z[0]);
     __m128i nLeft = countsAt(0);
     for (uint32_t j = 0; j + 1 < bins; ++j)
     {
         if (j > 0)
         {
-            sweepTo(left, j);
+            left.sweep(x[j], y[j], z[j]);
             nLeft = _mm_add_epi32(nLeft, countsAt(j));
         }
         alignas(16) float cost[4];
-        _mm_store_ps(cost, _mm_add_ps(defaultCosts3(left, nLeft), _mm_loadu_ps(rightCosts + 4 * (j + 1))));
+        _mm_store_ps(cost, _mm_add_ps(left.defaultCosts(nLeft), _mm_loadu_ps(rightCosts + 4 * (j + 1))));
         planes[j] = cost[0];
         planes[bins + j] = cost[1];
         planes[2 * bins + j] = cost[2];
@@ -204,15 +199,18 @@ bool kxSAHRecordBuild::findSplitPlane(const kxBBox& box, uint32_t count, kxBBox:
         customCosts(count, planes);
     else
         defaultCosts(planes);
-    float best = std::numeric_limits<float>::infinity();
-    uint32_t bestIndex = 0;
-    for (uint32_t s = 0; s < 3u * bins; s += bins)
-        for (uint32_t j = 0; j + 1 < bins; ++j)
-            if (planes[s + j] < best)
-            {
-                best = planes[s + j];
-                bestIndex = s + j;
-            }
+    // The first of the cheapest planes, as a scan that takes only strictly cheaper ones
+    // finds it; NaN costs never win. The slot after each axis's last plane holds +inf.
+    const uint32_t slots = 3u * bins;
+    __m128 cheapest = _mm_set1_ps(std::numeric_limits<float>::infinity());
+    uint32_t i = 0;
+    for (; i + 4 <= slots; i += 4)
+        cheapest = _mm_min_ps(_mm_loadu_ps(planes + i), cheapest);
+    cheapest = _mm_min_ps(_mm_shuffle_ps(cheapest, cheapest, _MM_SHUFFLE(1, 0, 3, 2)), cheapest);
+    cheapest = _mm_min_ps(_mm_shuffle_ps(cheapest, cheapest, _MM_SHUFFLE(2, 3, 0, 1)), cheapest);
+    float best = _mm_cvtss_f32(cheapest);
+    for (; i < slots; ++i)
+        best = planes[i] < best ? planes[i] : best;
     float leafCost;
     if (mCustomCost)
         leafCost = mCustomCost->f(box, count);
@@ -223,6 +221,9 @@ bool kxSAHRecordBuild::findSplitPlane(const kxBBox& box, uint32_t count, kxBBox:
     }
     if (!(best < leafCost))
         return false;
+    uint32_t bestIndex = 0;
+    while (!(planes[bestIndex] == best))
+        ++bestIndex;
 
     const uint32_t a = bestIndex / bins;
     const uint32_t j = bestIndex - a * bins;
