@@ -121,6 +121,29 @@ private:
     Box mZ;
 };
 
+/// Buckets 0 .. 2047 of median keys, never decreasing as the keys' bit patterns grow:
+/// min(key * scale, 2047) truncated for non-negative finite keys, 2047 for +inf, NaN and
+/// negative keys (whose patterns are the largest). A scale that is not positive is taken
+/// as 0, which keeps the order (all in bucket 0); an infinite one puts all in bucket 2047.
+class KeyBuckets
+{
+public:
+    explicit KeyBuckets(float scale) : mScale(_mm_set1_ps(scale > 0.0f ? scale : 0.0f)) {}
+
+    __m128i of(__m128 keys) const
+    {
+        const __m128i bits = _mm_castps_si128(keys);
+        const __m128i beyondFinite = _mm_or_si128(_mm_cmpgt_epi32(bits, _mm_set1_epi32(0x7F7FFFFF)),
+                                                  _mm_cmplt_epi32(bits, _mm_setzero_si128()));
+        const __m128 last = _mm_set1_ps(2047.0f);
+        const __m128i bucket = _mm_cvttps_epi32(_mm_min_ps(_mm_mul_ps(keys, mScale), last));
+        return _mm_or_si128(_mm_andnot_si128(beyondFinite, bucket), _mm_and_si128(beyondFinite, _mm_set1_epi32(2047)));
+    }
+
+private:
+    __m128 mScale;
+};
+
 /// Writes the box's three lanes as a kxBBox.
 inline void store(kxBBox& box, const Box& b)
 {

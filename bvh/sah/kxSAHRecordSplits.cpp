@@ -8,6 +8,7 @@ using namespace kxSAHLanes;
 
 namespace
 {
+constexpr uint32_t kMedianBuckets = 2048;
 constexpr int kDigitBits[3] = {11, 11, 10};
 constexpr int kDigitShift[3] = {21, 10, 0};
 
@@ -40,33 +41,61 @@ float kxSAHRecordBuild::medianPosition(const kxBBox& box, uint32_t start, uint32
     const Record* const records = mRecords.get() + start;
     uint32_t* const keys = mKeys;
     uint32_t* const candidates = mCandidates.get();
-    // Relative to the node's minimum every key is non-negative, so the bit patterns order
-    // as the numbers do; digit by digit from the top, the rank-th key's bucket narrows the
-    // candidates, kept in position order, to the equal keys the rank falls among.
+    // Keys are ordered by their bit patterns, as the builder's radix sort orders them
+    // (relative to the node's minimum they are non-negative, so this is numeric order).
+    // A bucket of the key's position in the node's extent, non-decreasing in that order,
+    // picks the candidates of the rank-th key among a small share of the range; digit by
+    // digit their bits then narrow them, kept in position order, to the equal keys the rank
+    // falls among.
     const float origin = box.min[a];
-    uint32_t histogram[1u << 11] = {};
-    for (uint32_t i = 0; i < count; ++i)
+    const KeyBuckets buckets(static_cast<float>(kMedianBuckets) / (box.max[a] - origin));
+    uint32_t histogram[kMedianBuckets] = {};
+    alignas(16) uint32_t bucket[4];
+    uint32_t i = 0;
+    for (; i + 4 <= count; i += 4)
     {
-        const uint32_t k = keyBits((records[i].min[a] + records[i].max[a]) * 0.5f - origin);
-        keys[i] = k;
-        ++histogram[k >> kDigitShift[0]];
+        const Record* r = records + i;
+        const __m128 lo = _mm_set_ps(r[3].min[a], r[2].min[a], r[1].min[a], r[0].min[a]);
+        const __m128 hi = _mm_set_ps(r[3].max[a], r[2].max[a], r[1].max[a], r[0].max[a]);
+        const __m128 k = _mm_sub_ps(_mm_mul_ps(_mm_add_ps(lo, hi), _mm_set1_ps(0.5f)), _mm_set1_ps(origin));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(keys + i), _mm_castps_si128(k));
+        _mm_store_si128(reinterpret_cast<__m128i*>(bucket), buckets.of(k));
+        ++histogram[bucket[0]];
+        ++histogram[bucket[1]];
+        ++histogram[bucket[2]];
+        ++histogram[bucket[3]];
+    }
+    for (; i < count; ++i)
+    {
+        const float k = (records[i].min[a] + records[i].max[a]) * 0.5f - origin;
+        keys[i] = keyBits(k);
+        _mm_store_si128(reinterpret_cast<__m128i*>(bucket), buckets.of(_mm_set1_ps(k)));
+        ++histogram[bucket[0]];
     }
     uint32_t rank = count >> 1;
-    uint32_t digit = selectDigit(histogram, rank);
+    const __m128i target = _mm_set1_epi32(static_cast<int>(selectDigit(histogram, rank)));
     uint32_t n = 0;
-    for (uint32_t i = 0; i < count; ++i)
+    for (i = 0; i + 4 <= count; i += 4)
     {
-        candidates[n] = i;
-        n += (keys[i] >> kDigitShift[0]) == digit;
+        const __m128 k = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(keys + i)));
+        for (int hit = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(buckets.of(k), target))); hit != 0;
+             hit &= hit - 1)
+            candidates[n++] = i + static_cast<uint32_t>(__builtin_ctz(static_cast<unsigned>(hit)));
     }
-    for (int level = 1; level < 3 && n > 1; ++level)
+    for (; i < count; ++i)
+    {
+        const __m128 k = _mm_castsi128_ps(_mm_set1_epi32(static_cast<int>(keys[i])));
+        candidates[n] = i;
+        n += _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(buckets.of(k), target))) & 1;
+    }
+    for (int level = 0; level < 3 && n > 1; ++level)
     {
         const int shift = kDigitShift[level];
         const uint32_t mask = (1u << kDigitBits[level]) - 1u;
         std::fill(histogram, histogram + mask + 1u, 0u);
         for (uint32_t j = 0; j < n; ++j)
             ++histogram[(keys[candidates[j]] >> shift) & mask];
-        digit = selectDigit(histogram, rank);
+        const uint32_t digit = selectDigit(histogram, rank);
         uint32_t kept = 0;
         for (uint32_t j = 0; j < n; ++j)
         {

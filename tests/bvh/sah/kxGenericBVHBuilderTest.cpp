@@ -234,6 +234,39 @@ std::vector<kxBBox> oddBoxes(uint32_t seed, uint32_t n)
     return boxes;
 }
 
+// Boxes whose centroid offsets from a finite node minimum are negative, -0, -inf or NaN
+// (keys a median split orders by their bits), and boxes turned inside out, every maximum
+// below every minimum, whose node boxes have negative extents.
+std::vector<kxBBox> oddKeyBoxes(uint32_t seed, uint32_t n, bool insideOut)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    std::vector<kxBBox> boxes(n);
+    for (uint32_t i = 0; i < n; ++i)
+        for (int a = 0; a < 3; ++a)
+        {
+            float& lo = boxes[i].min[a];
+            float& hi = boxes[i].max[a];
+            lo = insideOut ? 100.0f + 100.0f * unit(rng) : 100.0f * unit(rng);
+            hi = insideOut ? 50.0f * unit(rng) : lo + unit(rng);
+            if (insideOut || i == 0)
+                continue;
+            switch (rng() % 24)
+            {
+            case 0: hi = -INFINITY; break;
+            case 1: hi = NAN; break;
+            case 2: hi = -1e30f; break;
+            case 3: lo = -0.0f; hi = -0.0f; break;
+            case 4: lo = hi = 0.0f; break;
+            default: break;
+            }
+        }
+    if (n > 0 && !insideOut)
+        for (int a = 0; a < 3; ++a)
+            boxes[0].min[a] = 0.0f;
+    return boxes;
+}
+
 // build() against the builder's own steps (prepare, buildIter from the root, the working
 // indices handed over): every record, index and count the same bit for bit, the same
 // memory figure, and the same bin state left behind by the last binned node.
@@ -246,16 +279,17 @@ TEST(GenericBVHBuilder, BuildWritesWhatItsOwnStepsWriteBitForBit)
     std::mt19937 rng(99);
     int medians = 0;
     for (uint32_t n : {0u, 1u, 17u, 300u, 1024u, 1025u, 1500u, 4097u, 30000u})
-        for (int layout = 0; layout < 7; ++layout)
+        for (int layout = 0; layout < 9; ++layout)
         {
-            const unsigned int bins = std::vector<unsigned int>{16u, 1u, 2u, 5u, 16u, 33u, 16u}[layout];
+            const unsigned int bins = std::vector<unsigned int>{16u, 1u, 2u, 5u, 16u, 33u, 16u, 16u, 4u}[layout];
             const kxBVHCostFunctor* cost = costs[rng() % 4];
             SCOPED_TRACE(::testing::Message() << "n " << n << " layout " << layout << " bins " << bins);
             // The library's triangle container as well as boxes handed in by the caller.
             const kx::kxPointer<kx::kxTriMesh> mesh = kxtest::randomTriangleMesh(n, n, Layout::Clustered);
             const kxBVHTriangleContainer triangles(*mesh);
-            const kxtest::BoxContainer boxes(layout == 5 ? oddBoxes(n, n)
-                                                         : kxtest::randomBoxes(n * 7 + layout, n, Layout(layout % 5)));
+            const kxtest::BoxContainer boxes(layout == 5   ? oddBoxes(n, n)
+                                             : layout > 6 ? oddKeyBoxes(n, n, layout == 8)
+                                                          : kxtest::randomBoxes(n * 7 + layout, n, Layout(layout % 5)));
             const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container =
                 layout == 6 ? static_cast<const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&>(triangles)
                             : boxes;
