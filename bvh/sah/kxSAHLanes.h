@@ -34,11 +34,24 @@ inline Box emptyBox()
     return {_mm_set1_ps(__builtin_huge_valf()), _mm_set1_ps(-__builtin_huge_valf())};
 }
 
+/// The whole record: the index rides in lane 3 of lo. Fit for min and max only.
+inline Box loadRaw(const Record& r)
+{
+    return {_mm_load_ps(r.min), _mm_load_ps(r.max)};
+}
+
+inline void storeRaw(Record& r, const Box& b)
+{
+    _mm_store_ps(r.min, b.lo);
+    _mm_store_ps(r.max, b.hi);
+}
+
 /// The record's box; the index lane is cleared so that no arithmetic sees its bits.
 inline Box load(const Record& r)
 {
     const __m128 keepXYZ = _mm_castsi128_ps(_mm_set_epi32(0, -1, -1, -1));
-    return {_mm_and_ps(_mm_load_ps(r.min), keepXYZ), _mm_load_ps(r.max)};
+    const Box raw = loadRaw(r);
+    return {_mm_and_ps(raw.lo, keepXYZ), raw.hi};
 }
 
 inline __m128 set3(const float* p)

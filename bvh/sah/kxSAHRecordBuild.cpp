@@ -170,16 +170,19 @@ void kxSAHRecordBuild::splitNode(uint32_t node, uint32_t start, uint32_t count, 
     {
         Record& r = records[front];
         const float c = (r.min[a] + r.max[a]) * 0.5f;
+        // Only min and max see the index lane here: the child boxes store lanes 0-2.
+        const Box mine = loadRaw(r);
         if (pos >= c)
         {
-            grow(left, load(r));
+            grow(left, mine);
             ++front;
         }
         else
         {
             // The record brought in from the back is examined next.
-            grow(right, load(r));
-            std::swap(r, records[back]);
+            grow(right, mine);
+            storeRaw(r, loadRaw(records[back]));
+            storeRaw(records[back], mine);
             --back;
         }
     }

@@ -13,9 +13,11 @@
 /// through the index array. It takes the same decisions in the same order as the builder's
 /// own steps (prepare, buildIter) and writes the same hierarchy, bit for bit:
 /// - the partition swaps whole records exactly where the index partition swaps indices;
-/// - the median is selected by radix digits instead of sorted: the entry of rank
-///   count/2 by (key bits, position) is the one a stable sort puts there;
-/// - bins grow on SSE lanes with extend's comparisons, primitives in range order.
+/// - the median is selected instead of sorted: the entry of rank count/2 by (key bits,
+///   position) is the one a stable sort puts there;
+/// - bins grow on SSE lanes with extend's comparisons, primitives in range order;
+/// - with the default cost, planes are priced during the bin sweeps, one axis a lane, with
+///   kxDefaultSAH::f's operations in its order.
 class kxSAHRecordBuild
 {
 public:
