@@ -81,10 +81,9 @@ void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainer
                             kxGenericBVH& bvh)
 {
     const uint32_t n = container.getQuantity();
-    // Left uninitialised: each array is touched first where it is first filled. One record
-    // of slack: the partition may read one past the range it has finished.
-    mRecords.reset(new Record[size_t{n} + 1]);
-    kxMemory::adviseHugePages(mRecords.get(), (size_t{n} + 1) * sizeof(Record));
+    // Left uninitialised: each array is touched first where it is first filled.
+    mRecords.reset(new Record[n]);
+    kxMemory::adviseHugePages(mRecords.get(), size_t{n} * sizeof(Record));
     mCandidates.reset(new uint32_t[n]);
     kxMemory::adviseHugePages(mCandidates.get(), size_t{n} * sizeof(uint32_t));
     Box root;
@@ -97,7 +96,6 @@ void kxSAHRecordBuild::fill(const kxLinearGenericBVHBuilder::tPrimitiveContainer
     }
     else
         root = fillRecords(mRecords.get(), n, [&](uint32_t i) -> const kxBBox& { return container.getBBox(i); });
-    mRecords[n] = n > 0 ? mRecords[0] : Record{};
     const uint32_t slots = 3u * mBinCount;
     mBinCounts.assign(slots, 0u);
     mLaneCounts.assign(4u * mBinCount, 0u);
