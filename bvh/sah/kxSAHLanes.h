@@ -46,6 +46,18 @@ inline void storeRaw(Record& r, const Box& b)
     _mm_store_ps(r.max, b.hi);
 }
 
+/// The record of box b with index i, as loadRaw reads it: lo = (min, i), hi = (max, 0).
+/// Reads nothing past b.
+inline Box recordLanes(const kxBBox& b, uint32_t i)
+{
+    const __m128 minAndMax0 = _mm_loadu_ps(b.min);
+    const __m128 indexLane = _mm_castsi128_ps(_mm_cvtsi32_si128(static_cast<int>(i)));
+    const __m128 min2AndIndex = _mm_shuffle_ps(minAndMax0, indexLane, _MM_SHUFFLE(0, 0, 2, 2));
+    const __m128 max01 = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(b.max)));
+    return {_mm_shuffle_ps(minAndMax0, min2AndIndex, _MM_SHUFFLE(2, 0, 1, 0)),
+            _mm_movelh_ps(max01, _mm_load_ss(b.max + 2))};
+}
+
 /// The record's box; the index lane is cleared so that no arithmetic sees its bits.
 inline Box load(const Record& r)
 {

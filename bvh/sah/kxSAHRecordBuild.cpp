@@ -62,16 +62,11 @@ Box fillRecords(Record* records, uint32_t n, const BoxOf& boxOf)
     Box root = emptyBox();
     for (uint32_t i = 0; i < n; ++i)
     {
-        const kxBBox& b = boxOf(i);
-        Record& r = records[i];
-        for (int a = 0; a < 3; ++a)
-        {
-            r.min[a] = b.min[a];
-            r.max[a] = b.max[a];
-        }
-        r.index = i;
-        r.zero = 0.0f;
-        grow(root, load(r));
+        // Built in registers and stored whole: rereading four scalar stores as one vector
+        // would stall on every record.
+        const Box box = recordLanes(boxOf(i), i);
+        storeRaw(records[i], box);
+        grow(root, box);
     }
     return root;
 }
