@@ -45,7 +45,7 @@ bool sortAndCountRuns(const Primitives<Container>& primitives, unsigned axisBits
     computeMortonCodes(primitives.container, primitives.quantity, kxMortonGrid(primitives.sceneBox, axisBits), codes);
     if (cancelled(cancel))
         return false;
-    radixSort(codes, primitives.indexes, primitives.quantity, arena);
+    radixSort(codes, primitives.indexes, primitives.quantity, 3 * axisBits, arena);
     if (cancelled(cancel))
         return false;
     runs.count(codes);
