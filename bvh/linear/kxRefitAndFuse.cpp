@@ -29,37 +29,6 @@ inline uint32_t rightChild(const Node& node)
     return node.count & kxGNode::eRightChildMask;
 }
 
-// Marks every child pair that survives with 1, fusing small subtrees on the way up; the
-// two records of a pair survive or vanish together. Pairs below a pair come after it, so
-// a child that had more than the limit below it is still inner here, and a parent can
-// only fuse when both children are leaves (emitted, or fused just before).
-bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel)
-{
-    kxNodeWords* records = tree.records;
-    uint32_t* survives = tree.pairRank;
-    for (uint64_t pair = tree.leafCount - 1u; pair-- > 0;)
-    {
-        if (pair >= kPrefetchDistance)
-            prefetchForWrite(records + tree.parentOfPair[pair - kPrefetchDistance]);
-        // One poll for each record of the pair.
-        if (cancelled(cancel) || cancelled(cancel))
-            return false;
-        const kxNodeWords left = records[2u * pair + 1u];
-        const kxNodeWords right = records[2u * pair + 2u];
-        const uint64_t sum = static_cast<uint64_t>(left.count) + right.count;
-        const bool fuse = isLeaf(left) && isLeaf(right) && sum <= maxPrimitivesPerLeaf;
-        survives[pair] = fuse ? 0u : 1u;
-        if (!fuse)
-            continue;
-        const uint32_t leftFirst = left.offset & kxGNode::eIndexMask;
-        const uint32_t rightFirst = right.offset & kxGNode::eIndexMask;
-        kxNodeWords& parent = records[tree.parentOfPair[pair]];
-        parent.offset = (leftFirst < rightFirst ? leftFirst : rightFirst) | kxGNode::eLeafMark;
-        parent.count = static_cast<uint32_t>(sum);
-    }
-    return !cancelled(cancel);
-}
-
 // Turns the survival marks into ranks: entry q becomes the number of surviving pairs
 // before pair q, and the last entry their total.
 void rankSurvivingPairs(kxEmittedTree& tree)
@@ -160,14 +129,17 @@ inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 }
 } // namespace
 
-bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
-                const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
+bool fuseLeaves(kxEmittedTree& tree, const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
 {
-    tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
-    if (!markSurvivors(tree, maxPrimitivesPerLeaf, cancel) || cancelled(cancel))
-        return false;
-    tree.leafAt = tree.parentOfPair;
-    tree.parentOfPair = nullptr;
+    // Emission has decided; a cancel source is still polled once per emitted record and
+    // once after, as a count over the whole emitted tree would poll it.
+    if (cancel)
+    {
+        const uint64_t polls = 2u * tree.leafCount;
+        for (uint64_t poll = 0; poll < polls; ++poll)
+            if (cancelled(cancel))
+                return false;
+    }
     rankSurvivingPairs(tree);
     copySurvivors(tree, nodes);
     return !cancelled(cancel);

@@ -20,12 +20,10 @@ namespace kxLinearBVH
 // in array order the children of neighbouring records lie far apart, and a recursive walk
 // would miss the cache on almost every record.
 
-/// Collapses every subtree of at most maxPrimitivesPerLeaf primitives into one leaf and
-/// copies the surviving records, renumbered contiguously in their old order, into nodes
-/// (exactly sized, boxes empty). Polls on every emitted record, after the count and after
-/// renumbering; false when cancelled.
-bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
-                const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes);
+/// Copies the records that survive fusing (decided by emission), renumbered contiguously
+/// in their old order, into nodes (exactly sized, boxes empty). Polls once per emitted
+/// record, after that and after renumbering; false when cancelled.
+bool fuseLeaves(kxEmittedTree& tree, const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes);
 
 /// Gives every record of the fused tree its box: a leaf the union of its primitives' boxes
 /// (the empty box for none), leaves visited by ascending position so that the container is

@@ -73,14 +73,15 @@ uint64_t kxRunLevels::workingBufferBytes() const
     return 8u * entries;
 }
 
-bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCancelInterfaceReadOnly* cancel)
+bool kxRunLevels::emit(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
+                       const kx::kxCancelInterfaceReadOnly* cancel)
 {
     tree.leafCount = distinctCodes();
     tree.records = arena.allocate<kxNodeWords>(2u * tree.leafCount);
-    // There are fewer pairs than primitives: the room is sized for the leaf table.
-    tree.parentOfPair = arena.allocate<uint32_t>(mQuantity);
+    tree.leafAt = arena.allocate<uint32_t>(mQuantity);
+    tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
     kxNodeWords* records = tree.records;
-    uint32_t* parentOfPair = tree.parentOfPair;
+    uint32_t* survives = tree.pairRank;
 
     // The pairs of each level follow those of all lower levels.
     uint32_t nextChildren[kMaxLevels + 1];
@@ -97,11 +98,20 @@ bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCan
     // nearest split of a lower level on its left to the nearest one on its right.
     OpenSplit open[kMaxLevels + 1];
     unsigned depth = 0;
+    // A split closes when both its halves are final, leaves or closed splits, so fusing
+    // decides here, bottom-up: the split becomes a leaf over both halves' runs when both are
+    // leaves with at most the limit together. The left half's run comes first.
     const auto close = [&](const OpenSplit& split, uint32_t record)
     {
-        records[record].offset = (split.children & kxGNode::eIndexMask) | kAxisOfLevel[split.level % 3];
-        records[record].count = split.children + 1u;
-        parentOfPair[split.children >> 1] = record;
+        const kxNodeWords left = records[split.children];
+        const kxNodeWords right = records[split.children + 1u];
+        const uint64_t sum = uint64_t{left.count} + right.count;
+        const bool fuse = left.offset >= kxGNode::eLeafMark && right.offset >= kxGNode::eLeafMark &&
+                          sum <= maxPrimitivesPerLeaf;
+        survives[split.children >> 1] = fuse ? 0u : 1u;
+        records[record].offset =
+            fuse ? left.offset : (split.children & kxGNode::eIndexMask) | kAxisOfLevel[split.level % 3];
+        records[record].count = fuse ? static_cast<uint32_t>(sum) : split.children + 1u;
     };
 
     uint32_t runStart = 0;
