@@ -86,7 +86,7 @@ bool buildWithCodes(const Primitives<Container>& primitives, kxGenericBVH& bvh, 
     kxEmittedTree tree;
     return emitHierarchy<Code>(primitives, bvh, cancel, bits, maxPrimitivesPerLeaf, arena, tree) &&
            fuseLeaves(tree, cancel, nodes) &&
-           refit(tree, nodes, primitives.container, primitives.indexes, primitives.quantity, cancel);
+           refit(nodes, 2u * tree.leafCount - 1u, primitives.container, primitives.indexes, primitives.quantity, cancel);
 }
 } // namespace
 

@@ -25,13 +25,13 @@ namespace kxLinearBVH
 /// record, after that and after renumbering; false when cancelled.
 bool fuseLeaves(kxEmittedTree& tree, const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes);
 
-/// Gives every record of the fused tree its box: a leaf the union of its primitives' boxes
-/// (the empty box for none), leaves visited by ascending position so that the container is
-/// read in code order; an inner record the union of its children's. Polls once per emitted
-/// record (kept or fused away) and after every primitive box; false when cancelled.
+/// Gives every record of the fused tree, the emitted tree's emitted records fused, its
+/// box: a leaf the union of its primitives' boxes in position order (the empty box for
+/// none); an inner record the union of its children's. Polls once per emitted record and
+/// once per primitive; false when cancelled.
 /// Container: the container interface or kxBVHTriangleContainer (see boxOf).
 template <typename Container>
-bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes, const Container& container,
+bool refit(std::vector<kxGNode>& nodes, uint64_t emitted, const Container& container,
            const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel);
 } // namespace kxLinearBVH
 

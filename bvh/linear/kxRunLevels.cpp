@@ -34,8 +34,7 @@ inline uint32_t halfEndingHere(const OpenSplit& before, unsigned level, uint32_t
 size_t kxEmittedTree::footprint(uint32_t quantity)
 {
     const size_t leaves = quantity > 0 ? quantity : 1u;
-    return kxBuildArena::footprint(2u * leaves * sizeof(kxNodeWords)) +
-           kxBuildArena::footprint(quantity * sizeof(uint32_t)) + kxBuildArena::footprint(leaves * sizeof(uint32_t));
+    return kxBuildArena::footprint(2u * leaves * sizeof(kxNodeWords)) + kxBuildArena::footprint(leaves * sizeof(uint32_t));
 }
 
 kxRunLevels::kxRunLevels(unsigned levels, uint32_t quantity, kxBuildArena& arena)
@@ -91,7 +90,6 @@ bool kxRunLevels::emit(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBui
 {
     tree.leafCount = distinctCodes();
     tree.records = arena.allocate<kxNodeWords>(2u * tree.leafCount);
-    tree.leafAt = arena.allocate<uint32_t>(mQuantity);
     tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
     kxNodeWords* records = tree.records;
     uint32_t* survives = tree.pairRank;

@@ -25,9 +25,6 @@ struct kxEmittedTree
 {
     uint64_t leafCount = 0;
     kxNodeWords* records = nullptr; // 2 * leafCount
-    // Room for one entry per primitive: the number of the fused tree's leaf at each
-    // position, once the surviving records are copied.
-    uint32_t* leafAt = nullptr;
     // leafCount entries. Emission marks with 1 every child pair that survives fusing (the
     // last entry is left alone); fusing turns the marks into ranks: entry q the number of
     // surviving pairs before pair q, so that pair q survives when entries q and q + 1 differ.
