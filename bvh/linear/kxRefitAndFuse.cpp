@@ -11,8 +11,8 @@ namespace kxLinearBVH
 {
 namespace
 {
-// Boxes fetched ahead per leaf: leaves of the main road hold up to four primitives.
-constexpr uint32_t kPrefetchedBoxes = 4;
+// Leaves of the main road hold up to four primitives.
+constexpr uint32_t kSmallLeaf = 4;
 constexpr size_t kRefitAhead = 16;
 
 template <typename Node>
@@ -132,9 +132,9 @@ bool refit(std::vector<kxGNode>& nodes, uint64_t emitted, const Container& conta
             const uint32_t* positions = leafPositions(ahead);
             if (!isLeaf(ahead))
                 prefetchForRead(records + leftChild(ahead));
-            else
-                for (uint32_t i = 0; i < ahead.count && i < kPrefetchedBoxes; ++i)
-                    prefetchForRead(&boxOf(container, positions[i]));
+            else if (ahead.count > 0)
+                for (uint32_t i = 0; i < kSmallLeaf; ++i)
+                    prefetchForRead(&boxOf(container, positions[std::min(i, ahead.count - 1u)]));
         }
         kxGNode& node = records[k];
         if (!isLeaf(node))
@@ -142,11 +142,18 @@ bool refit(std::vector<kxGNode>& nodes, uint64_t emitted, const Container& conta
             storeUnion(node.bbox, records[leftChild(node)].bbox, records[rightChild(node)].bbox);
             continue;
         }
-        // Only the root of an empty tree has no primitive; its box stays empty.
+        // Only the root of an empty tree has no primitive; its box stays empty. Small leaves
+        // take the same steps whatever their count, their last box taken again: growing a
+        // box by the box it has just grown by changes nothing, and a loop that ends after
+        // one to four steps at random would be mispredicted.
         const uint32_t* positions = leafPositions(node);
         kxBoxLanes::Accumulator box;
-        for (uint32_t i = 0; i < node.count; ++i)
-            box.extend(boxOf(container, positions[i]));
+        if (node.count - 1u < kSmallLeaf)
+            for (uint32_t i = 0; i < kSmallLeaf; ++i)
+                box.extend(boxOf(container, positions[std::min(i, node.count - 1u)]));
+        else
+            for (uint32_t i = 0; i < node.count; ++i)
+                box.extend(boxOf(container, positions[i]));
         box.store(node.bbox);
     }
     return true;
