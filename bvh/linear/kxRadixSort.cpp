@@ -86,6 +86,16 @@ void sortBucket(Entries<Key> source, Entries<Key> spare, Entries<Key> home, size
             spare.keys[position] = key;
             spare.values[position] = source.values[i];
         }
+        // When every digit's bucket is small, one insertion pass over all of them sorts
+        // each within its stretch: no entry passes the smaller keys of the buckets before.
+        uint32_t largest = 0;
+        for (unsigned d = 0; d <= mask; ++d)
+            largest = std::max(largest, counts[d]);
+        if (largest <= kInsertionSortMax)
+        {
+            insertionSort(spare, home, n);
+            return;
+        }
         size_t first = 0;
         for (unsigned d = 0; d <= mask; ++d)
         {
