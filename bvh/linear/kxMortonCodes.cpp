@@ -44,17 +44,17 @@ inline uint64_t spread(uint32_t cell)
 }
 
 template <typename Code>
-Code mortonCode(uint32_t x, uint32_t y, uint32_t z);
+inline Code mortonCode(uint32_t x, uint32_t y, uint32_t z);
 
 // Up to 10 bits per axis: one lookup each.
 template <>
-uint32_t mortonCode<uint32_t>(uint32_t x, uint32_t y, uint32_t z)
+inline uint32_t mortonCode<uint32_t>(uint32_t x, uint32_t y, uint32_t z)
 {
     return kSpread[x] | kSpread[y] << 1 | kSpread[z] << 2;
 }
 
 template <>
-uint64_t mortonCode<uint64_t>(uint32_t x, uint32_t y, uint32_t z)
+inline uint64_t mortonCode<uint64_t>(uint32_t x, uint32_t y, uint32_t z)
 {
     return spread(x) | spread(y) << 1 | spread(z) << 2;
 }
