@@ -13,6 +13,8 @@ namespace
 {
 // Leaves of the main road hold up to four primitives.
 constexpr uint32_t kSmallLeaf = 4;
+// The refit fetches a leaf's primitive boxes, or an inner record's children, this many
+// records before it reaches the record, and a leaf's positions three times as far.
 constexpr size_t kRefitAhead = 16;
 
 template <typename Node>
@@ -129,12 +131,11 @@ bool refit(std::vector<kxGNode>& nodes, uint64_t emitted, const Container& conta
         if (k >= kRefitAhead)
         {
             const kxGNode& ahead = records[k - kRefitAhead];
-            const uint32_t* positions = leafPositions(ahead);
             if (!isLeaf(ahead))
                 prefetchForRead(records + leftChild(ahead));
             else if (ahead.count > 0)
                 for (uint32_t i = 0; i < kSmallLeaf; ++i)
-                    prefetchForRead(&boxOf(container, positions[std::min(i, ahead.count - 1u)]));
+                    prefetchForRead(&boxOf(container, leafPositions(ahead)[std::min(i, ahead.count - 1u)]));
         }
         kxGNode& node = records[k];
         if (!isLeaf(node))

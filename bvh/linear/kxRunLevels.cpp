@@ -2,6 +2,8 @@
 
 #include "kxHighestBit.h"
 
+#include <algorithm>
+
 namespace kxLinearBVH
 {
 namespace
@@ -93,6 +95,7 @@ bool kxRunLevels::emit(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBui
     tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
     kxNodeWords* records = tree.records;
     uint32_t* survives = tree.pairRank;
+    const auto lastRecord = static_cast<uint32_t>(2u * tree.leafCount - 1u);
 
     // The pairs of each level follow those of all lower levels.
     uint32_t nextChildren[kMaxLevels + 1];
@@ -152,8 +155,9 @@ bool kxRunLevels::emit(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBui
             nextChildren[level] += 2u;
             // Each level fills its own stretch of records from left to right, too many
             // stretches at once for the hardware to see them coming.
-            prefetchForWrite(records + children + kStreamAhead);
-            prefetchForWrite(survives + (children >> 1) + kStreamAhead);
+            const uint32_t ahead = std::min(children + 2u * kStreamAhead, lastRecord);
+            prefetchForWrite(records + ahead);
+            prefetchForWrite(survives + (ahead >> 1));
             // The run ending at j is a leaf of the tree: the right half of the previous
             // split if that one is deeper, else the left half of this one.
             completeLeaf(halfEndingHere(open[depth - 1], level, children), runStart, j + 1u - runStart);
