@@ -45,7 +45,7 @@ bool sortAndCountRuns(const Primitives<Container>& primitives, unsigned axisBits
     computeMortonCodes(primitives.container, primitives.quantity, kxMortonGrid(primitives.sceneBox, axisBits), codes);
     if (cancelled(cancel))
         return false;
-    radixSort(codes, primitives.indexes, primitives.quantity, arena);
+    radixSort(codes, primitives.indexes, primitives.quantity, 3 * axisBits, arena);
     if (cancelled(cancel))
         return false;
     runs.count(codes);
@@ -57,7 +57,7 @@ bool sortAndCountRuns(const Primitives<Container>& primitives, unsigned axisBits
 // tree. False when cancelled.
 template <typename Code, typename Container>
 bool emitHierarchy(const Primitives<Container>& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
-                   unsigned bits, kxBuildArena& arena, kxEmittedTree& tree)
+                   unsigned bits, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena, kxEmittedTree& tree)
 {
     const unsigned axisBits = std::min(bits, kMaxAxisBits);
     kxRunLevels runs(3 * axisBits, primitives.quantity, arena);
@@ -71,7 +71,7 @@ bool emitHierarchy(const Primitives<Container>& primitives, kxGenericBVH& bvh, c
     const uint64_t distinct = runs.distinctCodes();
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(distinct * 64u) << "B for "
                      << 2u * distinct << " result nodes";
-    if (!runs.emit(tree, arena, cancel))
+    if (!runs.emit(tree, maxPrimitivesPerLeaf, arena, cancel))
         return false;
     bvh.mNodeCount = static_cast<uint32_t>(2u * distinct - 1u);
     return true;
@@ -84,9 +84,9 @@ bool buildWithCodes(const Primitives<Container>& primitives, kxGenericBVH& bvh, 
 {
     kxBuildArena arena(workMemory<Code>(primitives.quantity));
     kxEmittedTree tree;
-    return emitHierarchy<Code>(primitives, bvh, cancel, bits, arena, tree) &&
-           fuseLeaves(tree, maxPrimitivesPerLeaf, arena, cancel, nodes) &&
-           refit(tree, nodes, primitives.container, primitives.indexes, primitives.quantity, cancel);
+    return emitHierarchy<Code>(primitives, bvh, cancel, bits, maxPrimitivesPerLeaf, arena, tree) &&
+           fuseLeaves(tree, cancel, nodes) &&
+           refit(nodes, 2u * tree.leafCount - 1u, primitives.container, primitives.indexes, primitives.quantity, cancel);
 }
 } // namespace
 

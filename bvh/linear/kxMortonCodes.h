@@ -34,7 +34,7 @@ struct kxMortonGrid
 
 // Leaves the bits of v in pairs at positions 6j and 6j + 1; the final multiply by 5, 10 or
 // 20 both completes the spread (v | v << 2) and shifts the axis into place.
-inline uint32_t spreadInPairs(uint32_t v)
+constexpr uint32_t spreadInPairs(uint32_t v)
 {
     v = (v * 0x00010001u) & 0xFF0000FFu;
     v = (v * 0x101u) & 0x0F00F00Fu;
@@ -42,7 +42,7 @@ inline uint32_t spreadInPairs(uint32_t v)
     return v;
 }
 
-inline uint64_t spreadInPairs(uint64_t v)
+constexpr uint64_t spreadInPairs(uint64_t v)
 {
     v = (v * 0x100000001ull) & 0xFFFF00000000FFFFull;
     v = (v * 0x10001ull) & 0x00FF0000FF0000FFull;
@@ -52,14 +52,14 @@ inline uint64_t spreadInPairs(uint64_t v)
 }
 
 /// X's bit k goes to code bit 3k, Y's to 3k + 1, Z's to 3k + 2; up to 10 bits per axis.
-inline uint32_t mortonCode32(uint32_t x, uint32_t y, uint32_t z)
+constexpr uint32_t mortonCode32(uint32_t x, uint32_t y, uint32_t z)
 {
     return ((spreadInPairs(x) * 5u) & 0x49249249u) | ((spreadInPairs(y) * 10u) & 0x92492492u) |
            ((spreadInPairs(z) * 20u) & 0x24924924u);
 }
 
 /// The same with up to 21 bits per axis.
-inline uint64_t mortonCode64(uint64_t x, uint64_t y, uint64_t z)
+constexpr uint64_t mortonCode64(uint64_t x, uint64_t y, uint64_t z)
 {
     return ((spreadInPairs(x) * 5ull) & 0x9249249249249249ull) | ((spreadInPairs(y) * 10ull) & 0x2492492492492492ull) |
            ((spreadInPairs(z) * 20ull) & 0x4924924924924924ull);

@@ -8,13 +8,12 @@
 
 namespace kxLinearBVH
 {
-/// Stable LSD radix sort of keys, carrying values along, with 8-bit digits (one pass per
-/// key byte). The digit histograms of all passes are counted in one sweep; each pass is one
-/// scatter into partner arrays taken from the arena for the call. A pass whose digit is the
-/// same for every key is skipped. On return keys and values hold the sorted sequence.
-/// Equal keys keep their order.
+/// Stable radix sort of keys below 2^keyBits, carrying values along, with 8-bit digits
+/// from the most significant down, into partner arrays taken from the arena for the call;
+/// a digit that is the same for every key of a bucket moves nothing. On return keys and
+/// values hold the sorted sequence. Equal keys keep their order.
 template <typename Key>
-void radixSort(Key* keys, uint32_t* values, size_t n, kxBuildArena& arena);
+void radixSort(Key* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildArena& arena);
 
 /// The arena space radixSort needs for n keys.
 template <typename Key>

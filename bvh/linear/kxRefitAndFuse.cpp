@@ -11,6 +11,12 @@ namespace kxLinearBVH
 {
 namespace
 {
+// Leaves of the main road hold up to four primitives.
+constexpr uint32_t kSmallLeaf = 4;
+// The refit fetches a leaf's primitive boxes, or an inner record's children, this many
+// records before it reaches the record, and a leaf's positions three times as far.
+constexpr size_t kRefitAhead = 16;
+
 template <typename Node>
 inline bool isLeaf(const Node& node)
 {
@@ -27,37 +33,6 @@ template <typename Node>
 inline uint32_t rightChild(const Node& node)
 {
     return node.count & kxGNode::eRightChildMask;
-}
-
-// Marks every child pair that survives with 1, fusing small subtrees on the way up; the
-// two records of a pair survive or vanish together. Pairs below a pair come after it, so
-// a child that had more than the limit below it is still inner here, and a parent can
-// only fuse when both children are leaves (emitted, or fused just before).
-bool markSurvivors(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel)
-{
-    kxNodeWords* records = tree.records;
-    uint32_t* survives = tree.pairRank;
-    for (uint64_t pair = tree.leafCount - 1u; pair-- > 0;)
-    {
-        if (pair >= kPrefetchDistance)
-            prefetchForWrite(records + tree.parentOfPair[pair - kPrefetchDistance]);
-        // One poll for each record of the pair.
-        if (cancelled(cancel) || cancelled(cancel))
-            return false;
-        const kxNodeWords left = records[2u * pair + 1u];
-        const kxNodeWords right = records[2u * pair + 2u];
-        const uint64_t sum = static_cast<uint64_t>(left.count) + right.count;
-        const bool fuse = isLeaf(left) && isLeaf(right) && sum <= maxPrimitivesPerLeaf;
-        survives[pair] = fuse ? 0u : 1u;
-        if (!fuse)
-            continue;
-        const uint32_t leftFirst = left.offset & kxGNode::eIndexMask;
-        const uint32_t rightFirst = right.offset & kxGNode::eIndexMask;
-        kxNodeWords& parent = records[tree.parentOfPair[pair]];
-        parent.offset = (leftFirst < rightFirst ? leftFirst : rightFirst) | kxGNode::eLeafMark;
-        parent.count = static_cast<uint32_t>(sum);
-    }
-    return !cancelled(cancel);
 }
 
 // Turns the survival marks into ranks: entry q becomes the number of surviving pairs
@@ -85,12 +60,7 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
     const auto copy = [&](uint64_t record)
     {
         kxNodeWords words = records[record];
-        if (isLeaf(words))
-        {
-            const uint32_t first = words.offset & kxGNode::eIndexMask;
-            std::fill(tree.leafAt + first, tree.leafAt + first + words.count, static_cast<uint32_t>(nodes.size()));
-        }
-        else
+        if (!isLeaf(words))
         {
             const uint32_t left = 1u + 2u * rank[(leftChild(words) - 1u) >> 1];
             words.offset = (left & kxGNode::eIndexMask) | (words.offset & kxGNode::eKindMask);
@@ -112,46 +82,6 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
     }
 }
 
-// Hands out the container's boxes of the primitives at ascending positions. Each box is
-// asked for a few positions ahead and prefetched, so that the cache misses of boxes
-// scattered over the container overlap; every box is still asked for once, in order.
-template <typename Container>
-class kxBoxStream
-{
-public:
-    kxBoxStream(const Container& container, const uint32_t* primitiveIndexes, uint32_t quantity)
-        : mContainer(container), mIndexes(primitiveIndexes), mQuantity(quantity)
-    {
-        for (uint32_t position = 0; position < quantity && position < kAhead; ++position)
-            request(position);
-    }
-
-    const kxBBox& next()
-    {
-        const kxBBox& box = *mAhead[mPosition % kAhead];
-        if (mPosition + kAhead < mQuantity)
-            request(mPosition + kAhead);
-        ++mPosition;
-        return box;
-    }
-
-private:
-    static constexpr uint32_t kAhead = kPrefetchDistance;
-
-    void request(uint32_t position)
-    {
-        const kxBBox& box = boxOf(mContainer, mIndexes[position]);
-        prefetchForRead(&box);
-        mAhead[position % kAhead] = &box;
-    }
-
-    const Container& mContainer;
-    const uint32_t* mIndexes;
-    uint32_t mQuantity;
-    uint32_t mPosition = 0;
-    const kxBBox* mAhead[kAhead];
-};
-
 // left extended by right, with the comparisons of kxBBox::extend.
 inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 {
@@ -160,70 +90,78 @@ inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 }
 } // namespace
 
-bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
-                const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
+bool fuseLeaves(kxEmittedTree& tree, const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes)
 {
-    tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
-    if (!markSurvivors(tree, maxPrimitivesPerLeaf, cancel) || cancelled(cancel))
-        return false;
-    tree.leafAt = tree.parentOfPair;
-    tree.parentOfPair = nullptr;
+    // Emission has decided; a cancel source is still polled once per emitted record and
+    // once after, as a count over the whole emitted tree would poll it.
+    if (cancel)
+    {
+        const uint64_t polls = 2u * tree.leafCount;
+        for (uint64_t poll = 0; poll < polls; ++poll)
+            if (cancelled(cancel))
+                return false;
+    }
     rankSurvivingPairs(tree);
     copySurvivors(tree, nodes);
     return !cancelled(cancel);
 }
 
 template <typename Container>
-bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes, const Container& container,
+bool refit(std::vector<kxGNode>& nodes, uint64_t emitted, const Container& container,
            const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
 {
-    // Boxes are computed for the fused tree only, but a cancel source is polled once per
-    // emitted record, as a refit of the whole emitted tree would poll it, so that where a
-    // cancel lands among the build's polls and log lines does not depend on fusing.
+    // A cancel source is polled once per emitted record and once per primitive, as a
+    // refit of the whole emitted tree would poll it, so that where a cancel lands among
+    // the build's polls and log lines does not depend on fusing.
     if (cancel)
     {
-        const uint64_t emitted = 2u * tree.leafCount - 1u;
-        for (uint64_t record = nodes.size(); record < emitted; ++record)
+        for (uint64_t poll = 0; poll < emitted + quantity; ++poll)
             if (cancelled(cancel))
                 return false;
     }
-    // The only leaf without primitives is the root of an empty tree; its box stays empty.
-    if (quantity == 0)
-        return !cancelled(cancel);
-    const uint32_t* leafAt = tree.leafAt;
-    kxBoxStream<Container> boxes(container, primitiveIndexes, quantity);
-    for (uint32_t position = 0; position < quantity;)
-    {
-        if (position + kPrefetchDistance < quantity)
-            prefetchForWrite(nodes.data() + leafAt[position + kPrefetchDistance]);
-        if (cancelled(cancel))
-            return false;
-        kxGNode& node = nodes[leafAt[position]];
-        kxBoxLanes::Accumulator box;
-        for (uint32_t i = 0; i < node.count; ++i)
-        {
-            box.extend(boxes.next());
-            if (cancelled(cancel))
-                return false;
-        }
-        box.store(node.bbox);
-        position += node.count;
-    }
+    // Records are visited from the last to the first, so that every child is done before
+    // its parent and the records are written in one sweep. A leaf's positions and then its
+    // primitives' boxes, scattered over the container, are fetched some records ahead.
+    kxGNode* records = nodes.data();
+    const auto leafPositions = [&](const kxGNode& node) { return primitiveIndexes + (node.offset & kxGNode::eIndexMask); };
     for (size_t k = nodes.size(); k-- > 0;)
     {
-        kxGNode& node = nodes[k];
-        if (isLeaf(node))
+        if (k >= 3u * kRefitAhead && isLeaf(records[k - 3u * kRefitAhead]))
+            prefetchForRead(leafPositions(records[k - 3u * kRefitAhead]));
+        if (k >= kRefitAhead)
+        {
+            const kxGNode& ahead = records[k - kRefitAhead];
+            if (!isLeaf(ahead))
+                prefetchForRead(records + leftChild(ahead));
+            else if (ahead.count > 0)
+                for (uint32_t i = 0; i < kSmallLeaf; ++i)
+                    prefetchForRead(&boxOf(container, leafPositions(ahead)[std::min(i, ahead.count - 1u)]));
+        }
+        kxGNode& node = records[k];
+        if (!isLeaf(node))
+        {
+            storeUnion(node.bbox, records[leftChild(node)].bbox, records[rightChild(node)].bbox);
             continue;
-        if (cancelled(cancel))
-            return false;
-        storeUnion(node.bbox, nodes[leftChild(node)].bbox, nodes[rightChild(node)].bbox);
+        }
+        // Only the root of an empty tree has no primitive; its box stays empty. Small leaves
+        // take the same steps whatever their count, their last box taken again: growing a
+        // box by the box it has just grown by changes nothing, and a loop that ends after
+        // one to four steps at random would be mispredicted.
+        const uint32_t* positions = leafPositions(node);
+        kxBoxLanes::Accumulator box;
+        if (node.count - 1u < kSmallLeaf)
+            for (uint32_t i = 0; i < kSmallLeaf; ++i)
+                box.extend(boxOf(container, positions[std::min(i, node.count - 1u)]));
+        else
+            for (uint32_t i = 0; i < node.count; ++i)
+                box.extend(boxOf(container, positions[i]));
+        box.store(node.bbox);
     }
     return true;
 }
 
-template bool refit(const kxEmittedTree&, std::vector<kxGNode>&,
-                    const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&, const uint32_t*, uint32_t,
+template bool refit(std::vector<kxGNode>&, uint64_t, const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&,
+                    const uint32_t*, uint32_t, const kx::kxCancelInterfaceReadOnly*);
+template bool refit(std::vector<kxGNode>&, uint64_t, const kxBVHTriangleContainer&, const uint32_t*, uint32_t,
                     const kx::kxCancelInterfaceReadOnly*);
-template bool refit(const kxEmittedTree&, std::vector<kxGNode>&, const kxBVHTriangleContainer&, const uint32_t*,
-                    uint32_t, const kx::kxCancelInterfaceReadOnly*);
 } // namespace kxLinearBVH

@@ -11,29 +11,27 @@
 
 namespace kxLinearBVH
 {
-// Fusing decides on primitive counts alone, so it runs before the boxes exist, and only
-// the records that survive it get a box. A fused leaf's box, the union of its primitives'
-// boxes in position order, is bit for bit the union of its children's: minimum and
-// maximum are exact and keep the first of equal values either way.
+// Fusing decides on primitive counts alone, so emission decides it before the boxes
+// exist, and only the records that survive it get a box. A fused leaf's box, the union of
+// its primitives' boxes in position order, is bit for bit the union of its children's:
+// minimum and maximum are exact and keep the first of equal values either way.
 //
-// Both passes follow the shape that emission recorded instead of recursing from the root:
-// in array order the children of neighbouring records lie far apart, and a recursive walk
-// would miss the cache on almost every record.
+// Both passes sweep the record arrays instead of recursing from the root: in array order
+// the children of neighbouring records lie far apart, and a recursive walk would miss the
+// cache on almost every record.
 
-/// Collapses every subtree of at most maxPrimitivesPerLeaf primitives into one leaf and
-/// copies the surviving records, renumbered contiguously in their old order, into nodes
-/// (exactly sized, boxes empty). Polls on every emitted record, after the count and after
-/// renumbering; false when cancelled.
-bool fuseLeaves(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
-                const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes);
+/// Copies the records that survive fusing (decided by emission), renumbered contiguously
+/// in their old order, into nodes (exactly sized, boxes empty). Polls once per emitted
+/// record, after that and after renumbering; false when cancelled.
+bool fuseLeaves(kxEmittedTree& tree, const kx::kxCancelInterfaceReadOnly* cancel, std::vector<kxGNode>& nodes);
 
-/// Gives every record of the fused tree its box: a leaf the union of its primitives' boxes
-/// (the empty box for none), leaves visited by ascending position so that the container is
-/// read in code order; an inner record the union of its children's. Polls once per emitted
-/// record (kept or fused away) and after every primitive box; false when cancelled.
+/// Gives every record of the fused tree its box: a leaf the union of its primitives'
+/// boxes in position order (the empty box for none); an inner record the union of its
+/// children's. Polls once per record emitted before fusing (emitted of them) and once per
+/// primitive; false when cancelled.
 /// Container: the container interface or kxBVHTriangleContainer (see boxOf).
 template <typename Container>
-bool refit(const kxEmittedTree& tree, std::vector<kxGNode>& nodes, const Container& container,
+bool refit(std::vector<kxGNode>& nodes, uint64_t emitted, const Container& container,
            const uint32_t* primitiveIndexes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel);
 } // namespace kxLinearBVH
 

@@ -2,27 +2,41 @@
 
 #include "kxHighestBit.h"
 
+#include <algorithm>
+
 namespace kxLinearBVH
 {
 namespace
 {
+// How far ahead of its writes a level's stretch of records is fetched, in child pairs.
+constexpr uint32_t kStreamAhead = 64;
+
 // Level 1 splits on z, 2 on y, 3 on x, 4 on z again.
 constexpr uint32_t kAxisOfLevel[3] = {kxBBox::eAxisX, kxBBox::eAxisZ, kxBBox::eAxisY};
 
-// A split whose run has not ended yet: the level it splits at and the first of the two
-// records its halves got.
+// A split whose run has not ended yet: the level it splits at, the first of the two
+// records its halves got and the final words of its left half.
 struct OpenSplit
 {
     uint32_t children;
     unsigned level;
+    kxNodeWords left;
 };
+
+// The record of a run that ends where a split of the given level begins: the right half
+// of the split before it when that one is deeper, else the left half of the new split.
+// Chosen without a branch, as which one it is follows the codes and cannot be predicted.
+inline uint32_t halfEndingHere(const OpenSplit& before, unsigned level, uint32_t children)
+{
+    const uint32_t deeper = before.level > level ? ~0u : 0u;
+    return ((before.children + 1u) & deeper) | (children & ~deeper);
+}
 } // namespace
 
 size_t kxEmittedTree::footprint(uint32_t quantity)
 {
     const size_t leaves = quantity > 0 ? quantity : 1u;
-    return kxBuildArena::footprint(2u * leaves * sizeof(kxNodeWords)) +
-           kxBuildArena::footprint(quantity * sizeof(uint32_t)) + kxBuildArena::footprint(leaves * sizeof(uint32_t));
+    return kxBuildArena::footprint(2u * leaves * sizeof(kxNodeWords)) + kxBuildArena::footprint(leaves * sizeof(uint32_t));
 }
 
 kxRunLevels::kxRunLevels(unsigned levels, uint32_t quantity, kxBuildArena& arena)
@@ -73,14 +87,15 @@ uint64_t kxRunLevels::workingBufferBytes() const
     return 8u * entries;
 }
 
-bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCancelInterfaceReadOnly* cancel)
+bool kxRunLevels::emit(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
+                       const kx::kxCancelInterfaceReadOnly* cancel)
 {
     tree.leafCount = distinctCodes();
     tree.records = arena.allocate<kxNodeWords>(2u * tree.leafCount);
-    // There are fewer pairs than primitives: the room is sized for the leaf table.
-    tree.parentOfPair = arena.allocate<uint32_t>(mQuantity);
+    tree.pairRank = arena.allocate<uint32_t>(tree.leafCount);
     kxNodeWords* records = tree.records;
-    uint32_t* parentOfPair = tree.parentOfPair;
+    uint32_t* survives = tree.pairRank;
+    const auto lastRecord = static_cast<uint32_t>(2u * tree.leafCount - 1u);
 
     // The pairs of each level follow those of all lower levels.
     uint32_t nextChildren[kMaxLevels + 1];
@@ -95,13 +110,35 @@ bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCan
     // a split of a lower level between them (inside one run the bit of a level flips
     // once), so there is at most one per level. The run a split cuts reaches from the
     // nearest split of a lower level on its left to the nearest one on its right.
-    OpenSplit open[kMaxLevels + 1];
-    unsigned depth = 0;
+    // Below them lies a guard of level 0, shallower than every split, whose right half is
+    // the root: the runs that end with no split left open are the root's.
+    OpenSplit open[kMaxLevels + 2];
+    open[0] = {~0u, 0u, {}};
+    unsigned depth = 1;
+    uint32_t axisOfLevel[kMaxLevels + 1];
+    for (unsigned level = 0; level <= mLevels; ++level)
+        axisOfLevel[level] = kAxisOfLevel[level % 3];
+    // The words of the node completed last, leaf or closed split: the left half of a split
+    // opened next, or the right half of a split closed next.
+    kxNodeWords completed;
+    const auto completeLeaf = [&](uint32_t record, uint32_t first, uint32_t count)
+    {
+        completed = {first | kxGNode::eLeafMark, count};
+        records[record] = completed;
+    };
+    // A split closes when both its halves are final, so fusing decides here, bottom-up: the
+    // split becomes a leaf over both halves' runs when both are leaves with at most the
+    // limit together. The left half's run comes first.
     const auto close = [&](const OpenSplit& split, uint32_t record)
     {
-        records[record].offset = (split.children & kxGNode::eIndexMask) | kAxisOfLevel[split.level % 3];
-        records[record].count = split.children + 1u;
-        parentOfPair[split.children >> 1] = record;
+        const kxNodeWords& left = split.left;
+        const uint64_t sum = uint64_t{left.count} + completed.count;
+        const bool fuse = left.offset >= kxGNode::eLeafMark && completed.offset >= kxGNode::eLeafMark &&
+                          sum <= maxPrimitivesPerLeaf;
+        survives[split.children >> 1] = fuse ? 0u : 1u;
+        completed.offset = fuse ? left.offset : (split.children & kxGNode::eIndexMask) | axisOfLevel[split.level];
+        completed.count = fuse ? static_cast<uint32_t>(sum) : split.children + 1u;
+        records[record] = completed;
     };
 
     uint32_t runStart = 0;
@@ -116,33 +153,33 @@ bool kxRunLevels::emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCan
                 continue;
             const uint32_t children = nextChildren[level];
             nextChildren[level] += 2u;
+            // Each level fills its own stretch of records from left to right, too many
+            // stretches at once for the hardware to see them coming.
+            const uint32_t ahead = std::min(children + 2u * kStreamAhead, lastRecord);
+            prefetchForWrite(records + ahead);
+            prefetchForWrite(survives + (ahead >> 1));
             // The run ending at j is a leaf of the tree: the right half of the previous
             // split if that one is deeper, else the left half of this one.
-            const uint32_t leaf = depth > 0 && open[depth - 1].level > level ? open[depth - 1].children + 1u : children;
-            records[leaf].offset = runStart | kxGNode::eLeafMark;
-            records[leaf].count = j + 1u - runStart;
+            completeLeaf(halfEndingHere(open[depth - 1], level, children), runStart, j + 1u - runStart);
             runStart = j + 1u;
             // The runs of deeper splits end here. Each cut the right half of the split below
             // it when that one is deeper too, else the left half of this split.
-            while (depth > 0 && open[depth - 1].level > level)
+            while (open[depth - 1].level > level)
             {
                 --depth;
-                const bool belowIsDeeper = depth > 0 && open[depth - 1].level > level;
-                close(open[depth], belowIsDeeper ? open[depth - 1].children + 1u : children);
+                close(open[depth], halfEndingHere(open[depth - 1], level, children));
             }
-            open[depth++] = {children, level};
+            open[depth++] = {children, level, completed};
         }
         // One poll per level, spread over the sweep: as often as emitting level after level.
         if (part + 1u < mLevels && cancelled(cancel))
             return false;
     }
-    const uint32_t lastLeaf = depth > 0 ? open[depth - 1].children + 1u : 0u;
-    records[lastLeaf].offset = runStart | kxGNode::eLeafMark;
-    records[lastLeaf].count = mQuantity - runStart;
-    while (depth > 0)
+    completeLeaf(open[depth - 1].children + 1u, runStart, mQuantity - runStart);
+    while (depth > 1)
     {
         --depth;
-        close(open[depth], depth > 0 ? open[depth - 1].children + 1u : 0u);
+        close(open[depth], open[depth - 1].children + 1u);
     }
     return mLevels == 0 || !cancelled(cancel);
 }

@@ -20,17 +20,14 @@ struct kxNodeWords
 /// for the passes that follow emission. Records 0 .. 2 * leafCount - 2 are the tree; the
 /// last record is a spare that is never written. Child pairs are numbered in allocation
 /// order: pair q holds records 2q + 1 and 2q + 2, and a pair's children pairs come after
-/// it, so descending pair order is bottom-up and reads children in array order.
+/// it.
 struct kxEmittedTree
 {
     uint64_t leafCount = 0;
     kxNodeWords* records = nullptr; // 2 * leafCount
-    // leafCount - 1 entries, in room for one per primitive. Once fusing has decided, the
-    // room holds instead the number of the fused tree's leaf at each position (leafAt).
-    uint32_t* parentOfPair = nullptr;
-    uint32_t* leafAt = nullptr;
-    // Filled by fusing, leafCount entries: entry q is the number of child pairs before
-    // pair q that survive, and pair q survives when entries q and q + 1 differ.
+    // leafCount entries. Emission marks with 1 every child pair that survives fusing (the
+    // last entry is left alone); fusing turns the marks into ranks: entry q the number of
+    // surviving pairs before pair q, so that pair q survives when entries q and q + 1 differ.
     uint32_t* pairRank = nullptr;
 
     /// The arena space of a tree over quantity primitives, at most.
@@ -72,10 +69,13 @@ public:
     uint64_t workingBufferBytes() const;
 
     /// Writes the words of every record of the tree into tree.records (2 * distinctCodes()
-    /// of them) and the parent of every child pair, taking both from the arena. The records
-    /// are those that emitting level after level would leave; they are found in one sweep
-    /// over the positions, polling levels() times on the way. False when cancelled.
-    bool emit(kxEmittedTree& tree, kxBuildArena& arena, const kx::kxCancelInterfaceReadOnly* cancel);
+    /// of them) and marks the child pairs that survive fusing with maxPrimitivesPerLeaf,
+    /// taking the tree's arrays from the arena. The records are those that emitting level
+    /// after level, then fusing every subtree of at most maxPrimitivesPerLeaf primitives
+    /// into a leaf would leave; they are found in one sweep over the positions, polling
+    /// levels() times on the way. False when cancelled.
+    bool emit(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
+              const kx::kxCancelInterfaceReadOnly* cancel);
 
 private:
     unsigned mLevels;

@@ -273,6 +273,54 @@ TEST(LinearBuilder, MatchesAPlainReferenceLogsItsMemoryUseAndStopsAtEveryPoll)
         }
 }
 
+// Scenes big enough that the sort keeps splitting buckets many digits deep, in random
+// order and in the neighbourly order of a tessellated surface, through the interface and
+// through the triangle container the builder reads directly.
+TEST(LinearBuilder, MatchesAPlainReferenceOnLargeScenes)
+{
+    kx::kxCapturingLog quiet;
+    quiet.install();
+    constexpr uint32_t kQuantity = 100000;
+    std::vector<Scene> scenes = makeScenes(kQuantity, 99);
+    // A wavy sheet of 316 x 316 quads, triangles numbered row by row.
+    std::vector<Wm4::Vector3<float>> corners;
+    constexpr int kSide = 316;
+    for (int row = 0; row < kSide; ++row)
+        for (int column = 0; column < kSide; ++column)
+            for (const auto& [dx, dz] : {std::pair(0, 0), {1, 0}, {0, 1}, {1, 1}, {0, 1}, {1, 0}})
+            {
+                const float x = float(column + dx), z = float(row + dz);
+                corners.emplace_back(x, 8.0f * std::sin(0.05f * x) * std::cos(0.03f * z), z);
+            }
+    std::vector<unsigned int> indices(corners.size());
+    std::iota(indices.begin(), indices.end(), 0u);
+    const kx::kxPointer<kx::kxTriMesh> sheet = kxtest::makeMesh(corners, indices);
+    const kxBVHTriangleContainer sheetContainer(*sheet);
+    std::vector<kxBBox> sheetBoxes;
+    for (uint32_t t = 0; t < sheetContainer.getQuantity(); ++t)
+        sheetBoxes.push_back(sheetContainer.getBBox(t));
+    scenes.push_back({"tessellated sheet", sheetBoxes});
+
+    for (const auto& [name, boxes] : scenes)
+    {
+        const kxtest::BoxContainer boxContainer(boxes);
+        const bool isSheet = name == "tessellated sheet";
+        const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface& container =
+            isSheet ? static_cast<const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&>(sheetContainer)
+                    : boxContainer;
+        for (unsigned bits : {10u, 20u, 30u})
+            for (uint32_t limit : {1u, 4u})
+            {
+                SCOPED_TRACE(name + ", bits " + std::to_string(bits) + ", leaf limit " + std::to_string(limit));
+                kxLinearGenericBVHBuilder builder;
+                builder.setMaxPrimitivesPerLeaf(limit);
+                kxGenericBVH bvh;
+                ASSERT_TRUE(builder.build(container, bvh, nullptr, bits));
+                ASSERT_TRUE(sameHierarchy(bvh, buildReference(boxes, bits, limit).bvh));
+            }
+    }
+}
+
 // The builder reads the boxes of the exact triangle container without a virtual call; a
 // subclass that answers with other boxes must still be asked.
 TEST(LinearBuilder, BuildsFromTriangleContainersAndTheirSubclasses)
