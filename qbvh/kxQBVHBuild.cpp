@@ -64,8 +64,9 @@ bool layOut(const kxGenericBVH& bvh, Layout& layout)
 // Writes the collapse in one forward sweep over the binary records. A record's number
 // (four-wide node or first group) is the count of those before it, and its slot in its
 // four-wide parent, numbered earlier, was handed down to it. Groups come out front to
-// back and nodes nearly so. The corners of leaves ahead are prefetched in two steps: the
-// index triples of their triangles, then the vertices those name.
+// back and nodes nearly so. Leaves wait in a short queue before their groups are written,
+// and their data is prefetched on the way through it: the primitive numbers when they
+// join, the index triples those name a few leaves later, then the vertices.
 class ForwardCollapse
 {
 public:
@@ -86,13 +87,6 @@ public:
         uint32_t nodeCount = 0, groupCount = 0;
         for (uint32_t n = 0; n < B; ++n)
         {
-            if (mIndices)
-            {
-                if (n + kCornersAhead < B)
-                    prefetchLeaf(n + kCornersAhead, false);
-                if (n + kPositionsAhead < B)
-                    prefetchLeaf(n + kPositionsAhead, true);
-            }
             const uint8_t depth = mDepth[n];
             if (depth == eUnreached)
                 continue;
@@ -101,8 +95,8 @@ public:
             {
                 if (n != 0)
                     fillSlot(n, groupCount, groupsFor(binary.count), depth == eOdd);
-                if (mIndices)
-                    fillLeaf(binary, groupCount);
+                if (mIndices && fillsGroups(binary.count))
+                    enqueue(binary, groupCount);
                 groupCount += groupsFor(binary.count);
                 continue;
             }
@@ -121,32 +115,57 @@ public:
             mSlot[leftChild(binary)] = childSlot;
             mSlot[rightChild(binary)] = childSlot + step;
         }
+        for (uint32_t i = mQueued > kQueue ? mQueued - kQueue : 0; i < mQueued; ++i)
+            fillLeaf(mQueue[i % kQueueMax]);
+        streamFence();
     }
 
 private:
-    // Records ahead of the one being written whose leaves are prefetched.
-    static constexpr uint32_t kCornersAhead = 24;
-    static constexpr uint32_t kPositionsAhead = 10;
+    struct QueuedLeaf
+    {
+        const uint32_t* primitives;
+        uint32_t count;
+        uint32_t firstGroup;
+    };
+
+    // Leaves a leaf waits behind before its groups are written, and the places in the
+    // queue where its index triples and its vertices are prefetched.
+    static constexpr uint32_t kQueue = 16;
+    static constexpr uint32_t kCornersAt = 4;
+    static constexpr uint32_t kPositionsAt = 10;
+    static constexpr uint32_t kQueueMax = 32;
     // Leaves larger than this are prefetched in part; their later groups wait on memory.
     static constexpr uint32_t kPrefetchedPerLeaf = 8;
 
-    // Inlined by force: GCC takes a function that only prefetches for one without effects
-    // and drops the calls to it.
-    [[gnu::always_inline]] void prefetchLeaf(uint32_t n, bool positions) const
+    // Inlined by force, as the prefetches below: GCC takes a function that only prefetches
+    // for one without effects and drops the calls to it.
+    [[gnu::always_inline]] void enqueue(const kxGNode& leaf, uint32_t firstGroup)
     {
-        const kxGNode& binary = mBVH.mNodes[n];
-        if (mDepth[n] == eUnreached || !isLeaf(binary) || !fillsGroups(binary.count))
-            return;
-        const uint32_t* primitives = mBVH.mPrimitiveIndices.data() + (binary.offset & kxGNode::eIndexMask);
-        const uint32_t count = std::min(binary.count, kPrefetchedPerLeaf);
+        const uint32_t* primitives = mBVH.mPrimitiveIndices.data() + (leaf.offset & kxGNode::eIndexMask);
+        prefetch(primitives);
+        mQueue[mQueued % kQueueMax] = {primitives, leaf.count, firstGroup};
+        ++mQueued;
+        if (mQueued > kCornersAt)
+            prefetchCorners(mQueue[(mQueued - 1 - kCornersAt) % kQueueMax]);
+        if (mQueued > kPositionsAt)
+            prefetchPositions(mQueue[(mQueued - 1 - kPositionsAt) % kQueueMax]);
+        if (mQueued > kQueue)
+            fillLeaf(mQueue[(mQueued - 1 - kQueue) % kQueueMax]);
+    }
+
+    [[gnu::always_inline]] void prefetchCorners(const QueuedLeaf& leaf) const
+    {
+        const uint32_t count = std::min(leaf.count, kPrefetchedPerLeaf);
+        for (uint32_t i = 0; i < count; ++i)
+            prefetch(mCorners + 3 * static_cast<size_t>(leaf.primitives[i]));
+    }
+
+    [[gnu::always_inline]] void prefetchPositions(const QueuedLeaf& leaf) const
+    {
+        const uint32_t count = std::min(leaf.count, kPrefetchedPerLeaf);
         for (uint32_t i = 0; i < count; ++i)
         {
-            const unsigned int* corners = mCorners + 3 * static_cast<size_t>(primitives[i]);
-            if (!positions)
-            {
-                prefetch(corners);
-                continue;
-            }
+            const unsigned int* corners = mCorners + 3 * static_cast<size_t>(leaf.primitives[i]);
             for (int c = 0; c < 3; ++c)
                 prefetch(&mPositions.Position3(static_cast<int>(corners[c])));
         }
@@ -187,33 +206,33 @@ private:
         return v < mLastVertex ? vfloat4::loadUnaligned(p) : vfloat4::load3(p);
     }
 
-    void fillLeaf(const kxGNode& leaf, uint32_t firstGroup)
+    // The groups are written with streaming stores: nothing reads them back soon.
+    void fillLeaf(const QueuedLeaf& leaf)
     {
         const uint32_t n = leaf.count;
-        if (!fillsGroups(n))
-            return;
-        const uint32_t* primitives = mBVH.mPrimitiveIndices.data() + (leaf.offset & kxGNode::eIndexMask);
         const uint32_t groups = groupsFor(n);
         for (uint32_t g = 0; g < groups; ++g)
         {
-            const uint32_t group = firstGroup + g;
+            const uint32_t group = leaf.firstGroup + g;
             const uint32_t realLanes = std::min(n - 4 * g, 4u);
             // [corner][lane]; padding lanes have their corners at the origin.
             vfloat4 vertex[3][4];
+            alignas(16) uint32_t index[4];
             for (uint32_t lane = 0; lane < 4; ++lane)
             {
                 if (lane >= realLanes)
                 {
-                    mIndices[group].index[lane] = kNone;
+                    index[lane] = kNone;
                     vertex[0][lane] = vertex[1][lane] = vertex[2][lane] = vfloat4(0.0f);
                     continue;
                 }
-                const uint32_t t = primitives[4 * g + lane];
-                mIndices[group].index[lane] = t;
+                const uint32_t t = leaf.primitives[4 * g + lane];
+                index[lane] = t;
                 const unsigned int* corners = mCorners + 3 * static_cast<size_t>(t);
                 for (int c = 0; c < 3; ++c)
                     vertex[c][lane] = position(corners[c]);
             }
+            vuint4::load(index).stream(mIndices[group].index);
             vfloat4 corner[3][3];
             for (int c = 0; c < 3; ++c)
                 transpose3(vertex[c][0], vertex[c][1], vertex[c][2], vertex[c][3], corner[c][0], corner[c][1],
@@ -221,9 +240,12 @@ private:
             if (mVertices)
                 for (int c = 0; c < 3; ++c)
                     for (int a = 0; a < 3; ++a)
-                        corner[c][a].store(mVertices[group].corner[c][a]);
+                        corner[c][a].stream(mVertices[group].corner[c][a]);
             if (mEquations)
-                writeEquations(corner, realLanes, mEquations[group]);
+            {
+                float(*eq)[4] = mEquations[group].eq;
+                computeEquations(corner, realLanes, [eq](int row, vfloat4 value) { value.stream(eq[row]); });
+            }
         }
     }
 
@@ -238,6 +260,8 @@ private:
     uint32_t mLastVertex;
     /// Per record: four-wide node * 4 + slot, set by its parent.
     std::unique_ptr<uint32_t[]> mSlot;
+    QueuedLeaf mQueue[kQueueMax];
+    uint32_t mQueued = 0;
 };
 } // namespace
 

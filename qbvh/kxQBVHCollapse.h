@@ -41,11 +41,14 @@ inline bool fillsGroups(uint32_t primitiveCount)
     return primitiveCount != 0 && primitiveCount < 0xFFFFFFFDu;
 }
 
-// The equations of a group's four triangles at once, from their corners ([corner][axis]), each lane computed with the
-// operations, in the order, that fix its rounding; lanes from realLanes on get the padding
-// that no ray can hit (its u-plane gives u = -1 everywhere).
-inline void writeEquations(const kxSimd::vfloat4 (&corner)[3][3], uint32_t realLanes,
-                           kxQBVH::tSOATriangleEquations& block)
+// The equations of a group's four triangles at once, from their corners ([corner][axis]),
+// each row handed to put(row, value). Each lane is computed with the operations, in the
+// order, that fix its rounding; lanes from realLanes on get the padding that no ray can hit
+// (its u-plane gives u = -1 everywhere). Where two NaNs meet, the one kept depends on the
+// order in which the compiler takes the operands, so the sign of a NaN may differ between
+// the places this is inlined.
+template <typename Put>
+inline void computeEquations(const kxSimd::vfloat4 (&corner)[3][3], uint32_t realLanes, Put put)
 {
     using namespace kxSimd;
     const vfloat4 c0x = corner[0][0], c0y = corner[0][1], c0z = corner[0][2];
@@ -76,30 +79,28 @@ inline void writeEquations(const kxSimd::vfloat4 (&corner)[3][3], uint32_t realL
 
     const vfloat4 uc = -(ux * c0x + uy * c0y + uz * c0z), vc = -(vx * c0x + vy * c0y + vz * c0z);
 
-    float(*eq)[4] = block.eq;
     if (realLanes == 4)
     {
-        nx.store(eq[0]), ny.store(eq[1]), nz.store(eq[2]), d.store(eq[3]);
-        ux.store(eq[4]), uy.store(eq[5]), uz.store(eq[6]), uc.store(eq[7]);
-        vx.store(eq[8]), vy.store(eq[9]), vz.store(eq[10]), vc.store(eq[11]);
+        put(0, nx), put(1, ny), put(2, nz), put(3, d);
+        put(4, ux), put(5, uy), put(6, uz), put(7, uc);
+        put(8, vx), put(9, vy), put(10, vz), put(11, vc);
         return;
     }
     const vmask4 real = laneBelow(realLanes);
     const vfloat4 zero(0.0f), minusOne(-1.0f);
-    select(real, nx, zero).store(eq[0]);
-    select(real, ny, zero).store(eq[1]);
-    select(real, nz, zero).store(eq[2]);
-    select(real, d, vfloat4(std::numeric_limits<float>::infinity())).store(eq[3]);
-    select(real, ux, zero).store(eq[4]);
-    select(real, uy, zero).store(eq[5]);
-    select(real, uz, zero).store(eq[6]);
-    select(real, uc, minusOne).store(eq[7]);
-    select(real, vx, zero).store(eq[8]);
-    select(real, vy, zero).store(eq[9]);
-    select(real, vz, zero).store(eq[10]);
-    select(real, vc, minusOne).store(eq[11]);
+    put(0, select(real, nx, zero));
+    put(1, select(real, ny, zero));
+    put(2, select(real, nz, zero));
+    put(3, select(real, d, vfloat4(std::numeric_limits<float>::infinity())));
+    put(4, select(real, ux, zero));
+    put(5, select(real, uy, zero));
+    put(6, select(real, uz, zero));
+    put(7, select(real, uc, minusOne));
+    put(8, select(real, vx, zero));
+    put(9, select(real, vy, zero));
+    put(10, select(real, vz, zero));
+    put(11, select(real, vc, minusOne));
 }
-
 
 // The same from corners stored [corner][axis][lane], as the vertex block holds them.
 inline void writeEquations(const float (&corner)[3][3][4], uint32_t realLanes, kxQBVH::tSOATriangleEquations& block)
@@ -108,7 +109,7 @@ inline void writeEquations(const float (&corner)[3][3][4], uint32_t realLanes, k
     for (int c = 0; c < 3; ++c)
         for (int a = 0; a < 3; ++a)
             rows[c][a] = kxSimd::vfloat4::load(corner[c][a]);
-    writeEquations(rows, realLanes, block);
+    computeEquations(rows, realLanes, [&block](int row, kxSimd::vfloat4 value) { value.store(block.eq[row]); });
 }
 } // namespace kxQBVHCollapse
 

@@ -24,7 +24,15 @@ struct vfloat4
     /// (p[0], p[1], p[2], 0), reading only those three.
     static vfloat4 load3(const float* p) { return vfloat4(_mm_set_ps(0.0f, p[2], p[1], p[0])); }
     void store(float* aligned) const { _mm_store_ps(aligned, v); }
+    /// A store that bypasses the caches, for large arrays written once front to back;
+    /// streamFence orders such stores before what follows.
+    void stream(float* aligned) const { _mm_stream_ps(aligned, v); }
 };
+
+inline void streamFence()
+{
+    _mm_sfence();
+}
 
 /// Lanes 0 to 2 of four vectors turned into three: x = (a0, b0, c0, d0), y = (a1, ...), z = (a2, ...).
 inline void transpose3(vfloat4 a, vfloat4 b, vfloat4 c, vfloat4 d, vfloat4& x, vfloat4& y, vfloat4& z)
@@ -106,6 +114,7 @@ struct vuint4
         return vuint4(_mm_load_si128(reinterpret_cast<const __m128i*>(aligned)));
     }
     void store(uint32_t* aligned) const { _mm_store_si128(reinterpret_cast<__m128i*>(aligned), v); }
+    void stream(uint32_t* aligned) const { _mm_stream_si128(reinterpret_cast<__m128i*>(aligned), v); }
 };
 
 inline vuint4 select(vmask4 m, vuint4 a, vuint4 b)
