@@ -4,6 +4,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -29,6 +30,27 @@ void releaseAligned(T*& p)
 {
     free(p);
     p = nullptr;
+}
+
+// A rebuild writes into a block it already holds when that fits and wastes little (an
+// eighth, or the slack of a huge-page alignment): its pages are faulted in already, and
+// faulting fresh ones costs about as much as filling them. Others are freed.
+template <typename T>
+void keepIfFitting(T*& p, size_t count)
+{
+    if (!p)
+        return;
+    const size_t bytes = count * sizeof(T);
+    const size_t held = malloc_usable_size(p);
+    if (bytes > held || held - bytes > std::max(held / 8, kxMemory::kHugePage))
+        releaseAligned(p);
+}
+
+template <typename T>
+void allocateIfMissing(T*& p, size_t count)
+{
+    if (!p)
+        p = allocateAligned<T>(count);
 }
 
 template <typename T>
@@ -90,15 +112,28 @@ void kxQBVH::release()
 
 void kxQBVH::allocate(tQBVHDataFlags flags, unsigned int nodeCount, unsigned int groupCount)
 {
-    release();
-    mDataFlags = flags;
-    mNodes = allocateAligned<tQBVHNode>(nodeCount);
+    // Everything that goes is freed before anything is made.
+    keepIfFitting(mNodes, nodeCount);
     if (flags & eTrianglesVertices)
-        mTriangleVertices = allocateAligned<tSOATriangleVertices>(groupCount);
+        keepIfFitting(mTriangleVertices, groupCount);
+    else
+        releaseAligned(mTriangleVertices);
     if (flags & eTrianglesEquations)
-        mTriangleEquations = allocateAligned<tSOATriangleEquations>(groupCount);
+        keepIfFitting(mTriangleEquations, groupCount);
+    else
+        releaseAligned(mTriangleEquations);
     if (flags & (eTrianglesVertices | eTrianglesEquations))
-        mTriangleIndices = allocateAligned<tSOATriangleIndices>(groupCount);
+        keepIfFitting(mTriangleIndices, groupCount);
+    else
+        releaseAligned(mTriangleIndices);
+    mDataFlags = flags;
+    allocateIfMissing(mNodes, nodeCount);
+    if (flags & eTrianglesVertices)
+        allocateIfMissing(mTriangleVertices, groupCount);
+    if (flags & eTrianglesEquations)
+        allocateIfMissing(mTriangleEquations, groupCount);
+    if (flags & (eTrianglesVertices | eTrianglesEquations))
+        allocateIfMissing(mTriangleIndices, groupCount);
     mNodeCount = nodeCount;
     mGroupCount = groupCount;
 }

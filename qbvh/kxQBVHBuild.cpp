@@ -1,110 +1,268 @@
 #include "kxQBVH.h"
+#include "kxQBVHCollapse.h"
+#include "kxQBVHReference.h"
 #include "kxSimd4.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <vector>
 
+using namespace kxQBVHCollapse;
 using namespace kxSimd;
 
 namespace
 {
-constexpr uint32_t kNone = 0xFFFFFFFFu;
-
-bool isLeaf(const kxGNode& node)
+// Depth parity of the binary records reached from the root. The four-wide nodes are the
+// inner records at even depth; a leaf at odd depth is a child of one and fills two of its
+// slots (itself and an empty one), any other reached record fills one.
+enum Depth : uint8_t
 {
-    return (node.offset & kxGNode::eKindMask) == kxGNode::eLeafMark;
-}
+    eUnreached = 0,
+    eEven = 1,
+    eOdd = 2
+};
 
-// (count + 3) >> 2 in 32 bits: counts of 0xFFFFFFFD and more wrap to no groups, which the
-// leaf fill then skips as well.
-uint32_t groupsFor(uint32_t primitiveCount)
+struct Layout
 {
-    return (primitiveCount + 3u) >> 2;
-}
+    std::vector<uint8_t> depth;
+    uint32_t nodeCount = 0;
+    uint32_t groupCount = 0;
+};
 
-// Binary nodes that fill the four slots of the four-wide node made from inner node n:
-// each child's own children when it is inner, else the child itself and an empty slot.
-void slotNodes(const kxGenericBVH& bvh, uint32_t n, uint32_t slots[4])
+// Sizes the four-wide tree in one forward sweep. Numbering in binary node order in one
+// more sweep needs every record reached once and after its parent, as the builders lay
+// them out; false for any other tree.
+bool layOut(const kxGenericBVH& bvh, Layout& layout)
 {
-    const kxGNode& node = bvh.mNodes[n];
-    const uint32_t children[2] = {node.offset & kxGNode::eIndexMask, node.count & kxGNode::eRightChildMask};
-    for (int side = 0; side < 2; ++side)
+    const size_t B = bvh.mNodes.size();
+    layout.depth.assign(B, eUnreached);
+    layout.depth[0] = eEven;
+    for (size_t n = 0; n < B; ++n)
     {
-        const kxGNode& child = bvh.mNodes[children[side]];
-        if (isLeaf(child))
+        const uint8_t depth = layout.depth[n];
+        if (depth == eUnreached)
+            continue;
+        const kxGNode& node = bvh.mNodes[n];
+        if (isLeaf(node))
         {
-            slots[2 * side] = children[side];
-            slots[2 * side + 1] = kNone;
+            layout.groupCount += groupsFor(node.count);
+            continue;
         }
-        else
+        layout.nodeCount += depth == eEven;
+        for (const uint32_t child : {leftChild(node), rightChild(node)})
         {
-            slots[2 * side] = child.offset & kxGNode::eIndexMask;
-            slots[2 * side + 1] = child.count & kxGNode::eRightChildMask;
+            if (child <= n || child >= B || layout.depth[child] != eUnreached)
+                return false;
+            layout.depth[child] = depth == eEven ? eOdd : eEven;
         }
     }
+    return true;
 }
 
-// The equations of a group's four triangles at once, each lane computed with the
-// operations, in the order, that fix its rounding; lanes from realLanes on get the padding
-// that no ray can hit (its u-plane gives u = -1 everywhere).
-void writeEquations(const float (&corner)[3][3][4], uint32_t realLanes, kxQBVH::tSOATriangleEquations& block)
+// Writes the collapse in one forward sweep over the binary records. A record's number
+// (four-wide node or first group) is the count of those before it, and its slot in its
+// four-wide parent, numbered earlier, was handed down to it. Groups come out front to
+// back and nodes nearly so. Leaves wait in a short queue before their groups are written,
+// and their data is prefetched on the way through it: the primitive numbers when they
+// join, the index triples those name a few leaves later, then the vertices.
+class ForwardCollapse
 {
-    const vfloat4 c0x = vfloat4::load(corner[0][0]), c0y = vfloat4::load(corner[0][1]), c0z = vfloat4::load(corner[0][2]);
-    const vfloat4 e1x = vfloat4::load(corner[1][0]) - c0x, e1y = vfloat4::load(corner[1][1]) - c0y,
-                  e1z = vfloat4::load(corner[1][2]) - c0z;
-    const vfloat4 e2x = vfloat4::load(corner[2][0]) - c0x, e2y = vfloat4::load(corner[2][1]) - c0y,
-                  e2z = vfloat4::load(corner[2][2]) - c0z;
-    const vfloat4 mx = e1y * e2z - e1z * e2y;
-    const vfloat4 my = e1z * e2x - e1x * e2z;
-    const vfloat4 mz = e1x * e2y - e1y * e2x;
-    const vfloat4 len = sqrt(mx * mx + my * my + mz * mz);
-
-    // A degenerate triangle (or a NaN) keeps its unnormalised normal and d = 1.
-    const vfloat4 one(1.0f);
-    const vmask4 normalised = len > vfloat4(0.0f);
-    const vfloat4 inv = one / len;
-    const vfloat4 nx = select(normalised, mx * inv, mx), ny = select(normalised, my * inv, my),
-                  nz = select(normalised, mz * inv, mz);
-    const vfloat4 d = select(normalised, -(c0x * nx + c0y * ny + c0z * nz), one);
-
-    const vfloat4 a = one / (e1x * e1x + e1y * e1y + e1z * e1z);
-    const vfloat4 b = one / (e2x * e2x + e2y * e2y + e2z * e2z);
-    const vfloat4 c = e1x * e2x + e1y * e2y + e1z * e2z;
-    const vfloat4 s = one / (one - a * c * (c * b));
-
-    const vfloat4 u1 = a * s, u2 = -(c * b) * a * s;
-    const vfloat4 ux = u1 * e1x + u2 * e2x, uy = u1 * e1y + u2 * e2y, uz = u1 * e1z + u2 * e2z;
-    const vfloat4 v1 = -(a * c) * b * s, v2 = b * s;
-    const vfloat4 vx = v1 * e1x + v2 * e2x, vy = v1 * e1y + v2 * e2y, vz = v1 * e1z + v2 * e2z;
-
-    const vfloat4 uc = -(ux * c0x + uy * c0y + uz * c0z), vc = -(vx * c0x + vy * c0y + vz * c0z);
-
-    float(*eq)[4] = block.eq;
-    if (realLanes == 4)
+public:
+    ForwardCollapse(const kxGenericBVH& bvh, const Layout& layout, const kx::kxTriMesh& mesh,
+                    kxQBVH::tQBVHNode* nodes, kxQBVH::tSOATriangleVertices* vertices,
+                    kxQBVH::tSOATriangleEquations* equations, kxQBVH::tSOATriangleIndices* indices)
+        : mBVH(bvh), mDepth(layout.depth.data()), mPositions(*mesh.GetVertexBuffer()),
+          mCorners(mesh.GetIndexBuffer()->GetData()), mNodes(nodes), mVertices(vertices), mEquations(equations),
+          mIndices(indices),
+          mLastVertex(static_cast<uint32_t>(std::max(mesh.GetVertexBuffer()->GetVertexQuantity(), 1) - 1)),
+          mSlot(new uint32_t[bvh.mNodes.size()])
     {
-        nx.store(eq[0]), ny.store(eq[1]), nz.store(eq[2]), d.store(eq[3]);
-        ux.store(eq[4]), uy.store(eq[5]), uz.store(eq[6]), uc.store(eq[7]);
-        vx.store(eq[8]), vy.store(eq[9]), vz.store(eq[10]), vc.store(eq[11]);
-        return;
     }
-    const vmask4 real = laneBelow(realLanes);
-    const vfloat4 zero(0.0f), minusOne(-1.0f);
-    select(real, nx, zero).store(eq[0]);
-    select(real, ny, zero).store(eq[1]);
-    select(real, nz, zero).store(eq[2]);
-    select(real, d, vfloat4(std::numeric_limits<float>::infinity())).store(eq[3]);
-    select(real, ux, zero).store(eq[4]);
-    select(real, uy, zero).store(eq[5]);
-    select(real, uz, zero).store(eq[6]);
-    select(real, uc, minusOne).store(eq[7]);
-    select(real, vx, zero).store(eq[8]);
-    select(real, vy, zero).store(eq[9]);
-    select(real, vz, zero).store(eq[10]);
-    select(real, vc, minusOne).store(eq[11]);
-}
+
+    void run()
+    {
+        const uint32_t B = static_cast<uint32_t>(mBVH.mNodes.size());
+        uint32_t nodeCount = 0, groupCount = 0;
+        for (uint32_t n = 0; n < B; ++n)
+        {
+            const uint8_t depth = mDepth[n];
+            if (depth == eUnreached)
+                continue;
+            const kxGNode& binary = mBVH.mNodes[n];
+            if (isLeaf(binary))
+            {
+                if (n != 0)
+                    fillSlot(n, groupCount, groupsFor(binary.count), depth == eOdd);
+                if (mIndices && fillsGroups(binary.count))
+                    enqueue(binary, groupCount);
+                groupCount += groupsFor(binary.count);
+                continue;
+            }
+            uint32_t childSlot;
+            if (depth == eEven)
+            {
+                if (n != 0)
+                    fillSlot(n, nodeCount, kNone, false);
+                childSlot = 4 * nodeCount++;
+            }
+            else
+                childSlot = mSlot[n];
+            // An odd record's children take its slot and the next; an even one's children
+            // head a pair each.
+            const uint32_t step = depth == eEven ? 2 : 1;
+            mSlot[leftChild(binary)] = childSlot;
+            mSlot[rightChild(binary)] = childSlot + step;
+        }
+        for (uint32_t i = mQueued > kQueue ? mQueued - kQueue : 0; i < mQueued; ++i)
+            fillLeaf(mQueue[i % kQueueMax]);
+        streamFence();
+    }
+
+private:
+    struct QueuedLeaf
+    {
+        const uint32_t* primitives;
+        uint32_t count;
+        uint32_t firstGroup;
+    };
+
+    // Leaves a leaf waits behind before its groups are written, and the places in the
+    // queue where its index triples and its vertices are prefetched.
+    static constexpr uint32_t kQueue = 16;
+    static constexpr uint32_t kCornersAt = 4;
+    static constexpr uint32_t kPositionsAt = 10;
+    static constexpr uint32_t kQueueMax = 32;
+    // Leaves larger than this are prefetched in part; their later groups wait on memory.
+    static constexpr uint32_t kPrefetchedPerLeaf = 8;
+
+    // Inlined by force, as the prefetches below: GCC takes a function that only prefetches
+    // for one without effects and drops the calls to it.
+    [[gnu::always_inline]] void enqueue(const kxGNode& leaf, uint32_t firstGroup)
+    {
+        const uint32_t* primitives = mBVH.mPrimitiveIndices.data() + (leaf.offset & kxGNode::eIndexMask);
+        prefetch(primitives);
+        mQueue[mQueued % kQueueMax] = {primitives, leaf.count, firstGroup};
+        ++mQueued;
+        if (mQueued > kCornersAt)
+            prefetchCorners(mQueue[(mQueued - 1 - kCornersAt) % kQueueMax]);
+        if (mQueued > kPositionsAt)
+            prefetchPositions(mQueue[(mQueued - 1 - kPositionsAt) % kQueueMax]);
+        if (mQueued > kQueue)
+            fillLeaf(mQueue[(mQueued - 1 - kQueue) % kQueueMax]);
+    }
+
+    [[gnu::always_inline]] void prefetchCorners(const QueuedLeaf& leaf) const
+    {
+        const uint32_t count = std::min(leaf.count, kPrefetchedPerLeaf);
+        for (uint32_t i = 0; i < count; ++i)
+            prefetch(mCorners + 3 * static_cast<size_t>(leaf.primitives[i]));
+    }
+
+    [[gnu::always_inline]] void prefetchPositions(const QueuedLeaf& leaf) const
+    {
+        const uint32_t count = std::min(leaf.count, kPrefetchedPerLeaf);
+        for (uint32_t i = 0; i < count; ++i)
+        {
+            const unsigned int* corners = mCorners + 3 * static_cast<size_t>(leaf.primitives[i]);
+            for (int c = 0; c < 3; ++c)
+                prefetch(&mPositions.Position3(static_cast<int>(corners[c])));
+        }
+    }
+
+    // Record n's box, child and count in the slot handed down to it; a leaf child of a
+    // four-wide node leaves the slot after its own empty.
+    void fillSlot(uint32_t n, uint32_t child, uint32_t count, bool emptyNext)
+    {
+        const uint32_t slot = mSlot[n];
+        kxQBVH::tQBVHNode& node = mNodes[slot >> 2];
+        const uint32_t k = slot & 3;
+        const kxBBox& box = mBVH.mNodes[n].bbox;
+        for (int a = 0; a < 3; ++a)
+        {
+            node.bboxMin[a][k] = box.min[a];
+            node.bboxMax[a][k] = box.max[a];
+        }
+        node.child[k] = child;
+        node.count[k] = count;
+        if (!emptyNext)
+            return;
+        const kxBBox empty;
+        for (int a = 0; a < 3; ++a)
+        {
+            node.bboxMin[a][k + 1] = empty.min[a];
+            node.bboxMax[a][k + 1] = empty.max[a];
+        }
+        node.child[k + 1] = kNone;
+        node.count[k + 1] = 0;
+    }
+
+    // Vertex v as (x, y, z, any). The buffer's last vertex is read alone, so that no load
+    // reaches past the buffer's end.
+    vfloat4 position(unsigned int v) const
+    {
+        const float* p = &mPositions.Position3(static_cast<int>(v))[0];
+        return v < mLastVertex ? vfloat4::loadUnaligned(p) : vfloat4::load3(p);
+    }
+
+    // The groups are written with streaming stores: nothing reads them back soon.
+    void fillLeaf(const QueuedLeaf& leaf)
+    {
+        const uint32_t n = leaf.count;
+        const uint32_t groups = groupsFor(n);
+        for (uint32_t g = 0; g < groups; ++g)
+        {
+            const uint32_t group = leaf.firstGroup + g;
+            const uint32_t realLanes = std::min(n - 4 * g, 4u);
+            // [corner][lane]; padding lanes have their corners at the origin.
+            vfloat4 vertex[3][4];
+            alignas(16) uint32_t index[4];
+            for (uint32_t lane = 0; lane < 4; ++lane)
+            {
+                if (lane >= realLanes)
+                {
+                    index[lane] = kNone;
+                    vertex[0][lane] = vertex[1][lane] = vertex[2][lane] = vfloat4(0.0f);
+                    continue;
+                }
+                const uint32_t t = leaf.primitives[4 * g + lane];
+                index[lane] = t;
+                const unsigned int* corners = mCorners + 3 * static_cast<size_t>(t);
+                for (int c = 0; c < 3; ++c)
+                    vertex[c][lane] = position(corners[c]);
+            }
+            vuint4::load(index).stream(mIndices[group].index);
+            vfloat4 corner[3][3];
+            for (int c = 0; c < 3; ++c)
+                transpose3(vertex[c][0], vertex[c][1], vertex[c][2], vertex[c][3], corner[c][0], corner[c][1],
+                           corner[c][2]);
+            if (mVertices)
+                for (int c = 0; c < 3; ++c)
+                    for (int a = 0; a < 3; ++a)
+                        corner[c][a].stream(mVertices[group].corner[c][a]);
+            if (mEquations)
+            {
+                float(*eq)[4] = mEquations[group].eq;
+                computeEquations(corner, realLanes, [eq](int row, vfloat4 value) { value.stream(eq[row]); });
+            }
+        }
+    }
+
+    const kxGenericBVH& mBVH;
+    const uint8_t* mDepth;
+    const kx::kxVertexBuffer& mPositions;
+    const unsigned int* mCorners;
+    kxQBVH::tQBVHNode* mNodes;
+    kxQBVH::tSOATriangleVertices* mVertices;
+    kxQBVH::tSOATriangleEquations* mEquations;
+    kxQBVH::tSOATriangleIndices* mIndices;
+    uint32_t mLastVertex;
+    /// Per record: four-wide node * 4 + slot, set by its parent.
+    std::unique_ptr<uint32_t[]> mSlot;
+    QueuedLeaf mQueue[kQueueMax];
+    uint32_t mQueued = 0;
+};
 } // namespace
 
 void kxQBVH::buildFromBVH(tQBVHDataFlags flags, const kxGenericBVH& bvh, const kx::kxTriMesh& mesh)
@@ -115,154 +273,18 @@ void kxQBVH::buildFromBVH(tQBVHDataFlags flags, const kxGenericBVH& bvh, const k
         mBBox = kxBBox();
         return;
     }
-
-    const size_t B = bvh.mNodes.size();
-    std::vector<uint32_t> nodeMarks(B + 1, 0);
-    std::vector<uint32_t> groupCounts(B + 1, 0);
-    std::vector<uint32_t> pending;
-    uint32_t totalGroups = 0;
-
-    const kxGNode& root = bvh.mNodes[0];
-    if (isLeaf(root))
+    bool laidOut;
     {
-        groupCounts[1] = groupsFor(root.count);
-        totalGroups = groupCounts[1];
-    }
-    else
-    {
-        nodeMarks[1] = 1;
-        pending.push_back(0);
-        while (!pending.empty())
+        Layout layout;
+        laidOut = layOut(bvh, layout);
+        if (laidOut)
         {
-            const uint32_t n = pending.back();
-            pending.pop_back();
-            uint32_t slots[4];
-            slotNodes(bvh, n, slots);
-            for (uint32_t s : slots)
-            {
-                if (s == kNone)
-                    continue;
-                const kxGNode& node = bvh.mNodes[s];
-                if (isLeaf(node))
-                {
-                    groupCounts[s + 1] = groupsFor(node.count);
-                    totalGroups += groupCounts[s + 1];
-                }
-                else
-                {
-                    nodeMarks[s + 1] = 1;
-                    pending.push_back(s);
-                }
-            }
+            allocate(flags, layout.nodeCount, layout.groupCount);
+            ForwardCollapse(bvh, layout, mesh, mNodes, mTriangleVertices, mTriangleEquations, mTriangleIndices).run();
         }
     }
-
-    // Running sums number four-wide nodes and leaf groups in binary node order.
-    for (size_t i = 1; i <= B; ++i)
-    {
-        nodeMarks[i] += nodeMarks[i - 1];
-        groupCounts[i] += groupCounts[i - 1];
-    }
-
-    allocate(flags, nodeMarks[B], totalGroups);
-
-    const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
-    const unsigned int* indices = mesh.GetIndexBuffer()->GetData();
-    auto fillLeaf = [&](const kxGNode& leaf, uint32_t firstGroup) {
-        const uint32_t n = leaf.count;
-        if (n == 0 || n >= 0xFFFFFFFDu)
-            return;
-        const uint32_t* primitives = bvh.mPrimitiveIndices.data() + (leaf.offset & kxGNode::eIndexMask);
-        const uint32_t groups = groupsFor(n);
-        for (uint32_t g = 0; g < groups; ++g)
-        {
-            const uint32_t group = firstGroup + g;
-            const uint32_t realLanes = std::min(n - 4 * g, 4u);
-            // [corner][axis][lane], as the vertex block stores them; padding lanes hold zeros.
-            alignas(16) float corner[3][3][4];
-            alignas(16) uint32_t index[4];
-            for (uint32_t lane = 0; lane < 4; ++lane)
-            {
-                if (lane >= realLanes)
-                {
-                    index[lane] = kNone;
-                    for (int c = 0; c < 3; ++c)
-                        corner[c][0][lane] = corner[c][1][lane] = corner[c][2][lane] = 0.0f;
-                    continue;
-                }
-                const uint32_t t = primitives[4 * g + lane];
-                index[lane] = t;
-                const unsigned int* corners = indices + 3 * static_cast<size_t>(t);
-                const Wm4::Vector3<float>& p0 = vertices.Position3(static_cast<int>(corners[0]));
-                const Wm4::Vector3<float>& p1 = vertices.Position3(static_cast<int>(corners[1]));
-                const Wm4::Vector3<float>& p2 = vertices.Position3(static_cast<int>(corners[2]));
-                corner[0][0][lane] = p0[0], corner[0][1][lane] = p0[1], corner[0][2][lane] = p0[2];
-                corner[1][0][lane] = p1[0], corner[1][1][lane] = p1[1], corner[1][2][lane] = p1[2];
-                corner[2][0][lane] = p2[0], corner[2][1][lane] = p2[1], corner[2][2][lane] = p2[2];
-            }
-            vuint4::load(index).store(mTriangleIndices[group].index);
-            if (mTriangleVertices)
-                std::memcpy(mTriangleVertices[group].corner, corner, sizeof(corner));
-            if (mTriangleEquations)
-                writeEquations(corner, realLanes, mTriangleEquations[group]);
-        }
-    };
-
-    if (isLeaf(root))
-    {
-        if (mTriangleIndices)
-            fillLeaf(root, 0);
-    }
-    else
-    {
-        // Depth first, slots in order: leaves are filled in the order of their primitives,
-        // which keeps the reads of primitive numbers and vertices running forward.
-        pending.push_back(0);
-        while (!pending.empty())
-        {
-            const uint32_t n = pending.back();
-            pending.pop_back();
-            const kxGNode& binary = bvh.mNodes[n];
-            if (isLeaf(binary))
-            {
-                if (mTriangleIndices)
-                    fillLeaf(binary, groupCounts[n]);
-                continue;
-            }
-            tQBVHNode& node = mNodes[nodeMarks[n]];
-            uint32_t slots[4];
-            slotNodes(bvh, n, slots);
-            for (int k = 0; k < 4; ++k)
-            {
-                const uint32_t s = slots[k];
-                const kxBBox box = s == kNone ? kxBBox() : bvh.mNodes[s].bbox;
-                for (int a = 0; a < 3; ++a)
-                {
-                    node.bboxMin[a][k] = box.min[a];
-                    node.bboxMax[a][k] = box.max[a];
-                }
-                if (s == kNone)
-                {
-                    node.child[k] = kNone;
-                    node.count[k] = 0;
-                }
-                else if (isLeaf(bvh.mNodes[s]))
-                {
-                    node.child[k] = groupCounts[s];
-                    node.count[k] = groupCounts[s + 1] - groupCounts[s];
-                }
-                else
-                {
-                    node.child[k] = nodeMarks[s];
-                    node.count[k] = kNone;
-                }
-            }
-            for (int k = 3; k >= 0; --k)
-                if (slots[k] != kNone)
-                    pending.push_back(slots[k]);
-        }
-    }
-
+    if (!laidOut)
+        kxQBVHReference::collapse(*this, flags, bvh, mesh);
     if (!computeRootNodeBBox())
-        mBBox = root.bbox;
+        mBBox = bvh.mNodes[0].bbox;
 }

@@ -1,6 +1,7 @@
 // Scalar twins of kxQBVH's SIMD queries: the same algorithms written one lane and one
 // slot at a time, recursively, for tests to compare the fast paths against bit for bit.
-// They assume the hierarchy holds the data they need and log nothing.
+// They assume the hierarchy holds the data they need and log nothing. Beside them the
+// plain collapse, which buildFromBVH's must match word for word.
 #ifndef KXQBVHREFERENCE_H
 #define KXQBVHREFERENCE_H
 
@@ -26,6 +27,11 @@ bool intersectRaySymmetric(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin
                            unsigned int& triangle);
 
 bool intersectConvexHull(const kxQBVH& qbvh, const kxQBVH::tSOASinglePlaneEqn* set, unsigned int count);
+
+/// Allocates qbvh's arrays by flags and fills them from bvh: two depth-first walks and two
+/// running-sum arrays of one entry per binary record, for any node order. Leaves the box
+/// alone. buildFromBVH falls back to it for trees whose children do not follow their parent.
+void collapse(kxQBVH& qbvh, kxQBVH::tQBVHDataFlags flags, const kxGenericBVH& bvh, const kx::kxTriMesh& mesh);
 } // namespace kxQBVHReference
 
 #endif

@@ -19,8 +19,30 @@ struct vfloat4
     explicit vfloat4(float value) : v(_mm_set1_ps(value)) {}
 
     static vfloat4 load(const float* aligned) { return vfloat4(_mm_load_ps(aligned)); }
+    /// Four floats from any address.
+    static vfloat4 loadUnaligned(const float* p) { return vfloat4(_mm_loadu_ps(p)); }
+    /// (p[0], p[1], p[2], 0), reading only those three.
+    static vfloat4 load3(const float* p) { return vfloat4(_mm_set_ps(0.0f, p[2], p[1], p[0])); }
     void store(float* aligned) const { _mm_store_ps(aligned, v); }
+    /// A store that bypasses the caches, for large arrays written once front to back;
+    /// streamFence orders such stores before what follows.
+    void stream(float* aligned) const { _mm_stream_ps(aligned, v); }
 };
+
+inline void streamFence()
+{
+    _mm_sfence();
+}
+
+/// Lanes 0 to 2 of four vectors turned into three: x = (a0, b0, c0, d0), y = (a1, ...), z = (a2, ...).
+inline void transpose3(vfloat4 a, vfloat4 b, vfloat4 c, vfloat4 d, vfloat4& x, vfloat4& y, vfloat4& z)
+{
+    const __m128 ab01 = _mm_unpacklo_ps(a.v, b.v), cd01 = _mm_unpacklo_ps(c.v, d.v);
+    const __m128 ab23 = _mm_unpackhi_ps(a.v, b.v), cd23 = _mm_unpackhi_ps(c.v, d.v);
+    x = vfloat4(_mm_movelh_ps(ab01, cd01));
+    y = vfloat4(_mm_movehl_ps(cd01, ab01));
+    z = vfloat4(_mm_movelh_ps(ab23, cd23));
+}
 
 /// Lane masks: all bits set where a comparison held.
 struct vmask4
@@ -92,6 +114,7 @@ struct vuint4
         return vuint4(_mm_load_si128(reinterpret_cast<const __m128i*>(aligned)));
     }
     void store(uint32_t* aligned) const { _mm_store_si128(reinterpret_cast<__m128i*>(aligned), v); }
+    void stream(uint32_t* aligned) const { _mm_stream_si128(reinterpret_cast<__m128i*>(aligned), v); }
 };
 
 inline vuint4 select(vmask4 m, vuint4 a, vuint4 b)
