@@ -35,8 +35,10 @@ public:
 
     /// Thread-safe.
     void advance(uint64_t steps = 1) { mDone.fetch_add(steps, std::memory_order_relaxed); }
-    /// Reports activity without a known amount (moves the spinner). Thread-safe.
-    void tick() const { mTicks.fetch_add(1, std::memory_order_relaxed); }
+    /// Reports activity without a known amount (moves the spinner). Thread-safe. Builders
+    /// call it at every cancellation poll, millions of times a second: a plain load and
+    /// store, not a locked add, as a tick lost to a race only slows the spinner.
+    void tick() const { mTicks.store(mTicks.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
 
 private:
     void run();
