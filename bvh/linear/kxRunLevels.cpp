@@ -55,11 +55,15 @@ void kxRunLevels::count(const Code* sortedCodes)
     if (mQuantity < 2)
         return;
     const uint32_t pairs = mQuantity - 1u;
+    // Locals, as the byte stores could otherwise alias the members. Equal neighbours follow
+    // the geometry and cannot be predicted, so their level 0 is masked in, not branched to.
+    const unsigned levels = mLevels;
+    uint8_t* const pairLevel = mPairLevel;
     for (uint32_t j = 0; j < pairs; ++j)
     {
         const Code difference = sortedCodes[j] ^ sortedCodes[j + 1];
-        const unsigned level = difference ? mLevels - highestBit(difference) : 0u;
-        mPairLevel[j] = static_cast<uint8_t>(level);
+        const unsigned level = (levels - highestBit(difference | 1u)) & (difference != 0 ? ~0u : 0u);
+        pairLevel[j] = static_cast<uint8_t>(level);
         ++mSplitsAt[level];
     }
 }
