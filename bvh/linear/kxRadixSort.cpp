@@ -27,15 +27,32 @@ struct Entries
 template <typename Key>
 void insertionSort(Entries<Key> from, Entries<Key> to, size_t n)
 {
-    for (size_t i = 0; i < n; ++i)
+    if (n == 0)
+        return;
+    to.keys[0] = from.keys[0];
+    to.values[0] = from.values[0];
+    for (size_t i = 1; i < n; ++i)
     {
         const Key key = from.keys[i];
         const uint32_t value = from.values[i];
         size_t j = i;
-        for (; j > 0 && to.keys[j - 1] > key; --j)
+        // A key below the first goes first; any other stops at the first, so the walk down
+        // needs no bound check.
+        if (key < to.keys[0])
         {
-            to.keys[j] = to.keys[j - 1];
-            to.values[j] = to.values[j - 1];
+            for (; j > 0; --j)
+            {
+                to.keys[j] = to.keys[j - 1];
+                to.values[j] = to.values[j - 1];
+            }
+        }
+        else
+        {
+            for (; to.keys[j - 1] > key; --j)
+            {
+                to.keys[j] = to.keys[j - 1];
+                to.values[j] = to.values[j - 1];
+            }
         }
         to.keys[j] = key;
         to.values[j] = value;
