@@ -134,13 +134,15 @@ void kxLinearGenericBVHBuilder::gatherPrimitives(const tPrimitiveContainerInterf
     mSceneBox = kxBBox();
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(uint64_t{mQuantity} * 4u) << "B for "
                      << mQuantity << " primitives indexes";
-    withContainer(container, [this](const auto& exact) {
-        kxBoxLanes::Accumulator sceneBox;
-        for (uint32_t i = 0; i < mQuantity; ++i)
-        {
-            mPrimitiveIndexes[i] = i;
+    // Two tight loops: the index stores would otherwise make the box loop reload the count.
+    uint32_t* const indexes = mPrimitiveIndexes.data();
+    const uint32_t quantity = mQuantity;
+    for (uint32_t i = 0; i < quantity; ++i)
+        indexes[i] = i;
+    withContainer(container, [this, quantity](const auto& exact) {
+        kxBoxLanes::WholeBoxAccumulator sceneBox;
+        for (uint32_t i = 0; i < quantity; ++i)
             sceneBox.extend(boxOf(exact, i));
-        }
         sceneBox.store(mSceneBox);
     });
 }
