@@ -148,7 +148,7 @@ bool refit(std::vector<kxGNode>& nodes, uint64_t emitted, const Container& conta
         // box by the box it has just grown by changes nothing, and a loop that ends after
         // one to four steps at random would be mispredicted.
         const uint32_t* positions = leafPositions(node);
-        kxBoxLanes::Accumulator box;
+        kxBoxLanes::WholeBoxAccumulator box;
         if (node.count - 1u < kSmallLeaf)
             for (uint32_t i = 0; i < kSmallLeaf; ++i)
                 box.extend(boxOf(container, positions[std::min(i, node.count - 1u)]));
