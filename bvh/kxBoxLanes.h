@@ -54,9 +54,26 @@ private:
     __m128 mMax;
 };
 
-/// The union of whole boxes, each read as two 16-byte loads that stay inside its 24 bytes
-/// (min x, y, z, max x, and min z, max x, y, z): half the loads of Accumulator. The
-/// maximum sits in lanes 1 to 3 until stored; the comparisons are Accumulator's.
+/// A box's minimum in lanes 0 to 2 and its maximum in lanes 1 to 3, by two 16-byte loads
+/// that stay inside its 24 bytes (min x, y, z, max x and min z, max x, y, z).
+inline __m128 loadMinimum(const kxBBox& box)
+{
+    return _mm_loadu_ps(box.min);
+}
+inline __m128 loadShiftedMaximum(const kxBBox& box)
+{
+    const float* words = box.min;
+    return _mm_loadu_ps(words + 2);
+}
+
+/// store() for a maximum in lanes 1 to 3.
+inline void storeShifted(kxBBox& box, __m128 lo, __m128 shiftedHi)
+{
+    store(box, lo, _mm_shuffle_ps(shiftedHi, shiftedHi, _MM_SHUFFLE(3, 3, 2, 1)));
+}
+
+/// Accumulator over whole boxes with half its loads: the maximum sits in lanes 1 to 3
+/// until stored; the comparisons are Accumulator's.
 class WholeBoxAccumulator
 {
 public:
@@ -68,11 +85,10 @@ public:
 
     void extend(const kxBBox& box)
     {
-        const float* words = box.min;
-        mMin = _mm_min_ps(_mm_loadu_ps(words), mMin);
-        mMax = _mm_max_ps(_mm_loadu_ps(words + 2), mMax);
+        mMin = _mm_min_ps(loadMinimum(box), mMin);
+        mMax = _mm_max_ps(loadShiftedMaximum(box), mMax);
     }
-    void store(kxBBox& box) const { kxBoxLanes::store(box, mMin, _mm_shuffle_ps(mMax, mMax, _MM_SHUFFLE(3, 3, 2, 1))); }
+    void store(kxBBox& box) const { storeShifted(box, mMin, mMax); }
 
 private:
     __m128 mMin;

@@ -85,8 +85,9 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
 // left extended by right, with the comparisons of kxBBox::extend.
 inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 {
-    kxBoxLanes::store(target, _mm_min_ps(kxBoxLanes::load3(right.min), kxBoxLanes::load3(left.min)),
-                      _mm_max_ps(kxBoxLanes::load3(right.max), kxBoxLanes::load3(left.max)));
+    using namespace kxBoxLanes;
+    storeShifted(target, _mm_min_ps(loadMinimum(right), loadMinimum(left)),
+                 _mm_max_ps(loadShiftedMaximum(right), loadShiftedMaximum(left)));
 }
 } // namespace
 
