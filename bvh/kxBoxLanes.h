@@ -66,6 +66,13 @@ inline __m128 loadShiftedMaximum(const kxBBox& box)
     return _mm_loadu_ps(words + 2);
 }
 
+/// (min + max) * 0.5 in lanes 0 to 2, the operations of kxBBox::getCenter lane by lane.
+inline __m128 centre(const kxBBox& box)
+{
+    const __m128 hi = loadShiftedMaximum(box);
+    return _mm_mul_ps(_mm_add_ps(loadMinimum(box), _mm_shuffle_ps(hi, hi, _MM_SHUFFLE(3, 3, 2, 1))), _mm_set1_ps(0.5f));
+}
+
 /// store() for a maximum in lanes 1 to 3.
 inline void storeShifted(kxBBox& box, __m128 lo, __m128 shiftedHi)
 {

@@ -1,5 +1,6 @@
 #include "kxMortonCodes.h"
 
+#include "../kxBoxLanes.h"
 #include "kxLinearBuildSupport.h"
 
 #include <array>
@@ -66,10 +67,15 @@ static_assert(mortonCode64(0x1FFFFF, 0, 0) == 0x1249249249249249ull && mortonCod
 template <typename Code, typename Container>
 void computeMortonCodes(const Container& container, uint32_t quantity, const kxMortonGrid& grid, Code* codes)
 {
+    // The three axes' products in one register: lane by lane the scalar operations on the
+    // centre's coordinates, so the cells are theirs.
+    const __m128 origin = _mm_setr_ps(grid.origin[0], grid.origin[1], grid.origin[2], 0.0f);
+    const __m128 scale = _mm_set1_ps(grid.scale);
     for (uint32_t i = 0; i < quantity; ++i)
     {
-        const Wm4::Vector3<float> centre = boxOf(container, i).getCenter();
-        codes[i] = mortonCode<Code>(grid.cell(centre[0], 0), grid.cell(centre[1], 1), grid.cell(centre[2], 2));
+        const __m128 q = _mm_mul_ps(_mm_sub_ps(kxBoxLanes::centre(boxOf(container, i)), origin), scale);
+        codes[i] = mortonCode<Code>(grid.cellOfProduct(q), grid.cellOfProduct(_mm_shuffle_ps(q, q, 1)),
+                                    grid.cellOfProduct(_mm_movehl_ps(q, q)));
     }
 }
 

@@ -16,14 +16,14 @@ struct kxMortonGrid
 {
     kxMortonGrid(const kxBBox& scene, unsigned axisBits);
 
-    /// The cell of coordinate p on one axis: truncated to 64 bits, low 32 bits kept, clamped
-    /// to the last cell. NaN and out-of-range products (a flat scene, an empty box) land on
-    /// x86's integer indefinite, whose low half is 0; a product of -1 or less wraps around
-    /// and ends in the last cell. Both are kept on purpose.
-    uint32_t cell(float p, int axis) const
+    /// The cell of coordinate p on one axis, from lane 0 of the product (p - origin[axis])
+    /// * scale: truncated to 64 bits, low 32 bits kept, clamped to the last cell. NaN and
+    /// out-of-range products (a flat scene, an empty box) land on x86's integer indefinite,
+    /// whose low half is 0; a product of -1 or less wraps around and ends in the last cell.
+    /// Both are kept on purpose.
+    uint32_t cellOfProduct(__m128 product) const
     {
-        const int64_t q = _mm_cvttss_si64(_mm_set_ss((p - origin[axis]) * scale));
-        const uint32_t low = static_cast<uint32_t>(q);
+        const uint32_t low = static_cast<uint32_t>(_mm_cvttss_si64(product));
         return low < lastCell ? low : lastCell;
     }
 
