@@ -206,7 +206,26 @@ private:
         return v < mLastVertex ? vfloat4::loadUnaligned(p) : vfloat4::load3(p);
     }
 
-    // The groups are written with streaming stores: nothing reads them back soon.
+    // One lane of a group: its index and its corners, or the padding past the leaf's end.
+    [[gnu::always_inline]] void loadLane(const uint32_t* primitives, uint32_t lane, uint32_t realLanes,
+                                         vfloat4 (&vertex)[3][4], uint32_t (&index)[4]) const
+    {
+        if (lane >= realLanes)
+        {
+            vertex[0][lane] = vertex[1][lane] = vertex[2][lane] = vfloat4(0.0f);
+            return;
+        }
+        const uint32_t t = primitives[lane];
+        index[lane] = t;
+        const unsigned int* corners = mCorners + 3 * static_cast<size_t>(t);
+        vertex[0][lane] = position(corners[0]);
+        vertex[1][lane] = position(corners[1]);
+        vertex[2][lane] = position(corners[2]);
+    }
+
+    // The groups are written with streaming stores: nothing reads them back soon. The four
+    // lanes are spelt out rather than looped over: the loop's bookkeeping cost more than
+    // its loads.
     void fillLeaf(const QueuedLeaf& leaf)
     {
         const uint32_t n = leaf.count;
@@ -215,23 +234,14 @@ private:
         {
             const uint32_t group = leaf.firstGroup + g;
             const uint32_t realLanes = std::min(n - 4 * g, 4u);
+            const uint32_t* primitives = leaf.primitives + 4 * g;
             // [corner][lane]; padding lanes have their corners at the origin.
             vfloat4 vertex[3][4];
-            alignas(16) uint32_t index[4];
-            for (uint32_t lane = 0; lane < 4; ++lane)
-            {
-                if (lane >= realLanes)
-                {
-                    index[lane] = kNone;
-                    vertex[0][lane] = vertex[1][lane] = vertex[2][lane] = vfloat4(0.0f);
-                    continue;
-                }
-                const uint32_t t = leaf.primitives[4 * g + lane];
-                index[lane] = t;
-                const unsigned int* corners = mCorners + 3 * static_cast<size_t>(t);
-                for (int c = 0; c < 3; ++c)
-                    vertex[c][lane] = position(corners[c]);
-            }
+            alignas(16) uint32_t index[4] = {kNone, kNone, kNone, kNone};
+            loadLane(primitives, 0, realLanes, vertex, index);
+            loadLane(primitives, 1, realLanes, vertex, index);
+            loadLane(primitives, 2, realLanes, vertex, index);
+            loadLane(primitives, 3, realLanes, vertex, index);
             vuint4::load(index).stream(mIndices[group].index);
             vfloat4 corner[3][3];
             for (int c = 0; c < 3; ++c)
