@@ -73,7 +73,7 @@ public:
     ForwardCollapse(const kxGenericBVH& bvh, const Layout& layout, const kx::kxTriMesh& mesh,
                     kxQBVH::tQBVHNode* nodes, kxQBVH::tSOATriangleVertices* vertices,
                     kxQBVH::tSOATriangleEquations* equations, kxQBVH::tSOATriangleIndices* indices)
-        : mBVH(bvh), mDepth(layout.depth.data()), mPositions(*mesh.GetVertexBuffer()),
+        : mBVH(bvh), mDepth(layout.depth.data()), mPositions(positionsOf(*mesh.GetVertexBuffer())),
           mCorners(mesh.GetIndexBuffer()->GetData()), mNodes(nodes), mVertices(vertices), mEquations(equations),
           mIndices(indices),
           mLastVertex(static_cast<uint32_t>(std::max(mesh.GetVertexBuffer()->GetVertexQuantity(), 1) - 1)),
@@ -121,6 +121,13 @@ public:
     }
 
 private:
+    // Read through a plain pointer: through the buffer, every access reloads the vector's
+    // start, as the prefetches and streaming stores around it might have moved it.
+    static const float* positionsOf(const kx::kxVertexBuffer& buffer)
+    {
+        return buffer.GetVertexQuantity() > 0 ? &buffer.Position3(0)[0] : nullptr;
+    }
+
     struct QueuedLeaf
     {
         const uint32_t* primitives;
@@ -166,8 +173,9 @@ private:
         for (uint32_t i = 0; i < count; ++i)
         {
             const unsigned int* corners = mCorners + 3 * static_cast<size_t>(leaf.primitives[i]);
-            for (int c = 0; c < 3; ++c)
-                prefetch(&mPositions.Position3(static_cast<int>(corners[c])));
+            prefetch(mPositions + 3 * static_cast<size_t>(corners[0]));
+            prefetch(mPositions + 3 * static_cast<size_t>(corners[1]));
+            prefetch(mPositions + 3 * static_cast<size_t>(corners[2]));
         }
     }
 
@@ -202,7 +210,7 @@ private:
     // reaches past the buffer's end.
     vfloat4 position(unsigned int v) const
     {
-        const float* p = &mPositions.Position3(static_cast<int>(v))[0];
+        const float* p = mPositions + 3 * static_cast<size_t>(v);
         return v < mLastVertex ? vfloat4::loadUnaligned(p) : vfloat4::load3(p);
     }
 
@@ -261,7 +269,8 @@ private:
 
     const kxGenericBVH& mBVH;
     const uint8_t* mDepth;
-    const kx::kxVertexBuffer& mPositions;
+    /// x, y, z of each vertex in turn.
+    const float* mPositions;
     const unsigned int* mCorners;
     kxQBVH::tQBVHNode* mNodes;
     kxQBVH::tSOATriangleVertices* mVertices;
