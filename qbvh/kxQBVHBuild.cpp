@@ -121,8 +121,9 @@ public:
     }
 
 private:
-    // Read through a plain pointer: through the buffer, every access reloads the vector's
-    // start, as the prefetches and streaming stores around it might have moved it.
+    // Vertices are read through a plain pointer: read through the buffer, each access
+    // reloads the vector's start, which for all the compiler knows the stores around it
+    // might have changed.
     static const float* positionsOf(const kx::kxVertexBuffer& buffer)
     {
         return buffer.GetVertexQuantity() > 0 ? &buffer.Position3(0)[0] : nullptr;
