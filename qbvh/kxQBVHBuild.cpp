@@ -73,11 +73,11 @@ public:
     ForwardCollapse(const kxGenericBVH& bvh, const Layout& layout, const kx::kxTriMesh& mesh,
                     kxQBVH::tQBVHNode* nodes, kxQBVH::tSOATriangleVertices* vertices,
                     kxQBVH::tSOATriangleEquations* equations, kxQBVH::tSOATriangleIndices* indices)
-        : mBVH(bvh), mDepth(layout.depth.data()), mPositions(*mesh.GetVertexBuffer()),
+        : mBVH(bvh), mDepth(layout.depth.data()), mPositions(positionsOf(*mesh.GetVertexBuffer())),
           mCorners(mesh.GetIndexBuffer()->GetData()), mNodes(nodes), mVertices(vertices), mEquations(equations),
           mIndices(indices),
           mLastVertex(static_cast<uint32_t>(std::max(mesh.GetVertexBuffer()->GetVertexQuantity(), 1) - 1)),
-          mSlot(new uint32_t[bvh.mNodes.size()])
+          mNodeCount(layout.nodeCount), mSlot(new uint32_t[bvh.mNodes.size()])
     {
     }
 
@@ -121,6 +121,14 @@ public:
     }
 
 private:
+    // Vertices are read through a plain pointer: read through the buffer, each access
+    // reloads the vector's start, which for all the compiler knows the stores around it
+    // might have changed.
+    static const float* positionsOf(const kx::kxVertexBuffer& buffer)
+    {
+        return buffer.GetVertexQuantity() > 0 ? &buffer.Position3(0)[0] : nullptr;
+    }
+
     struct QueuedLeaf
     {
         const uint32_t* primitives;
@@ -136,6 +144,9 @@ private:
     static constexpr uint32_t kQueueMax = 32;
     // Leaves larger than this are prefetched in part; their later groups wait on memory.
     static constexpr uint32_t kPrefetchedPerLeaf = 8;
+    // Four-wide nodes have their slots filled nearly in order: filling one fetches the
+    // lines of the node this many further on, so that its first write does not wait.
+    static constexpr uint32_t kNodesAhead = 8;
 
     // Inlined by force, as the prefetches below: GCC takes a function that only prefetches
     // for one without effects and drops the calls to it.
@@ -166,8 +177,9 @@ private:
         for (uint32_t i = 0; i < count; ++i)
         {
             const unsigned int* corners = mCorners + 3 * static_cast<size_t>(leaf.primitives[i]);
-            for (int c = 0; c < 3; ++c)
-                prefetch(&mPositions.Position3(static_cast<int>(corners[c])));
+            prefetch(mPositions + 3 * static_cast<size_t>(corners[0]));
+            prefetch(mPositions + 3 * static_cast<size_t>(corners[1]));
+            prefetch(mPositions + 3 * static_cast<size_t>(corners[2]));
         }
     }
 
@@ -177,6 +189,8 @@ private:
     {
         const uint32_t slot = mSlot[n];
         kxQBVH::tQBVHNode& node = mNodes[slot >> 2];
+        if ((slot >> 2) + kNodesAhead < mNodeCount)
+            prefetchLines(&mNodes[(slot >> 2) + kNodesAhead], 2);
         const uint32_t k = slot & 3;
         const kxBBox& box = mBVH.mNodes[n].bbox;
         for (int a = 0; a < 3; ++a)
@@ -202,11 +216,30 @@ private:
     // reaches past the buffer's end.
     vfloat4 position(unsigned int v) const
     {
-        const float* p = &mPositions.Position3(static_cast<int>(v))[0];
+        const float* p = mPositions + 3 * static_cast<size_t>(v);
         return v < mLastVertex ? vfloat4::loadUnaligned(p) : vfloat4::load3(p);
     }
 
-    // The groups are written with streaming stores: nothing reads them back soon.
+    // One lane of a group: its index and its corners, or the padding past the leaf's end.
+    [[gnu::always_inline]] void loadLane(const uint32_t* primitives, uint32_t lane, uint32_t realLanes,
+                                         vfloat4 (&vertex)[3][4], uint32_t (&index)[4]) const
+    {
+        if (lane >= realLanes)
+        {
+            vertex[0][lane] = vertex[1][lane] = vertex[2][lane] = vfloat4(0.0f);
+            return;
+        }
+        const uint32_t t = primitives[lane];
+        index[lane] = t;
+        const unsigned int* corners = mCorners + 3 * static_cast<size_t>(t);
+        vertex[0][lane] = position(corners[0]);
+        vertex[1][lane] = position(corners[1]);
+        vertex[2][lane] = position(corners[2]);
+    }
+
+    // The groups are written with streaming stores: nothing reads them back soon. The four
+    // lanes are spelt out rather than looped over: the loop's bookkeeping cost more than
+    // its loads.
     void fillLeaf(const QueuedLeaf& leaf)
     {
         const uint32_t n = leaf.count;
@@ -215,23 +248,14 @@ private:
         {
             const uint32_t group = leaf.firstGroup + g;
             const uint32_t realLanes = std::min(n - 4 * g, 4u);
+            const uint32_t* primitives = leaf.primitives + 4 * g;
             // [corner][lane]; padding lanes have their corners at the origin.
             vfloat4 vertex[3][4];
-            alignas(16) uint32_t index[4];
-            for (uint32_t lane = 0; lane < 4; ++lane)
-            {
-                if (lane >= realLanes)
-                {
-                    index[lane] = kNone;
-                    vertex[0][lane] = vertex[1][lane] = vertex[2][lane] = vfloat4(0.0f);
-                    continue;
-                }
-                const uint32_t t = leaf.primitives[4 * g + lane];
-                index[lane] = t;
-                const unsigned int* corners = mCorners + 3 * static_cast<size_t>(t);
-                for (int c = 0; c < 3; ++c)
-                    vertex[c][lane] = position(corners[c]);
-            }
+            alignas(16) uint32_t index[4] = {kNone, kNone, kNone, kNone};
+            loadLane(primitives, 0, realLanes, vertex, index);
+            loadLane(primitives, 1, realLanes, vertex, index);
+            loadLane(primitives, 2, realLanes, vertex, index);
+            loadLane(primitives, 3, realLanes, vertex, index);
             vuint4::load(index).stream(mIndices[group].index);
             vfloat4 corner[3][3];
             for (int c = 0; c < 3; ++c)
@@ -251,13 +275,15 @@ private:
 
     const kxGenericBVH& mBVH;
     const uint8_t* mDepth;
-    const kx::kxVertexBuffer& mPositions;
+    /// x, y, z of each vertex in turn.
+    const float* mPositions;
     const unsigned int* mCorners;
     kxQBVH::tQBVHNode* mNodes;
     kxQBVH::tSOATriangleVertices* mVertices;
     kxQBVH::tSOATriangleEquations* mEquations;
     kxQBVH::tSOATriangleIndices* mIndices;
     uint32_t mLastVertex;
+    uint32_t mNodeCount;
     /// Per record: four-wide node * 4 + slot, set by its parent.
     std::unique_ptr<uint32_t[]> mSlot;
     QueuedLeaf mQueue[kQueueMax];
