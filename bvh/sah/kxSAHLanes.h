@@ -165,9 +165,103 @@ public:
         return _mm_or_si128(_mm_andnot_si128(beyondFinite, bucket), _mm_and_si128(beyondFinite, _mm_set1_epi32(2047)));
     }
 
+    /// Bit i set where key i falls in the bucket on target's lanes.
+    int matches(__m128 keys, __m128i target) const
+    {
+        return _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(of(keys), target)));
+    }
+
 private:
     __m128 mScale;
 };
+
+/// v on every lane.
+inline __m128 splat(float v)
+{
+    return _mm_set1_ps(v);
+}
+
+inline __m128 loadUnaligned(const float* p)
+{
+    return _mm_loadu_ps(p);
+}
+
+inline void storeUnaligned(float* p, __m128 v)
+{
+    _mm_storeu_ps(p, v);
+}
+
+inline void store(float out[4], __m128 v)
+{
+    _mm_store_ps(out, v);
+}
+
+inline __m128 add(__m128 a, __m128 b)
+{
+    return _mm_add_ps(a, b);
+}
+
+/// min(a, m) lane by lane, a being the newcomer.
+inline __m128 minimum(__m128 a, __m128 m)
+{
+    return _mm_min_ps(a, m);
+}
+
+/// The smallest of the four lanes, by minimum() of lane pairs and then of the pairs.
+inline float smallestLane(__m128 v)
+{
+    v = _mm_min_ps(_mm_shuffle_ps(v, v, _MM_SHUFFLE(1, 0, 3, 2)), v);
+    v = _mm_min_ps(_mm_shuffle_ps(v, v, _MM_SHUFFLE(2, 3, 0, 1)), v);
+    return _mm_cvtss_f32(v);
+}
+
+/// Four primitive counts, one an axis (lane 3 unused).
+inline __m128i loadCounts(const uint32_t* p)
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+
+inline __m128i addCounts(__m128i a, __m128i b)
+{
+    return _mm_add_epi32(a, b);
+}
+
+/// (min + max) * 0.5 - origin on axis a of four records r[0..3], one a lane: the median
+/// keys of kxSAHRecordBuild, as floats.
+inline __m128 medianKeys(const Record* r, int a, float origin)
+{
+    const __m128 lo = _mm_set_ps(r[3].min[a], r[2].min[a], r[1].min[a], r[0].min[a]);
+    const __m128 hi = _mm_set_ps(r[3].max[a], r[2].max[a], r[1].max[a], r[0].max[a]);
+    return _mm_sub_ps(_mm_mul_ps(_mm_add_ps(lo, hi), _mm_set1_ps(0.5f)), _mm_set1_ps(origin));
+}
+
+/// Keys are kept as their bit patterns.
+inline void storeKeys(uint32_t* keys, __m128 k)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(keys), _mm_castps_si128(k));
+}
+
+inline __m128 loadKeys(const uint32_t* keys)
+{
+    return _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(keys)));
+}
+
+/// The key with bit pattern bits on every lane.
+inline __m128 splatKey(uint32_t bits)
+{
+    return _mm_castsi128_ps(_mm_set1_epi32(static_cast<int>(bits)));
+}
+
+/// Bucket b on every lane, for KeyBuckets::matches.
+inline __m128i splatBucket(uint32_t b)
+{
+    return _mm_set1_epi32(static_cast<int>(b));
+}
+
+inline void storeBuckets(uint32_t out[4], __m128i buckets)
+{
+    _mm_store_si128(reinterpret_cast<__m128i*>(out), buckets);
+}
 
 /// Writes the box's three lanes as a kxBBox.
 inline void store(kxBBox& box, const Box& b)

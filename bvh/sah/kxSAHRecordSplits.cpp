@@ -54,12 +54,9 @@ float kxSAHRecordBuild::medianPosition(const kxBBox& box, uint32_t start, uint32
     uint32_t i = 0;
     for (; i + 4 <= count; i += 4)
     {
-        const Record* r = records + i;
-        const __m128 lo = _mm_set_ps(r[3].min[a], r[2].min[a], r[1].min[a], r[0].min[a]);
-        const __m128 hi = _mm_set_ps(r[3].max[a], r[2].max[a], r[1].max[a], r[0].max[a]);
-        const __m128 k = _mm_sub_ps(_mm_mul_ps(_mm_add_ps(lo, hi), _mm_set1_ps(0.5f)), _mm_set1_ps(origin));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(keys + i), _mm_castps_si128(k));
-        _mm_store_si128(reinterpret_cast<__m128i*>(bucket), buckets.of(k));
+        const __m128 k = medianKeys(records + i, a, origin);
+        storeKeys(keys + i, k);
+        storeBuckets(bucket, buckets.of(k));
         ++histogram[bucket[0]];
         ++histogram[bucket[1]];
         ++histogram[bucket[2]];
@@ -69,24 +66,21 @@ float kxSAHRecordBuild::medianPosition(const kxBBox& box, uint32_t start, uint32
     {
         const float k = (records[i].min[a] + records[i].max[a]) * 0.5f - origin;
         keys[i] = keyBits(k);
-        _mm_store_si128(reinterpret_cast<__m128i*>(bucket), buckets.of(_mm_set1_ps(k)));
+        storeBuckets(bucket, buckets.of(splat(k)));
         ++histogram[bucket[0]];
     }
     uint32_t rank = count >> 1;
-    const __m128i target = _mm_set1_epi32(static_cast<int>(selectDigit(histogram, rank)));
+    const __m128i target = splatBucket(selectDigit(histogram, rank));
     uint32_t n = 0;
     for (i = 0; i + 4 <= count; i += 4)
     {
-        const __m128 k = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(keys + i)));
-        for (int hit = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(buckets.of(k), target))); hit != 0;
-             hit &= hit - 1)
+        for (int hit = buckets.matches(loadKeys(keys + i), target); hit != 0; hit &= hit - 1)
             candidates[n++] = i + static_cast<uint32_t>(__builtin_ctz(static_cast<unsigned>(hit)));
     }
     for (; i < count; ++i)
     {
-        const __m128 k = _mm_castsi128_ps(_mm_set1_epi32(static_cast<int>(keys[i])));
         candidates[n] = i;
-        n += _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(buckets.of(k), target))) & 1;
+        n += buckets.matches(splatKey(keys[i]), target) & 1;
     }
     for (int level = 0; level < 3 && n > 1; ++level)
     {
@@ -190,7 +184,7 @@ void kxSAHRecordBuild::defaultCosts(float* planes)
     const Box* const y = x + bins;
     const Box* const z = y + bins;
     const uint32_t* const counts = mLaneCounts.data();
-    const auto countsAt = [&](uint32_t j) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(counts + 4 * j)); };
+    const auto countsAt = [&](uint32_t j) { return loadCounts(counts + 4 * j); };
     float* const rightCosts = mRightCosts.data();
     Box3 right(x[bins - 1], y[bins - 1], z[bins - 1]);
     __m128i nRight = countsAt(bins - 1);
@@ -199,9 +193,9 @@ void kxSAHRecordBuild::defaultCosts(float* planes)
         if (k < bins - 1)
         {
             right.sweep(x[k], y[k], z[k]);
-            nRight = _mm_add_epi32(nRight, countsAt(k));
+            nRight = addCounts(nRight, countsAt(k));
         }
-        _mm_storeu_ps(rightCosts + 4 * k, right.defaultCosts(nRight));
+        storeUnaligned(rightCosts + 4 * k, right.defaultCosts(nRight));
     }
     Box3 left(x[0], y[0], z[0]);
     __m128i nLeft = countsAt(0);
@@ -210,10 +204,10 @@ void kxSAHRecordBuild::defaultCosts(float* planes)
         if (j > 0)
         {
             left.sweep(x[j], y[j], z[j]);
-            nLeft = _mm_add_epi32(nLeft, countsAt(j));
+            nLeft = addCounts(nLeft, countsAt(j));
         }
         alignas(16) float cost[4];
-        _mm_store_ps(cost, _mm_add_ps(left.defaultCosts(nLeft), _mm_loadu_ps(rightCosts + 4 * (j + 1))));
+        store(cost, add(left.defaultCosts(nLeft), loadUnaligned(rightCosts + 4 * (j + 1))));
         planes[j] = cost[0];
         planes[bins + j] = cost[1];
         planes[2 * bins + j] = cost[2];
@@ -231,13 +225,11 @@ bool kxSAHRecordBuild::findSplitPlane(const kxBBox& box, uint32_t count, kxBBox:
     // The first of the cheapest planes, as a scan that takes only strictly cheaper ones
     // finds it; NaN costs never win. The slot after each axis's last plane holds +inf.
     const uint32_t slots = 3u * bins;
-    __m128 cheapest = _mm_set1_ps(std::numeric_limits<float>::infinity());
+    __m128 cheapest = splat(std::numeric_limits<float>::infinity());
     uint32_t i = 0;
     for (; i + 4 <= slots; i += 4)
-        cheapest = _mm_min_ps(_mm_loadu_ps(planes + i), cheapest);
-    cheapest = _mm_min_ps(_mm_shuffle_ps(cheapest, cheapest, _MM_SHUFFLE(1, 0, 3, 2)), cheapest);
-    cheapest = _mm_min_ps(_mm_shuffle_ps(cheapest, cheapest, _MM_SHUFFLE(2, 3, 0, 1)), cheapest);
-    float best = _mm_cvtss_f32(cheapest);
+        cheapest = minimum(loadUnaligned(planes + i), cheapest);
+    float best = smallestLane(cheapest);
     for (; i < slots; ++i)
         best = planes[i] < best ? planes[i] : best;
     float leafCost;
