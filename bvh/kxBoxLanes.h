@@ -27,6 +27,26 @@ inline void store(kxBBox& box, __m128 lo, __m128 hi)
     _mm_storel_pi(reinterpret_cast<__m64*>(box.max + 1), _mm_shuffle_ps(hi, hi, _MM_SHUFFLE(3, 3, 2, 1)));
 }
 
+/// The empty box's minimum and maximum lanes.
+inline __m128 emptyMinimum()
+{
+    return _mm_set1_ps(std::numeric_limits<float>::infinity());
+}
+inline __m128 emptyMaximum()
+{
+    return _mm_set1_ps(-std::numeric_limits<float>::infinity());
+}
+
+/// kxBBox::extend's comparisons lane by lane, with the newcomer first.
+inline __m128 lower(__m128 newcomer, __m128 m)
+{
+    return _mm_min_ps(newcomer, m);
+}
+inline __m128 upper(__m128 newcomer, __m128 m)
+{
+    return _mm_max_ps(newcomer, m);
+}
+
 /// A box grown in registers, from the empty box.
 class Accumulator
 {

@@ -2,6 +2,8 @@
 
 #include "kxHQClip.h"
 
+#include "kxHQLanes.h"
+
 #include "../kxBoxLanes.h"
 
 #include <algorithm>
@@ -44,24 +46,18 @@ enum class Kind
 
 inline __m128 centreOf(const kxBBox& box)
 {
-    const __m128 half = _mm_set1_ps(0.5f);
-    return _mm_add_ps(_mm_mul_ps(kxBoxLanes::load3(box.min), half), _mm_mul_ps(kxBoxLanes::load3(box.max), half));
+    return kxHQLanes::centre(kxBoxLanes::load3(box.min), kxBoxLanes::load3(box.max));
 }
 
 // Centroid bins of the three axes at once: kBins equal parts from lo, scale bins per unit;
 // a NaN lands in bin 0.
 struct Binning
 {
-    __m128 lo = _mm_setzero_ps(), scale = _mm_setzero_ps();
+    __m128 lo = kxHQLanes::zero(), scale = kxHQLanes::zero();
 
     void bins(__m128 boxLo, __m128 boxHi, int* out) const
     {
-        const __m128 half = _mm_set1_ps(0.5f);
-        const __m128 centre = _mm_add_ps(_mm_mul_ps(boxLo, half), _mm_mul_ps(boxHi, half));
-        __m128 k = _mm_mul_ps(_mm_sub_ps(centre, lo), scale);
-        // max(k, 0) is 0 for a NaN k; the upper clamp keeps the conversion in range.
-        k = _mm_min_ps(_mm_max_ps(k, _mm_setzero_ps()), _mm_set1_ps(float(kBins - 1)));
-        _mm_store_si128(reinterpret_cast<__m128i*>(out), _mm_cvttps_epi32(k));
+        kxHQLanes::binsOf(kxHQLanes::centre(boxLo, boxHi), lo, scale, float(kBins - 1), out);
     }
 };
 
@@ -261,7 +257,7 @@ private:
             const float inverse = float(kBins / extent);
             scale[a] = extent > 0.0 && std::isfinite(inverse) && inverse > 0.0f ? inverse : 0.0f;
         }
-        const Binning binning{kxBoxLanes::load3(bounds.min), _mm_loadu_ps(scale)};
+        const Binning binning{kxBoxLanes::load3(bounds.min), kxHQLanes::loadUnaligned(scale)};
         alignas(16) int bin[4];
         for (uint32_t i = 0; i < n; ++i)
         {
@@ -270,8 +266,8 @@ private:
             for (int a = 0; a < 3; ++a)
             {
                 ++mBinCounts[a][bin[a]];
-                mBinLo[a][bin[a]] = _mm_min_ps(lo, mBinLo[a][bin[a]]);
-                mBinHi[a][bin[a]] = _mm_max_ps(hi, mBinHi[a][bin[a]]);
+                mBinLo[a][bin[a]] = kxBoxLanes::lower(lo, mBinLo[a][bin[a]]);
+                mBinHi[a][bin[a]] = kxBoxLanes::upper(hi, mBinHi[a][bin[a]]);
             }
         }
         Split best;
@@ -300,8 +296,8 @@ private:
         for (int b = 0; b < count; ++b)
         {
             mBinCounts[a][b] = 0;
-            mBinLo[a][b] = _mm_set1_ps(HUGE_VALF);
-            mBinHi[a][b] = _mm_set1_ps(-HUGE_VALF);
+            mBinLo[a][b] = kxBoxLanes::emptyMinimum();
+            mBinHi[a][b] = kxBoxLanes::emptyMaximum();
         }
     }
 
@@ -313,24 +309,24 @@ private:
     {
         __m128 rightLo[kBins], rightHi[kBins];
         uint32_t rightCount[kBins];
-        __m128 accLo = _mm_set1_ps(HUGE_VALF), accHi = _mm_set1_ps(-HUGE_VALF);
+        __m128 accLo = kxBoxLanes::emptyMinimum(), accHi = kxBoxLanes::emptyMaximum();
         uint32_t accCount = 0;
         for (int b = count - 1; b > 0; --b)
         {
-            accLo = _mm_min_ps(lo[b], accLo);
-            accHi = _mm_max_ps(hi[b], accHi);
+            accLo = kxBoxLanes::lower(lo[b], accLo);
+            accHi = kxBoxLanes::upper(hi[b], accHi);
             accCount += counts[b];
             rightLo[b] = accLo;
             rightHi[b] = accHi;
             rightCount[b] = accCount;
         }
-        accLo = _mm_set1_ps(HUGE_VALF);
-        accHi = _mm_set1_ps(-HUGE_VALF);
+        accLo = kxBoxLanes::emptyMinimum();
+        accHi = kxBoxLanes::emptyMaximum();
         accCount = 0;
         for (int b = 1; b < count; ++b)
         {
-            accLo = _mm_min_ps(lo[b - 1], accLo);
-            accHi = _mm_max_ps(hi[b - 1], accHi);
+            accLo = kxBoxLanes::lower(lo[b - 1], accLo);
+            accHi = kxBoxLanes::upper(hi[b - 1], accHi);
             accCount += counts[b - 1];
             if (accCount == 0 || rightCount[b] == 0)
                 continue;
@@ -363,20 +359,20 @@ private:
             for (uint32_t i = 1; i < n; ++i)
                 for (uint32_t j = i; j > 0 && key[order[j]] < key[order[j - 1]]; --j)
                     std::swap(order[j], order[j - 1]);
-            __m128 lo = _mm_set1_ps(HUGE_VALF), hi = _mm_set1_ps(-HUGE_VALF);
+            __m128 lo = kxBoxLanes::emptyMinimum(), hi = kxBoxLanes::emptyMaximum();
             for (uint32_t i = n; i-- > 1;)
             {
-                lo = _mm_min_ps(kxBoxLanes::load3(refs[order[i]].box.min), lo);
-                hi = _mm_max_ps(kxBoxLanes::load3(refs[order[i]].box.max), hi);
+                lo = kxBoxLanes::lower(kxBoxLanes::load3(refs[order[i]].box.min), lo);
+                hi = kxBoxLanes::upper(kxBoxLanes::load3(refs[order[i]].box.max), hi);
                 kxBoxLanes::store(right[i], lo, hi);
             }
-            lo = _mm_set1_ps(HUGE_VALF);
-            hi = _mm_set1_ps(-HUGE_VALF);
+            lo = kxBoxLanes::emptyMinimum();
+            hi = kxBoxLanes::emptyMaximum();
             kxBBox left;
             for (uint32_t i = 1; i < n; ++i)
             {
-                lo = _mm_min_ps(kxBoxLanes::load3(refs[order[i - 1]].box.min), lo);
-                hi = _mm_max_ps(kxBoxLanes::load3(refs[order[i - 1]].box.max), hi);
+                lo = kxBoxLanes::lower(kxBoxLanes::load3(refs[order[i - 1]].box.min), lo);
+                hi = kxBoxLanes::upper(kxBoxLanes::load3(refs[order[i - 1]].box.max), hi);
                 kxBoxLanes::store(left, lo, hi);
                 const double cost = halfArea(left) * groups(i) + halfArea(right[i]) * groups(n - i);
                 if (cost < best.cost)
