@@ -5,10 +5,6 @@
 
 #include <cstdint>
 
-#if defined(__x86_64__)
-#include <xmmintrin.h>
-#endif
-
 namespace kx
 {
 namespace detail
@@ -32,22 +28,6 @@ inline void grow(kxBBox& box, const kxBBox& b)
         box.min[k] = b.min[k] < box.min[k] ? b.min[k] : box.min[k];
         box.max[k] = b.max[k] > box.max[k] ? b.max[k] : box.max[k];
     }
-}
-
-/// Truncation toward zero to 64 bits, low 32 bits kept. NaN and out-of-range values give
-/// the integer indefinite 0x8000000000000000, whose low half is 0: on an axis of zero
-/// extent (0 * infinity) everything lands in bin 0.
-inline uint32_t truncateToLow32(float v)
-{
-#if defined(__x86_64__)
-    // The conversion instruction itself: no range test on the hot path.
-    return static_cast<uint32_t>(_mm_cvttss_si64(_mm_set_ss(v)));
-#else
-    constexpr float kTwo63 = 9223372036854775808.0f;
-    if (v >= -kTwo63 && v < kTwo63)
-        return static_cast<uint32_t>(static_cast<uint64_t>(static_cast<int64_t>(v)));
-    return 0u;
-#endif
 }
 } // namespace detail
 } // namespace kx

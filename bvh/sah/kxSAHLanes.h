@@ -90,7 +90,23 @@ inline __m128 offsetScaled(__m128 v, __m128 origin, __m128 scale)
     return _mm_mul_ps(_mm_sub_ps(v, origin), scale);
 }
 
-/// kx::detail::truncateToLow32 of lanes 0-2. The 32-bit conversion agrees with it below
+/// Truncation toward zero to 64 bits, low 32 bits kept. NaN and out-of-range values give
+/// the integer indefinite 0x8000000000000000, whose low half is 0: on an axis of zero
+/// extent (0 * infinity) everything lands in bin 0.
+inline uint32_t truncateToLow32(float v)
+{
+#if defined(__x86_64__)
+    // The conversion instruction itself: no range test on the hot path.
+    return static_cast<uint32_t>(_mm_cvttss_si64(_mm_set_ss(v)));
+#else
+    constexpr float kTwo63 = 9223372036854775808.0f;
+    if (v >= -kTwo63 && v < kTwo63)
+        return static_cast<uint32_t>(static_cast<uint64_t>(static_cast<int64_t>(v)));
+    return 0u;
+#endif
+}
+
+/// truncateToLow32 of lanes 0-2. The 32-bit conversion agrees with it below
 /// 2^31 in magnitude; its one out-of-range answer sends the lane the scalar way.
 inline void truncate3(__m128 v, uint32_t out[4])
 {
@@ -102,7 +118,7 @@ inline void truncate3(__m128 v, uint32_t out[4])
         alignas(16) float lanes[4];
         _mm_store_ps(lanes, v);
         for (int a = 0; a < 3; ++a)
-            out[a] = kx::detail::truncateToLow32(lanes[a]);
+            out[a] = truncateToLow32(lanes[a]);
     }
 }
 

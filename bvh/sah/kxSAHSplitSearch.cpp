@@ -1,5 +1,6 @@
 #include "kxGenericBVHBuilder.h"
 #include "kxSAHInternal.h"
+#include "kxSAHLanes.h"
 
 #include <algorithm>
 #include <limits>
@@ -22,7 +23,7 @@ void kxGenericBVHBuilder::computeBinning(const kxGNode& node, unsigned int start
         for (int a = 0; a < 3; ++a)
         {
             const float c = (b.min[a] + b.max[a]) * 0.5f;
-            const uint32_t j = std::min(bins - 1u, kx::detail::truncateToLow32((c - node.bbox.min[a]) * scale[a]));
+            const uint32_t j = std::min(bins - 1u, kxSAHLanes::truncateToLow32((c - node.bbox.min[a]) * scale[a]));
             const uint32_t e = section[a] + j;
             ++mBinCounts[e];
             kx::detail::grow(mLeftBoxes[e], b);
