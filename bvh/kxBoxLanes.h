@@ -5,6 +5,7 @@
 
 #include <emmintrin.h>
 
+#include <cstdint>
 #include <limits>
 
 /// Boxes on three SSE lanes (x, y, z), for sweeps over many boxes. SSE's min(a, m) is
@@ -25,6 +26,41 @@ inline void store(kxBBox& box, __m128 lo, __m128 hi)
     const __m128 joint = _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(0, 0, 2, 2));
     _mm_storeu_ps(box.min, _mm_shuffle_ps(lo, joint, _MM_SHUFFLE(2, 0, 1, 0)));
     _mm_storel_pi(reinterpret_cast<__m64*>(box.max + 1), _mm_shuffle_ps(hi, hi, _MM_SHUFFLE(3, 3, 2, 1)));
+}
+
+/// (x, y, z, 0).
+inline __m128 set3(const float* p)
+{
+    return _mm_setr_ps(p[0], p[1], p[2], 0.0f);
+}
+
+/// v on every lane.
+inline __m128 splat(float v)
+{
+    return _mm_set1_ps(v);
+}
+
+/// (v - origin) * scale on every lane.
+inline __m128 offsetScaled(__m128 v, __m128 origin, __m128 scale)
+{
+    return _mm_mul_ps(_mm_sub_ps(v, origin), scale);
+}
+
+/// Lane 1 or 2 moved to lane 0.
+inline __m128 yToLane0(__m128 v)
+{
+    return _mm_shuffle_ps(v, v, 1);
+}
+inline __m128 zToLane0(__m128 v)
+{
+    return _mm_movehl_ps(v, v);
+}
+
+/// Lane 0 truncated toward zero to 64 bits, low 32 bits kept; NaN and out-of-range values
+/// give x86's integer indefinite, whose low half is 0.
+inline uint32_t truncateLane0ToLow32(__m128 v)
+{
+    return static_cast<uint32_t>(_mm_cvttss_si64(v));
 }
 
 /// The empty box's minimum and maximum lanes.

@@ -69,13 +69,13 @@ void computeMortonCodes(const Container& container, uint32_t quantity, const kxM
 {
     // The three axes' products in one register: lane by lane the scalar operations on the
     // centre's coordinates, so the cells are theirs.
-    const __m128 origin = _mm_setr_ps(grid.origin[0], grid.origin[1], grid.origin[2], 0.0f);
-    const __m128 scale = _mm_set1_ps(grid.scale);
+    const __m128 origin = kxBoxLanes::set3(grid.origin);
+    const __m128 scale = kxBoxLanes::splat(grid.scale);
     for (uint32_t i = 0; i < quantity; ++i)
     {
-        const __m128 q = _mm_mul_ps(_mm_sub_ps(kxBoxLanes::centre(boxOf(container, i)), origin), scale);
-        codes[i] = mortonCode<Code>(grid.cellOfProduct(q), grid.cellOfProduct(_mm_shuffle_ps(q, q, 1)),
-                                    grid.cellOfProduct(_mm_movehl_ps(q, q)));
+        const __m128 q = kxBoxLanes::offsetScaled(kxBoxLanes::centre(boxOf(container, i)), origin, scale);
+        codes[i] = mortonCode<Code>(grid.cellOfProduct(q), grid.cellOfProduct(kxBoxLanes::yToLane0(q)),
+                                    grid.cellOfProduct(kxBoxLanes::zToLane0(q)));
     }
 }
 

@@ -4,7 +4,7 @@
 #include "kxBBox.h"
 #include "kxLinearGenericBVHBuilder.h"
 
-#include <xmmintrin.h>
+#include "../kxBoxLanes.h"
 
 #include <cstdint>
 
@@ -23,7 +23,7 @@ struct kxMortonGrid
     /// Both are kept on purpose.
     uint32_t cellOfProduct(__m128 product) const
     {
-        const uint32_t low = static_cast<uint32_t>(_mm_cvttss_si64(product));
+        const uint32_t low = kxBoxLanes::truncateLane0ToLow32(product);
         return low < lastCell ? low : lastCell;
     }
 

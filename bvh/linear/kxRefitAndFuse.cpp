@@ -86,8 +86,8 @@ void copySurvivors(kxEmittedTree& tree, std::vector<kxGNode>& nodes)
 inline void storeUnion(kxBBox& target, const kxBBox& left, const kxBBox& right)
 {
     using namespace kxBoxLanes;
-    storeShifted(target, _mm_min_ps(loadMinimum(right), loadMinimum(left)),
-                 _mm_max_ps(loadShiftedMaximum(right), loadShiftedMaximum(left)));
+    storeShifted(target, lower(loadMinimum(right), loadMinimum(left)),
+                 upper(loadShiftedMaximum(right), loadShiftedMaximum(left)));
 }
 } // namespace
 
