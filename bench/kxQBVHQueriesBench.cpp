@@ -10,6 +10,7 @@
 // arguments name mesh files (anything assimp reads). The tables at the end hold the ratios.
 #include "kxBVHContainers.h"
 #include "kxBenchMeshes.h"
+#include "kxBenchRates.h"
 #include "kxGenericBVHBuilder.h"
 #include "kxLog.h"
 #include "kxQBVH.h"
@@ -317,32 +318,7 @@ std::string key(const std::string& what, const Workload& w, const char* set)
     return what + "/" + w.name + "/" + set;
 }
 
-// Keeps the best rate of every benchmark over its repetitions, by name and thread count.
-class RateReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs)
-        {
-            const auto it = run.counters.find("items_per_second");
-            if (run.run_type != Run::RT_Iteration || it == run.counters.end())
-                continue;
-            double& best = mRates[run.run_name.function_name + "#" + std::to_string(run.threads)];
-            best = std::max(best, it->second.value);
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    double rate(const std::string& name, int threads) const
-    {
-        const auto it = mRates.find(name + "#" + std::to_string(threads));
-        return it == mRates.end() ? 0.0 : it->second;
-    }
-
-private:
-    std::map<std::string, double> mRates;
-};
+using kxBench::RateReporter;
 
 void registerAll(const std::vector<int>& threadCounts)
 {
