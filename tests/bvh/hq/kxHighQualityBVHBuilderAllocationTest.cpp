@@ -1,6 +1,7 @@
-// Replaces the global allocator of this program so that the n-th allocation of a build can
-// be made to fail and blocks still held can be counted.
+// Linked with the failing allocator, so that the n-th allocation of a build can be made to
+// fail and blocks still held can be counted.
 #include "kxCapturingLog.h"
+#include "kxFailingAllocator.h"
 #include "kxHighQualityBVHBuilder.h"
 #include "kxRandomGeometry.h"
 
@@ -9,34 +10,6 @@
 #include <cstdlib>
 #include <new>
 
-namespace
-{
-uint64_t gAllocations = 0, gFailAt = 0;  // the allocation to fail, none for 0
-int64_t gLive = 0;
-
-void release(void* memory) noexcept
-{
-    gLive -= memory != nullptr;
-    std::free(memory);
-}
-} // namespace
-
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void* operator new(std::size_t size, std::align_val_t alignment)
-{
-    const auto a = static_cast<std::size_t>(alignment);
-    void* memory = ++gAllocations == gFailAt ? nullptr : std::aligned_alloc(a, (size + a) / a * a);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    ++gLive;
-    return memory;
-}
-void* operator new(std::size_t size) { return operator new(size, std::align_val_t(alignof(std::max_align_t))); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return ++gLive, std::malloc(size ? size : 1); }
-void operator delete(void* memory) noexcept { release(memory); }
-void operator delete(void* memory, std::size_t) noexcept { release(memory); }
-void operator delete(void* memory, std::align_val_t) noexcept { release(memory); }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { release(memory); }
 
 TEST(HighQualityBuilderFailure, AllocationFailureAtAnyPointPropagatesLeaksNothingAndLeavesTheBuilderUsable)
 {
