@@ -9,6 +9,7 @@
 // four-wide BVH has our shape. Everything runs on one thread and on every core. Extra
 // arguments name mesh files (anything assimp reads). The tables at the end hold the ratios.
 #include "kxBVHContainers.h"
+#include "EmbreeClosestPoint.h"
 #include "kxBenchMeshes.h"
 #include "kxBenchRates.h"
 #include "kxGenericBVHBuilder.h"
@@ -192,34 +193,7 @@ float ourClosest(const kxQBVH& q, const V3& p)
     return distance;
 }
 
-// The closest point of a triangle by Ericson's regions, as Embree's closest-point tutorial
-// computes it in its callback.
-V3 closestPointTriangle(const V3& p, const V3& a, const V3& b, const V3& c)
-{
-    const V3 ab = b - a, ac = c - a, ap = p - a;
-    const float d1 = ab.Dot(ap), d2 = ac.Dot(ap);
-    if (d1 <= 0.0f && d2 <= 0.0f)
-        return a;
-    const V3 bp = p - b;
-    const float d3 = ab.Dot(bp), d4 = ac.Dot(bp);
-    if (d3 >= 0.0f && d4 <= d3)
-        return b;
-    const V3 cp = p - c;
-    const float d5 = ab.Dot(cp), d6 = ac.Dot(cp);
-    if (d6 >= 0.0f && d5 <= d6)
-        return c;
-    const float vc = d1 * d4 - d3 * d2;
-    if (vc <= 0.0f && d1 >= 0.0f && d3 <= 0.0f)
-        return a + ab * (d1 / (d1 - d3));
-    const float vb = d5 * d2 - d1 * d6;
-    if (vb <= 0.0f && d2 >= 0.0f && d6 <= 0.0f)
-        return a + ac * (d2 / (d2 - d6));
-    const float va = d3 * d6 - d5 * d4;
-    if (va <= 0.0f && d4 - d3 >= 0.0f && d5 - d6 >= 0.0f)
-        return b + (c - b) * ((d4 - d3) / ((d4 - d3) + (d5 - d6)));
-    const float denom = 1.0f / (va + vb + vc);
-    return a + ab * (vb * denom) + ac * (vc * denom);
-}
+using kxbvh::closestPointTriangle;
 
 struct EmbreeClosest
 {

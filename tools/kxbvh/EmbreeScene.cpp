@@ -1,5 +1,7 @@
 #include "EmbreeScene.h"
 
+#include "EmbreeClosestPoint.h"
+
 #include <embree3/rtcore.h>
 
 #include <algorithm>
@@ -139,34 +141,6 @@ bool EmbreeScene::occluded(const Vec3& origin, const Vec3& direction, float tMin
 
 namespace
 {
-// Ericson's region method, as Embree's closest-point tutorial has it.
-Vec3 closestPointTriangle(const Vec3& p, const Vec3& a, const Vec3& b, const Vec3& c)
-{
-    const Vec3 ab = b - a, ac = c - a, ap = p - a;
-    const float d1 = ab.Dot(ap), d2 = ac.Dot(ap);
-    if (d1 <= 0.0f && d2 <= 0.0f)
-        return a;
-    const Vec3 bp = p - b;
-    const float d3 = ab.Dot(bp), d4 = ac.Dot(bp);
-    if (d3 >= 0.0f && d4 <= d3)
-        return b;
-    const Vec3 cp = p - c;
-    const float d5 = ab.Dot(cp), d6 = ac.Dot(cp);
-    if (d6 >= 0.0f && d5 <= d6)
-        return c;
-    const float vc = d1 * d4 - d3 * d2;
-    if (vc <= 0.0f && d1 >= 0.0f && d3 <= 0.0f)
-        return a + ab * (d1 / (d1 - d3));
-    const float vb = d5 * d2 - d1 * d6;
-    if (vb <= 0.0f && d2 >= 0.0f && d6 <= 0.0f)
-        return a + ac * (d2 / (d2 - d6));
-    const float va = d3 * d6 - d5 * d4;
-    if (va <= 0.0f && d4 - d3 >= 0.0f && d5 - d6 >= 0.0f)
-        return b + (c - b) * ((d4 - d3) / ((d4 - d3) + (d5 - d6)));
-    const float denom = 1.0f / (va + vb + vc);
-    return a + ab * (vb * denom) + ac * (vc * denom);
-}
-
 struct ClosestPointQuery
 {
     const float* positions;
