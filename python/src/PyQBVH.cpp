@@ -68,6 +68,26 @@ struct HitArrays
     }
 };
 
+/// Nearest hits of every ray within (at most) tMax, by query(origin, direction, t, barycentric,
+/// triangle), a nearest-hit query of the hierarchy; the batch split across threads.
+template <typename Query>
+py::dict nearestHits(const RayBatch& rays, float tMax, long long threads, const Query& query)
+{
+    const HitArrays hits(rays.leading);
+    forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
+        for (size_t i = begin; i < end; ++i)
+        {
+            float t = tMax;
+            Wm4::Vector2<float> barycentric(0.0f, 0.0f);
+            unsigned triangle = kNoTriangle;
+            const bool hit =
+                query(vector(rays.origins.row(i)), vector(rays.directions.row(i)), t, barycentric, triangle);
+            hits.store(i, hit, t, barycentric, triangle);
+        }
+    });
+    return hits.dict();
+}
+
 unsigned leafSize(long long leaf, BuilderKind builder)
 {
     if (builder == BuilderKind::eSah)
@@ -101,19 +121,11 @@ py::dict PyQBVH::intersect(const py::object& origins, const py::object& directio
                               std::to_string(tmax));
     const kxQBVH::tIntersectionPolicy policy = policyOf(side);
     const RayBatch rays = rayBatch(origins, directions);
-    const HitArrays hits(rays.leading);
-    forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
-        for (size_t i = begin; i < end; ++i)
-        {
-            float t = tMax;
-            Wm4::Vector2<float> barycentric(0.0f, 0.0f);
-            unsigned triangle = kNoTriangle;
-            const bool hit = mQBVH.intersectRay(vector(rays.origins.row(i)), vector(rays.directions.row(i)), tMin, t,
-                                                barycentric, triangle, policy);
-            hits.store(i, hit, t, barycentric, triangle);
-        }
-    });
-    return hits.dict();
+    return nearestHits(rays, tMax, threads,
+                       [&](const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
+                           Wm4::Vector2<float>& barycentric, unsigned& triangle) {
+                           return mQBVH.intersectRay(origin, direction, tMin, t, barycentric, triangle, policy);
+                       });
 }
 
 py::dict PyQBVH::intersectSymmetric(const py::object& origins, const py::object& directions, double tmax,
@@ -123,19 +135,11 @@ py::dict PyQBVH::intersectSymmetric(const py::object& origins, const py::object&
     if (tMax < 0.0f)
         throw py::value_error("tmax must not be negative, got " + std::to_string(tmax));
     const RayBatch rays = rayBatch(origins, directions);
-    const HitArrays hits(rays.leading);
-    forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
-        for (size_t i = begin; i < end; ++i)
-        {
-            float t = tMax;
-            Wm4::Vector2<float> barycentric(0.0f, 0.0f);
-            unsigned triangle = kNoTriangle;
-            const bool hit = mQBVH.intersectRaySymmetric(vector(rays.origins.row(i)), vector(rays.directions.row(i)),
-                                                         t, barycentric, triangle);
-            hits.store(i, hit, t, barycentric, triangle);
-        }
-    });
-    return hits.dict();
+    return nearestHits(rays, tMax, threads,
+                       [&](const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
+                           Wm4::Vector2<float>& barycentric, unsigned& triangle) {
+                           return mQBVH.intersectRaySymmetric(origin, direction, t, barycentric, triangle);
+                       });
 }
 
 py::array PyQBVH::occluded(const py::object& origins, const py::object& directions, double tmin, double tmax,
