@@ -16,7 +16,7 @@ fi
 
 cmake -S . -B build-python -DCMAKE_BUILD_TYPE=Release -DKX_BUILD_TESTS=OFF -DKX_BUILD_BENCH=OFF \
   -DKX_BUILD_PYTHON=ON -DPython_EXECUTABLE="$python" >/dev/null
-cmake --build build-python --target _kxbvh kxbvhReference -j "$(nproc)"
+cmake --build build-python --target _kxbvh kxbvhReference kxOpen3DRayMask -j "$(nproc)"
 $sudo cmake --install build-python --component python
 cd /
 "$python" -c "import kxbvh; print('kxbvh', kxbvh.__version__, 'is installed in', kxbvh.__path__[0])"
