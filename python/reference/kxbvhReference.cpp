@@ -15,9 +15,9 @@
 #include <Hierarchy.h>
 #include <MeshSource.h>
 #include <Progress.h>
+#include <Stopwatch.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -88,9 +88,9 @@ double fastest(int repeat, Loop&& loop)
     double best = std::numeric_limits<double>::infinity();
     for (int r = 0; r < std::max(repeat, 1); ++r)
     {
-        const auto start = std::chrono::steady_clock::now();
+        kxbvh::Stopwatch clock;
         loop();
-        best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        best = std::min(best, clock.lap());
     }
     return best;
 }

@@ -6,8 +6,8 @@
 #include <kxGenericBVHBuilder.h>
 #include <kxHighQualityBVHBuilder.h>
 #include <kxLinearGenericBVHBuilder.h>
+#include <Stopwatch.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -19,21 +19,6 @@ namespace
 {
 // The resolution buildFromMesh uses.
 constexpr unsigned kMortonBits = 20;
-
-class Stopwatch
-{
-public:
-    double lap()
-    {
-        const auto now = std::chrono::steady_clock::now();
-        const double seconds = std::chrono::duration<double>(now - mLast).count();
-        mLast = now;
-        return seconds;
-    }
-
-private:
-    std::chrono::steady_clock::time_point mLast = std::chrono::steady_clock::now();
-};
 
 /// A 2-D array read through its strides, whatever its layout and alignment.
 struct Strided
@@ -171,7 +156,7 @@ kxbvh::Mesh meshFromArrays(py::handle verticesObject, py::handle trianglesObject
     bool indicesOk = true;
     {
         py::gil_scoped_release release;
-        const auto start = std::chrono::steady_clock::now();
+        kxbvh::Stopwatch clock;
         kx::kxPointer<kx::kxVertexBuffer> vertexBuffer = new kx::kxVertexBuffer(static_cast<int>(vertexCount));
         badVertex = doubles ? copyVertices<double>(Strided(vertices), vertexCount, *vertexBuffer)
                             : copyVertices<float>(Strided(vertices), vertexCount, *vertexBuffer);
@@ -189,7 +174,7 @@ kxbvh::Mesh meshFromArrays(py::handle verticesObject, py::handle trianglesObject
             for (size_t v = 0; v < vertexCount; ++v)
                 mesh.bounds.extend(vertexBuffer->Position3(static_cast<int>(v)));
         }
-        mesh.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        mesh.seconds = clock.lap();
     }
     if (badVertex != vertexCount)
     {
@@ -226,7 +211,7 @@ Figures buildQBVH(const kxbvh::Mesh& mesh, BuilderKind builder, unsigned leaf, k
     {
         py::gil_scoped_release release;
         kxGenericBVH bvh;
-        Stopwatch clock;
+        kxbvh::Stopwatch clock;
         const kxBVHTriangleContainer container(*mesh.mesh);
         figures.times.container = clock.lap();
         if (builder == BuilderKind::eLinear)

@@ -7,6 +7,7 @@
 #include "Parallel.h"
 #include "Progress.h"
 #include "Stats.h"
+#include "Stopwatch.h"
 #ifdef KXBVH_WITH_EMBREE
 #include "EmbreeScene.h"
 #endif
@@ -14,7 +15,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <iostream>
@@ -31,9 +31,9 @@ constexpr unsigned kNoHit = 0xFFFFFFFFu;
 
 double secondsOf(const std::function<void()>& work)
 {
-    const auto start = std::chrono::steady_clock::now();
+    Stopwatch clock;
     work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return clock.lap();
 }
 
 struct BuildFigure

@@ -5,9 +5,9 @@
 #include "Interrupt.h"
 #include "Parallel.h"
 #include "Render.h"
+#include "Stopwatch.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <memory>
 
@@ -78,14 +78,14 @@ TileGrid cullTiles(const kxQBVH& qbvh, const Camera& camera, int tile, unsigned 
         }
 
     int passes = 0;
-    const auto start = std::chrono::steady_clock::now();
+    Stopwatch clock;
     double elapsed = 0.0;
     do
     {
         parallelFor(threads, count, [&](size_t i) { grid.covered[i] = qbvh.intersectConvexHull(sets[i].get(), 4); });
         throwIfInterrupted("culling");
         ++passes;
-        elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        elapsed += clock.lap();
     } while (elapsed < kMinTimedSeconds && passes < kMaxPasses);
     seconds = elapsed / passes;
     return grid;

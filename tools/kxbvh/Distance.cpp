@@ -6,11 +6,11 @@
 #include "Interrupt.h"
 #include "Parallel.h"
 #include "Progress.h"
+#include "Stopwatch.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -175,7 +175,7 @@ std::vector<PointDistance> measureDistances(const kxQBVH& qbvh, const std::vecto
     std::vector<PointDistance> answers(points.size());
     const size_t chunks = (points.size() + kChunk - 1) / kChunk;
     Progress progress("measuring " + groupDigits(points.size()) + " distances", chunks);
-    const auto start = std::chrono::steady_clock::now();
+    Stopwatch clock;
     parallelFor(threads, chunks, [&](size_t chunk) {
         const size_t end = std::min(points.size(), (chunk + 1) * kChunk);
         for (size_t i = chunk * kChunk; i < end; ++i)
@@ -188,7 +188,7 @@ std::vector<PointDistance> measureDistances(const kxQBVH& qbvh, const std::vecto
         }
         progress.advance();
     });
-    seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    seconds = clock.lap();
     throwIfInterrupted("measuring distances");
     return answers;
 }

@@ -1,12 +1,12 @@
 #include "EmbreeScene.h"
 
 #include "EmbreeClosestPoint.h"
+#include "Stopwatch.h"
 
 #include <embree3/rtcore.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <new>
 #include <stdexcept>
@@ -48,7 +48,7 @@ EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads, bool highQ
         return true;
     };
     rtcSetDeviceMemoryMonitorFunction(mHandles->device, countBytes, mHandles.get());
-    const auto start = std::chrono::steady_clock::now();
+    Stopwatch clock;
     const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
     const kx::kxIndexBuffer& indices = *mesh.GetIndexBuffer();
     const size_t vertexCount = static_cast<size_t>(vertices.GetVertexQuantity());
@@ -86,7 +86,7 @@ EmbreeScene::EmbreeScene(const kx::kxTriMesh& mesh, unsigned threads, bool highQ
     rtcCommitScene(mHandles->scene);
     mHierarchyBytes = static_cast<uint64_t>(std::max<int64_t>(0, mHandles->liveBytes - before));
     mPeakBytes = static_cast<uint64_t>(std::max<int64_t>(0, mHandles->peakBytes - before));
-    mBuildSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    mBuildSeconds = clock.lap();
 }
 
 EmbreeScene::~EmbreeScene() = default;

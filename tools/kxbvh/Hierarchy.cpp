@@ -3,6 +3,7 @@
 #include "Errors.h"
 #include "Interrupt.h"
 #include "Progress.h"
+#include "Stopwatch.h"
 
 #include <kxBVHContainers.h>
 #include <kxCancelInterface.h>
@@ -10,7 +11,6 @@
 #include <kxHighQualityBVHBuilder.h>
 #include <kxLinearGenericBVHBuilder.h>
 
-#include <chrono>
 #include <memory>
 
 namespace kxbvh
@@ -35,21 +35,6 @@ public:
 private:
     kx::kxCancelInterfaceProxy mFlag;
     const Progress& mProgress;
-};
-
-class Stopwatch
-{
-public:
-    double lap()
-    {
-        const auto now = std::chrono::steady_clock::now();
-        const double seconds = std::chrono::duration<double>(now - mLast).count();
-        mLast = now;
-        return seconds;
-    }
-
-private:
-    std::chrono::steady_clock::time_point mLast = std::chrono::steady_clock::now();
 };
 
 /// Peak heap of each phase above what was in use when the build began.

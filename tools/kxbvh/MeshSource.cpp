@@ -7,6 +7,7 @@
 #include "Interrupt.h"
 #include "Progress.h"
 #include "Scene.h"
+#include "Stopwatch.h"
 
 #include <assimp/Importer.hpp>
 #include <assimp/ProgressHandler.hpp>
@@ -17,7 +18,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -338,7 +338,7 @@ std::vector<Wm4::Vector3<float>> loadPointFile(const std::string& path, const Re
 
 Mesh openMesh(const MeshSource& source)
 {
-    const auto start = std::chrono::steady_clock::now();
+    Stopwatch clock;
     Mesh mesh;
     if (source.path.empty())
     {
@@ -352,7 +352,7 @@ Mesh openMesh(const MeshSource& source)
         Progress progress("reading " + source.path);
         mesh = loadMeshFile(source.path, source.read);
     }
-    mesh.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    mesh.seconds = clock.lap();
     return mesh;
 }
 } // namespace kxbvh

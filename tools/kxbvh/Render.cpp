@@ -4,9 +4,9 @@
 #include "Interrupt.h"
 #include "Parallel.h"
 #include "Progress.h"
+#include "Stopwatch.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -149,7 +149,7 @@ Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera
     std::vector<uint32_t> rowHits(static_cast<size_t>(camera.height()), 0);
     Progress progress("rendering " + std::to_string(camera.width()) + "x" + std::to_string(camera.height()),
                       static_cast<uint64_t>(camera.height()));
-    const auto start = std::chrono::steady_clock::now();
+    Stopwatch clock;
     parallelFor(threads, static_cast<size_t>(camera.height()), [&](size_t row) {
         const int y = static_cast<int>(row);
         for (int x = 0; x < camera.width(); ++x)
@@ -165,10 +165,9 @@ Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera
                 distances[row * camera.width() + x] = t;
             else if (shade == Shade::eAO)
             {
-                const auto begin = std::chrono::steady_clock::now();
+                Stopwatch shading;
                 result.image.at(x, y) = shadeOcclusion(camera.eye(), direction, t, triangle, x, y);
-                rowOcclusionSeconds[row] +=
-                    std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+                rowOcclusionSeconds[row] += shading.lap();
             }
             else
                 result.image.at(x, y) = shadeNormal(direction, triangle);
@@ -177,7 +176,7 @@ Rendering renderImage(const kxQBVH& qbvh, const Mesh& mesh, const Camera& camera
     });
     if (shade == Shade::eDepth)
         shadeDepth(result.image, distances);
-    result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    result.seconds = clock.lap();
     throwIfInterrupted("rendering");
     for (uint32_t hits : rowHits)
         result.hits += hits;
