@@ -9,6 +9,7 @@
 // given as arguments (anything assimp reads). The tables at the end hold build times, SAH costs of the
 // four-wide trees, bytes per triangle and the ratios of rays per second.
 #include "kxBVHContainers.h"
+#include "kxBenchEmbree.h"
 #include "kxBenchMeshes.h"
 #include "kxBenchRates.h"
 #include "kxGenericBVHBuilder.h"
@@ -75,23 +76,6 @@ std::vector<std::unique_ptr<Workload>> gWorkloads;
 double secondsSince(std::chrono::steady_clock::time_point start)
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-RTCScene embreeScene(RTCDevice device, const Workload& w, bool high)
-{
-    RTCScene scene = rtcNewScene(device);
-    if (high)
-        rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_HIGH);
-    RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-    rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, w.positions.data(), 0,
-                               3 * sizeof(float), (w.positions.size() - 4) / 3);
-    rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, w.mesh->GetIndexBuffer()->GetData(),
-                               0, 3 * sizeof(unsigned int), kxBench::triangleCount(*w.mesh));
-    rtcCommitGeometry(geometry);
-    rtcAttachGeometry(scene, geometry);
-    rtcReleaseGeometry(geometry);
-    rtcCommitScene(scene);
-    return scene;
 }
 
 void makeRays(Workload& w)
@@ -352,7 +336,8 @@ int main(int argc, char** argv)
             const int device = e % 2;
             const int64_t before = gEmbreeBytes[device];
             start = std::chrono::steady_clock::now();
-            w->scenes[e] = embreeScene(gDevices[device], *w, e >= 2);
+            w->scenes[e] = kxBench::embreeScene(gDevices[device], *w->mesh, w->positions,
+                                                e >= 2 ? RTC_BUILD_QUALITY_HIGH : RTC_BUILD_QUALITY_MEDIUM);
             w->sceneSeconds[e] = secondsSince(start);
             w->sceneBytes[e] = uint64_t(std::max<int64_t>(0, gEmbreeBytes[device] - before));
         }
@@ -387,11 +372,7 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks(&reporter);
     printTables(reporter, threadCounts);
 
-    for (const auto& w : gWorkloads)
-        for (RTCScene scene : w->scenes)
-            rtcReleaseScene(scene);
-    for (RTCDevice device : gDevices)
-        rtcReleaseDevice(device);
+    kxBench::releaseEmbree(gWorkloads, gDevices);
     kx::kxLog::msInstance = nullptr;
     benchmark::Shutdown();
     return 0;

@@ -10,6 +10,7 @@
 // arguments name mesh files (anything assimp reads). The tables at the end hold the ratios.
 #include "kxBVHContainers.h"
 #include "EmbreeClosestPoint.h"
+#include "kxBenchEmbree.h"
 #include "kxBenchMeshes.h"
 #include "kxBenchRates.h"
 #include "kxGenericBVHBuilder.h"
@@ -59,21 +60,6 @@ struct Workload
 
 RTCDevice gDevices[2] = {};
 std::vector<std::unique_ptr<Workload>> gWorkloads;
-
-RTCScene embreeScene(RTCDevice device, const Workload& w)
-{
-    RTCScene scene = rtcNewScene(device);
-    RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-    rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, w.positions.data(), 0,
-                               3 * sizeof(float), (w.positions.size() - 4) / 3);
-    rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, w.mesh->GetIndexBuffer()->GetData(),
-                               0, 3 * sizeof(unsigned int), kxBench::triangleCount(*w.mesh));
-    rtcCommitGeometry(geometry);
-    rtcAttachGeometry(scene, geometry);
-    rtcReleaseGeometry(geometry);
-    rtcCommitScene(scene);
-    return scene;
-}
 
 V3 corner(const kx::kxTriMesh& mesh, unsigned triangle, int k)
 {
@@ -424,7 +410,7 @@ int main(int argc, char** argv)
             w->trees[1].buildFromBVH(flags, bvh, *mesh);
         }
         for (int e = 0; e < 2; ++e)
-            w->scenes[e] = embreeScene(gDevices[e], *w);
+            w->scenes[e] = kxBench::embreeScene(gDevices[e], *w->mesh, w->positions);
         makeRays(*w);
         makePoints(*w);
         describe(*w);
@@ -440,11 +426,7 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks(&reporter);
     printTables(reporter, threadCounts);
 
-    for (const auto& w : gWorkloads)
-        for (RTCScene scene : w->scenes)
-            rtcReleaseScene(scene);
-    for (RTCDevice device : gDevices)
-        rtcReleaseDevice(device);
+    kxBench::releaseEmbree(gWorkloads, gDevices);
     kx::kxLog::msInstance = nullptr;
     benchmark::Shutdown();
     return 0;
