@@ -1,5 +1,6 @@
 #include "PyQBVH.h"
 
+#include "Order.h"
 #include "Parallel.h"
 
 #include <Format.h>
@@ -37,6 +38,7 @@ Wm4::Vector3<float> vector(const float* xyz)
     return Wm4::Vector3<float>(xyz[0], xyz[1], xyz[2]);
 }
 
+
 /// The output arrays of the ray queries, written by many threads at distinct rows.
 struct HitArrays
 {
@@ -51,6 +53,13 @@ struct HitArrays
         : t(output<float>(leading)), triangle(output<uint32_t>(leading)), barycentric(output<float>(leading, {2})),
           tOut(t.mutable_data()), triangleOut(triangle.mutable_data()), barycentricOut(barycentric.mutable_data())
     {
+    }
+
+    __attribute__((always_inline)) void fetch(size_t i) const
+    {
+        fetchForWrite(tOut + i);
+        fetchForWrite(triangleOut + i);
+        fetchForWrite(barycentricOut + 2 * i);
     }
 
     void store(size_t i, bool hit, float distance, const Wm4::Vector2<float>& weights, unsigned index) const
@@ -71,17 +80,21 @@ struct HitArrays
 /// Nearest hits of every ray within (at most) tMax, by query(origin, direction, t, barycentric,
 /// triangle), a nearest-hit query of the hierarchy; the batch split across threads.
 template <typename Query>
-py::dict nearestHits(const RayBatch& rays, float tMax, long long threads, const Query& query)
+py::dict nearestHits(const RayBatch& rays, const QueryOrder& order, float tMax, long long threads, const Query& query)
 {
     const HitArrays hits(rays.leading);
     forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
-        for (size_t i = begin; i < end; ++i)
+        for (size_t k = begin; k < end; ++k)
         {
+            const size_t i = order[k];
+            size_t next;
+            if (order.ahead(k, end, next))
+                hits.fetch(next);
             float t = tMax;
             Wm4::Vector2<float> barycentric(0.0f, 0.0f);
             unsigned triangle = kNoTriangle;
-            const bool hit =
-                query(vector(rays.origins.row(i)), vector(rays.directions.row(i)), t, barycentric, triangle);
+            const bool hit = query(vector(order.input(k, rays.origins)), vector(order.input(k, rays.directions, 3)), t,
+                                   barycentric, triangle);
             hits.store(i, hit, t, barycentric, triangle);
         }
     });
@@ -121,7 +134,7 @@ py::dict PyQBVH::intersect(const py::object& origins, const py::object& directio
                               std::to_string(tmax));
     const kxQBVH::tIntersectionPolicy policy = policyOf(side);
     const RayBatch rays = rayBatch(origins, directions);
-    return nearestHits(rays, tMax, threads,
+    return nearestHits(rays, QueryOrder::ofRays(rays, mQBVH.getBBox()), tMax, threads,
                        [&](const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
                            Wm4::Vector2<float>& barycentric, unsigned& triangle) {
                            return mQBVH.intersectRay(origin, direction, tMin, t, barycentric, triangle, policy);
@@ -135,7 +148,7 @@ py::dict PyQBVH::intersectSymmetric(const py::object& origins, const py::object&
     if (tMax < 0.0f)
         throw py::value_error("tmax must not be negative, got " + std::to_string(tmax));
     const RayBatch rays = rayBatch(origins, directions);
-    return nearestHits(rays, tMax, threads,
+    return nearestHits(rays, QueryOrder::ofRays(rays, mQBVH.getBBox()), tMax, threads,
                        [&](const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
                            Wm4::Vector2<float>& barycentric, unsigned& triangle) {
                            return mQBVH.intersectRaySymmetric(origin, direction, t, barycentric, triangle);
@@ -154,10 +167,17 @@ py::array PyQBVH::occluded(const py::object& origins, const py::object& directio
     const RayBatch rays = rayBatch(origins, directions);
     py::array_t<bool> blocked = output<bool>(rays.leading);
     bool* blockedOut = blocked.mutable_data();
+    const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox());
     forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
-        for (size_t i = begin; i < end; ++i)
-            blockedOut[i] = mQBVH.intersectRayAny(vector(rays.origins.row(i)), vector(rays.directions.row(i)), tMin,
-                                                  tMax, policy);
+        for (size_t k = begin; k < end; ++k)
+        {
+            const size_t i = order[k];
+            size_t next;
+            if (order.ahead(k, end, next))
+                fetchForWrite(blockedOut + next);
+            blockedOut[i] = mQBVH.intersectRayAny(vector(order.input(k, rays.origins)),
+                                                  vector(order.input(k, rays.directions, 3)), tMin, tMax, policy);
+        }
     });
     return blocked;
 }
@@ -176,14 +196,24 @@ py::dict PyQBVH::closestPoints(const py::object& pointsObject, double maxDistanc
     float* closestOut = closest.mutable_data();
     uint32_t* triangleOut = triangle.mutable_data();
     float* barycentricOut = barycentric.mutable_data();
+    const QueryOrder order = QueryOrder::ofPoints(points, mQBVH.getBBox());
     forEachBlock(points.count, threadCount(threads), kPointGrain, [&](size_t begin, size_t end) {
-        for (size_t i = begin; i < end; ++i)
+        for (size_t k = begin; k < end; ++k)
         {
+            const size_t i = order[k];
+            size_t next;
+            if (order.ahead(k, end, next))
+            {
+                fetchForWrite(distanceOut + next);
+                fetchForWrite(closestOut + 3 * next);
+                fetchForWrite(triangleOut + next);
+                fetchForWrite(barycentricOut + 2 * next);
+            }
             float found = limit;
             Wm4::Vector3<float> nearest(0.0f, 0.0f, 0.0f);
             Wm4::Vector2<float> weights(0.0f, 0.0f);
             unsigned index = kNoTriangle;
-            const bool hit = mQBVH.findClosestPoint(vector(points.row(i)), found, nearest, weights, index);
+            const bool hit = mQBVH.findClosestPoint(vector(order.input(k, points)), found, nearest, weights, index);
             distanceOut[i] = hit ? found : kInfinity;
             for (int k = 0; k < 3; ++k)
                 closestOut[3 * i + k] = hit ? nearest[k] : kNaN;

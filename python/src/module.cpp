@@ -132,7 +132,8 @@ or a bad leaf size; TypeError for arrays that do not hold numbers (vertices) or 
 Queries take any leading batch shape: origins (..., 3) give results of shape (...). They
 run on `threads` threads (0: every core this process may use) without the GIL, and
 Ctrl-C stops them with KeyboardInterrupt. A QBVH may be queried from several Python
-threads at once.)";
+threads at once. A large batch in no spatial order (random rays, scattered points) is
+answered in one, for the cache's sake; each row still gets what it would get alone.)";
 
 const char* const kIntersectDoc = R"(Nearest hit of each ray.
 

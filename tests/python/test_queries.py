@@ -259,3 +259,34 @@ def test_closest_points_agree_with_brute_force_and_the_library(reference, builde
         theirs = reference("closest", builder, leaf, vertices, triangles, points, tmax=limit)
         for field in ("distance", "point", "triangle", "barycentric"):
             np.testing.assert_array_equal(found[field], theirs[field], err_msg=field)
+
+
+def test_answers_do_not_depend_on_the_order_or_size_of_the_batch():
+    """Large incoherent batches are answered in a spatial order, coherent and small ones in
+    their own: every row must get the same answer either way, on any number of threads."""
+    rng = np.random.default_rng(17)
+    vertices, triangles = meshes(18)["terrain"]
+    bvh = kxbvh.QBVH(vertices, triangles, "hq")
+    origins, directions = rays(rng, vertices, triangles, 6000)
+    origins[::89], directions[3::97] = np.nan, np.inf
+    points = np.concatenate([origins[:3000], rng.uniform(-20, 20, (3000, 3)).astype(np.float32)])
+    along = np.lexsort(origins.T[::-1])  # neighbours in space follow each other
+    queries = {
+        "intersect": lambda o, d, p, threads: bvh.intersect(o, d, side="front", threads=threads),
+        "occluded": lambda o, d, p, threads: {"blocked": bvh.occluded(o, d, tmax=4.0, threads=threads)},
+        "closest_points": lambda o, d, p, threads: bvh.closest_points(p, max_distance=6.0, threads=threads),
+    }
+    for name, query in queries.items():
+        whole = query(origins, directions, points, 1)
+        for order in (rng.permutation(len(origins)), along):
+            for threads in (1, 3):
+                again = query(origins[order], directions[order], points[order], threads)
+                for field, values in whole.items():
+                    np.testing.assert_array_equal(again[field], values[order], err_msg=f"{name} {field}")
+        pieces = [query(origins[i:i + 500], directions[i:i + 500], points[i:i + 500], 1)
+                  for i in range(0, len(origins), 500)]
+        for field, values in whole.items():
+            np.testing.assert_array_equal(np.concatenate([p[field] for p in pieces]), values, err_msg=f"{name} {field}")
+    eye = np.array([0.5, 40.0, 0.5], np.float32)
+    shared = bvh.intersect(eye, directions)["t"]
+    np.testing.assert_array_equal(shared, bvh.intersect(np.broadcast_to(eye, directions.shape), directions)["t"])
