@@ -12,10 +12,11 @@ namespace
 constexpr size_t kSmallestSorted = 1024;
 constexpr size_t kLargestSorted = size_t(1) << 24;
 // Cells per axis of the box, as powers of two, and for rays the octant of the direction.
-// Measured on real meshes with random rays, finer keys gain nothing more, and a key of
-// 12 to 15 bits sorts in one counting pass over little fresh memory.
-constexpr int kOriginBits = 3;
+// Measured on real meshes with random rays, finer keys gain nothing more; a coarse key
+// sorts in one counting pass whose buckets stay in cache.
+constexpr int kOriginBits = 2;
 constexpr int kPointBits = 5;
+
 /// Splits [low, low + extent] into `cells`; values beyond it go to the nearest end cell,
 /// NaN to the first.
 class Cells
