@@ -4,7 +4,7 @@
 // of Embree's own tutorial. Shadow rays run from the visible points of a camera view
 // towards a light above the scene, incoherent rays from random points in random
 // directions; closest points are asked for points near the surface and for points spread
-// over the bounding box. Ours run over a QBVH from the linear builder and one from the SAH
+// over the bounding box. Ours run over QBVHs from the linear, the SAH and the high-quality
 // builder; Embree (medium quality, an SAH build) natively and held to SSE4.2, whose
 // four-wide BVH has our shape. Everything runs on one thread and on every core. Extra
 // arguments name mesh files (anything assimp reads). The tables at the end hold the ratios.
@@ -14,6 +14,7 @@
 #include "kxBenchMeshes.h"
 #include "kxBenchRates.h"
 #include "kxGenericBVHBuilder.h"
+#include "kxHighQualityBVHBuilder.h"
 #include "kxLog.h"
 #include "kxQBVH.h"
 
@@ -44,7 +45,8 @@ struct Ray
 
 const char* const kRaySets[] = {"shadow", "incoherent"};
 const char* const kPointSets[] = {"near", "spread"};
-const char* const kTrees[] = {"linear", "sah"};
+const char* const kTrees[] = {"linear", "sah", "hq"};
+constexpr int kTreeCount = 3;
 const char* const kEmbrees[] = {"embree", "embree_sse42"};
 
 struct Workload
@@ -52,7 +54,7 @@ struct Workload
     std::string name;
     kx::kxPointer<kx::kxTriMesh> mesh;
     std::vector<float> positions; // Embree's padded copy
-    kxQBVH trees[2];
+    kxQBVH trees[kTreeCount];
     RTCScene scenes[2] = {};
     std::vector<Ray> rays[2];
     std::vector<V3> points[2];
@@ -228,10 +230,10 @@ void describe(const Workload& w)
         size_t occluded = 0, agree = 0, nearestAgrees = 0;
         for (const Ray& r : w.rays[set])
         {
-            const bool ours = ourOcclusion(w.trees[1], r);
+            const bool ours = ourOcclusion(w.trees[2], r);
             occluded += ours;
             agree += ours == embreeOcclusion(w.scenes[0], r);
-            nearestAgrees += ours == ourNearestHit(w.trees[1], r);
+            nearestAgrees += ours == ourNearestHit(w.trees[2], r);
         }
         const double n = static_cast<double>(w.rays[set].size());
         std::printf("  %-10s rays: %5.1f%% occluded, agrees with Embree %8.4f%%, with intersectRay %8.4f%%\n",
@@ -298,7 +300,7 @@ void registerAll(const std::vector<int>& threadCounts)
         {
             const std::vector<Ray>* rays = &w->rays[set];
             // Interleaved, so that a change in the machine's load touches every column alike.
-            for (int i = 0; i < 2; ++i)
+            for (int i = 0; i < kTreeCount; ++i)
             {
                 const kxQBVH* q = &w->trees[i];
                 add(key(std::string("any_") + kTrees[i], *w, kRaySets[set]), [=](benchmark::State& s) {
@@ -319,7 +321,7 @@ void registerAll(const std::vector<int>& threadCounts)
         for (int set = 0; set < 2; ++set)
         {
             const std::vector<V3>* points = &w->points[set];
-            for (int i = 0; i < 2; ++i)
+            for (int i = 0; i < kTreeCount; ++i)
             {
                 const kxQBVH* q = &w->trees[i];
                 add(key(std::string("closest_") + kTrees[i], *w, kPointSets[set]), [=](benchmark::State& s) {
@@ -343,32 +345,36 @@ void printTables(const RateReporter& reporter, const std::vector<int>& threadCou
     const auto ratio = [](double a, double b) { return b > 0.0 ? a / b : 0.0; };
     for (int threads : threadCounts)
     {
-        std::printf("\nMillion queries per second on %d thread%s; ratios ours (SAH tree) / theirs\n", threads,
-                    threads == 1 ? "" : "s");
-        std::printf("%-26s %7s %7s %7s %7s %7s | %7s %7s %7s\n", "occlusion", "any", "any-sah", "nearest", "embree",
-                    "sse4.2", "/emb", "/sse", "/near");
+        std::printf("\nMillion queries per second on %d thread%s; ratios ours (high-quality tree, and SAH tree) / "
+                    "theirs\n",
+                    threads, threads == 1 ? "" : "s");
+        std::printf("%-32s %7s %7s %7s %7s %7s %7s | %7s %7s %7s %7s\n", "occlusion", "any", "any-sah", "any-hq",
+                    "near-hq", "embree", "sse4.2", "hq/emb", "hq/sse", "/near", "sah/sse");
         for (const auto& w : gWorkloads)
             for (const char* set : kRaySets)
             {
                 const double a = reporter.rate(key("any_linear", *w, set), threads);
                 const double s = reporter.rate(key("any_sah", *w, set), threads);
-                const double n = reporter.rate(key("nearest_sah", *w, set), threads);
+                const double h = reporter.rate(key("any_hq", *w, set), threads);
+                const double n = reporter.rate(key("nearest_hq", *w, set), threads);
                 const double e = reporter.rate(key("occluded_embree", *w, set), threads);
                 const double e4 = reporter.rate(key("occluded_embree_sse42", *w, set), threads);
-                std::printf("%-26s %7.2f %7.2f %7.2f %7.2f %7.2f | %7.2f %7.2f %7.2f\n", (w->name + "/" + set).c_str(),
-                            a * 1e-6, s * 1e-6, n * 1e-6, e * 1e-6, e4 * 1e-6, ratio(s, e), ratio(s, e4), ratio(s, n));
+                std::printf("%-32s %7.2f %7.2f %7.2f %7.2f %7.2f %7.2f | %7.2f %7.2f %7.2f %7.2f\n",
+                            (w->name + "/" + set).c_str(), a * 1e-6, s * 1e-6, h * 1e-6, n * 1e-6, e * 1e-6,
+                            e4 * 1e-6, ratio(h, e), ratio(h, e4), ratio(h, n), ratio(s, e4));
             }
-        std::printf("%-26s %7s %7s %7s %7s %7s | %7s %7s\n", "closest point", "ours", "ours-sah", "", "embree",
-                    "sse4.2", "/emb", "/sse");
+        std::printf("%-32s %7s %7s %7s %7s %7s %7s | %7s %7s\n", "closest point", "ours", "sah", "hq", "", "embree",
+                    "sse4.2", "hq/emb", "hq/sse");
         for (const auto& w : gWorkloads)
             for (const char* set : kPointSets)
             {
                 const double a = reporter.rate(key("closest_linear", *w, set), threads);
                 const double s = reporter.rate(key("closest_sah", *w, set), threads);
+                const double h = reporter.rate(key("closest_hq", *w, set), threads);
                 const double e = reporter.rate(key("pointquery_embree", *w, set), threads);
                 const double e4 = reporter.rate(key("pointquery_embree_sse42", *w, set), threads);
-                std::printf("%-26s %7.3f %7.3f %7s %7.3f %7.3f | %7.2f %7.2f\n", (w->name + "/" + set).c_str(),
-                            a * 1e-6, s * 1e-6, "", e * 1e-6, e4 * 1e-6, ratio(s, e), ratio(s, e4));
+                std::printf("%-32s %7.3f %7.3f %7.3f %7s %7.3f %7.3f | %7.2f %7.2f\n", (w->name + "/" + set).c_str(),
+                            a * 1e-6, s * 1e-6, h * 1e-6, "", e * 1e-6, e4 * 1e-6, ratio(h, e), ratio(h, e4));
             }
     }
 }
@@ -408,6 +414,11 @@ int main(int argc, char** argv)
             kxGenericBVH bvh;
             kxGenericBVHBuilder().build(container, bvh);
             w->trees[1].buildFromBVH(flags, bvh, *mesh);
+        }
+        {
+            kxGenericBVH bvh;
+            kxHighQualityBVHBuilder().build(*mesh, bvh);
+            w->trees[2].buildFromBVH(flags, bvh, *mesh);
         }
         for (int e = 0; e < 2; ++e)
             w->scenes[e] = kxBench::embreeScene(gDevices[e], *w->mesh, w->positions);
