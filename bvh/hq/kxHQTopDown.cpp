@@ -22,10 +22,15 @@ constexpr uint32_t kSpatialMinimum = 1024;
 constexpr int kSpatialBins = 16;
 // Nodes this small are split at the best of all positions of a sort by centroid.
 constexpr uint32_t kSweepLimit = 16;
+// ... preferring a split into whole groups of four on one side where it costs at most this
+// share more: leaves then fill their groups.
+constexpr double kWholeGroupsMargin = 0.2;
 // Spatial splits are tried only where the best object split leaves its children
-// overlapping by more than this share of the root's area (Stich et al.'s alpha; 1e-5
-// searched far more nodes for the same trees on the meshes we measured).
-constexpr double kOverlapShare = 1e-4;
+// overlapping by more than this share of the root's area (Stich et al.'s alpha). Below it
+// they mostly add references, each a share of a group of four, for a walk less than half
+// a per cent shorter on the meshes we measured; 1e-5 searched far more nodes for the same
+// trees.
+constexpr double kOverlapShare = 1e-2;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 struct Task
@@ -344,7 +349,7 @@ private:
 
     Split sortedSplit(const Reference* refs, uint32_t n)
     {
-        Split best;
+        Split best, whole;
         uint8_t order[kSweepLimit];
         kxBBox right[kSweepLimit];
         for (int a = 0; a < 3; ++a)
@@ -375,18 +380,21 @@ private:
                 hi = kxBoxLanes::upper(kxBoxLanes::load3(refs[order[i - 1]].box.max), hi);
                 kxBoxLanes::store(left, lo, hi);
                 const double cost = halfArea(left) * groups(i) + halfArea(right[i]) * groups(n - i);
+                const auto take = [&](Split& s) {
+                    s.kind = Kind::eSorted;
+                    s.cost = cost;
+                    s.axis = a;
+                    s.count = i;
+                    s.left = left;
+                    s.right = right[i];
+                };
                 if (cost < best.cost)
-                {
-                    best.kind = Kind::eSorted;
-                    best.cost = cost;
-                    best.axis = a;
-                    best.count = i;
-                    best.left = left;
-                    best.right = right[i];
-                }
+                    take(best);
+                if (cost < whole.cost && (i % 4 == 0 || (n - i) % 4 == 0))
+                    take(whole);
             }
         }
-        return best;
+        return whole.cost <= best.cost * (1.0 + kWholeGroupsMargin) ? whole : best;
     }
 
     Split spatialSplit(const kxBBox& box, const Reference* refs, uint32_t n)

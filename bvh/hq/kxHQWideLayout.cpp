@@ -1,5 +1,7 @@
 #include "kxHQWideLayout.h"
 
+#include "kxQBVH.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -81,6 +83,10 @@ public:
         const double rootArea = halfArea(mTree[0].box);
         const bool scaled = rootArea > 0.0 && std::isfinite(rootArea);
         const std::vector<Sum> covers = sums();
+        // Memory is priced per reference, whatever the mesh's size.
+        const double perReference = kCostPerBytePerReference / double((n + 1) / 2);
+        mGroupPrice = perReference * double(sizeof(kxQBVH::tSOATriangleEquations) + sizeof(kxQBVH::tSOATriangleIndices));
+        mNodePrice = perReference * double(sizeof(kxQBVH::tQBVHNode));
         for (size_t i = n; i-- > 0;)
         {
             if (i % 4096 == 0 && cancelled(mCancel))
@@ -93,7 +99,7 @@ public:
             else
                 mReferences[i] = std::min(mReferences[node.left] + mReferences[node.left + 1], mMaxLeaf + 1);
             if (mReferences[i] <= mMaxLeaf)
-                c[kAsLeaf] = float(weight * kGroupTestCost * ((mReferences[i] + 3) / 4));
+                c[kAsLeaf] = float((weight * kGroupTestCost + mGroupPrice) * ((mReferences[i] + 3) / 4));
             if (node.left == TreeNode::kLeaf)
                 continue;
             const float* l = &mCost[size_t(node.left) * kCovers];
@@ -114,7 +120,7 @@ public:
                     best = c[k];
                     mNodeCover[i] = uint8_t(k);
                 }
-            c[kAsNode] = float(weight * kNodeVisitCost) + best;
+            c[kAsNode] = float(weight * kNodeVisitCost + mNodePrice) + best;
         }
         const float* root = &mCost[0];
         mRootIsLeaf = mTree[0].left == TreeNode::kLeaf || root[kAsLeaf] <= root[kAsNode];
@@ -129,6 +135,7 @@ public:
         mNodes.assign(1, kxGNode());
         mPrimitives.clear();
         mJobs.clear();
+        mFourWideNodes = mGroups = 0;
         mJobs.push_back({Job::eSlot, {0, mRootIsLeaf}, {}, 0});
         while (!mJobs.empty())
         {
@@ -148,11 +155,18 @@ public:
                 return false;
             writeNode(job.a.node, job.out);
         }
+        mMemoryCost = mNodePrice * double(mFourWideNodes) + mGroupPrice * double(mGroups);
         bvh.mNodes.swap(mNodes);
         bvh.mPrimitiveIndices.swap(mPrimitives);
         bvh.mNodeCount = static_cast<uint32_t>(bvh.mNodes.size());
         bvh.mPrimitiveCount = static_cast<uint32_t>(bvh.mPrimitiveIndices.size());
         return true;
+    }
+
+    /// The price of the memory of the emitted tree, included in the cost choose gave.
+    double memoryCost() const
+    {
+        return mMemoryCost;
     }
 
 private:
@@ -220,6 +234,7 @@ private:
         Slot slots[4];
         int count = 0;
         collect(node, mNodeCover[node], slots, count);
+        ++mFourWideNodes;
         // Halves: a leaf alone, or a pair of slots. The pairing with the least area keeps
         // the intermediate boxes meaningful; the walk never tests them.
         Job halves[2];
@@ -300,6 +315,7 @@ private:
         mNodes[out].bbox = mTree[node].box;
         mNodes[out].offset = first | kxGNode::eLeafMark;
         mNodes[out].count = static_cast<uint32_t>(mPrimitives.size()) - first;
+        mGroups += (mNodes[out].count + 3) / 4;
     }
 
     const std::vector<TreeNode>& mTree;
@@ -310,6 +326,9 @@ private:
     std::vector<uint8_t> mNodeCover;   // per node: the cover its four-wide node takes
     std::vector<uint32_t> mReferences; // per node, at most maxLeaf + 1
     bool mRootIsLeaf = true;
+    double mGroupPrice = 0.0, mNodePrice = 0.0;
+    uint64_t mFourWideNodes = 0, mGroups = 0;
+    double mMemoryCost = 0.0;
     std::vector<kxGNode> mNodes;
     std::vector<uint32_t> mPrimitives;
     std::vector<Job> mJobs;
@@ -321,6 +340,9 @@ bool layOutFourWide(const std::vector<TreeNode>& tree, uint32_t maxLeaf, const k
                     kxGenericBVH& bvh, double& cost)
 {
     Layout layout(tree, maxLeaf, cancel);
-    return layout.choose(cost) && layout.emit(bvh);
+    if (!layout.choose(cost) || !layout.emit(bvh))
+        return false;
+    cost = std::max(0.0, cost - layout.memoryCost());
+    return true;
 }
 } // namespace kxHQ

@@ -563,3 +563,29 @@ TEST(HighQualityBuilder, FourWideTreesCostLessThanTheSahBuildersOnCadLikeMeshes)
         EXPECT_GT(spatial.mPrimitiveIndices.size(), triangleCount(*mesh));
     }
 }
+
+// Every leaf pads its group of four, so a tree of many small leaves costs memory that
+// rays barely repay: the leaves of the default limit come close to the fewest groups
+// that can hold the references, on meshes of every shape.
+TEST(HighQualityBuilder, LeavesFillTheirGroupsOfFour)
+{
+    kx::kxCapturingLog quiet;
+    quiet.install();
+    std::mt19937 rng(31);
+    const std::vector<NamedMesh> meshes = {{"soup", randomSoup(rng, 3000, SoupOptions())},
+                                           {"grid", randomTriangleMesh(11, 4000, Layout::Grid)},
+                                           {"clustered", randomTriangleMesh(12, 4000, Layout::Clustered)},
+                                           {"cad-like", cadLike(rng, 120)}};
+    for (const NamedMesh& m : meshes)
+    {
+        kxGenericBVH bvh;
+        ASSERT_TRUE(kxHighQualityBVHBuilder().build(*m.mesh, bvh)) << m.name;
+        uint64_t groups = 0;
+        for (uint32_t i = 0; i < bvh.mNodeCount; ++i)
+            if ((bvh.mNodes[i].offset & kxGNode::eKindMask) == kxGNode::eLeafMark)
+                groups += (bvh.mNodes[i].count + 3) / 4;
+        const uint64_t fewest = (uint64_t(bvh.mPrimitiveCount) + 3) / 4;
+        EXPECT_LE(double(groups), 1.09 * double(fewest)) << m.name;
+        EXPECT_EQ(collapse(bvh, *m.mesh).getGroupCount(), groups) << m.name;
+    }
+}
