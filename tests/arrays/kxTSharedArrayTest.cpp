@@ -72,7 +72,8 @@ std::vector<unsigned char> streamBytes(const std::string& typeName, uint32_t id,
     if (!typeName.empty())
     {
         word(static_cast<uint32_t>(typeName.size()));
-        bytes.insert(bytes.end(), typeName.begin(), typeName.end());
+        for (char c : typeName)
+            bytes.push_back(static_cast<unsigned char>(c));
     }
     word(0);
     word(id);
