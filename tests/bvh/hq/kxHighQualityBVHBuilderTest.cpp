@@ -336,7 +336,10 @@ void randomRay(std::mt19937& rng, const kxBBox& box, bool inside, V3& o, V3& d)
     const float size = std::max({box.max[0] - box.min[0], box.max[1] - box.min[1], box.max[2] - box.min[2]});
     o = inside ? inBox() : target + away * size;
     d = target - o;
-    if (!(d.Length() > 0.0f))
+    // Boxes of huge meshes can overflow to infinite extents; Wild Magic's checked Sqrt must
+    // not see the NaN that makes.
+    const float squared = d.SquaredLength();
+    if (!(squared > 0.0f) || !std::isfinite(squared))
         d = V3(1.0f, 0.0f, 0.0f);
     d.Normalize();
     if (unit(rng) < 0.1f)
