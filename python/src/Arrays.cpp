@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <thread>
 
 namespace kxpy
@@ -69,6 +70,42 @@ py::array_t<float> contiguousFloats(const py::array& array)
     return py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(array);
 }
 
+namespace
+{
+/// Whether the rows of a float32 array can be read where they are: the numbers of a row
+/// next to each other, and the rows one fixed step apart (a column slice such as
+/// rays[:, :3] of an (N, 6) array, or a broadcast row). The step, in floats, goes to step.
+bool inPlaceRows(const py::array& array, py::ssize_t& step)
+{
+    const py::ssize_t axes = array.ndim();
+    if (!py::isinstance<py::array_t<float>>(array) || !array.dtype().attr("isnative").cast<bool>() ||
+        array.strides(axes - 1) != py::ssize_t(sizeof(float)) ||
+        reinterpret_cast<uintptr_t>(array.data()) % alignof(float) != 0)
+        return false;
+    step = 0;
+    bool first = true;
+    py::ssize_t inner = 1;  // rows one step of the current axis passes over
+    for (py::ssize_t axis = axes - 2; axis >= 0; --axis)
+    {
+        const py::ssize_t extent = array.shape(axis), stride = array.strides(axis);
+        if (extent != 1)
+        {
+            if (first)
+            {
+                if (stride < 0 || stride % py::ssize_t(sizeof(float)) != 0)
+                    return false;
+                step = stride / py::ssize_t(sizeof(float));
+                first = false;
+            }
+            else if (stride != step * py::ssize_t(sizeof(float)) * inner)
+                return false;
+        }
+        inner *= extent;
+    }
+    return true;
+}
+} // namespace
+
 Rows rows(py::handle object, const char* name, py::ssize_t width)
 {
     const py::array array = realArray(object, name);
@@ -76,11 +113,20 @@ Rows rows(py::handle object, const char* name, py::ssize_t width)
         throw py::value_error(std::string(name) + " must have shape (..., " + std::to_string(width) + "), got " +
                               shapeText(array));
     Rows result;
-    result.array = contiguousFloats(array);
-    result.data = result.array.data();
     result.leading.assign(array.shape(), array.shape() + array.ndim() - 1);
     result.count = static_cast<size_t>(array.size() / width);
-    result.stride = static_cast<size_t>(width);
+    py::ssize_t step = 0;
+    if (inPlaceRows(array, step))
+    {
+        result.array = py::array_t<float>::ensure(array);
+        result.stride = static_cast<size_t>(step);
+    }
+    else
+    {
+        result.array = contiguousFloats(array);
+        result.stride = static_cast<size_t>(width);
+    }
+    result.data = result.array.data();
     return result;
 }
 

@@ -38,12 +38,16 @@ def test_batches_of_any_shape_and_layout_give_the_flat_answers(scene):
     origin, directions = camera_rays(24, 32)
     flat = bvh.intersect(np.tile(origin, (24 * 32, 1)), directions.reshape(-1, 3))
     assert 0.2 < np.isfinite(flat["t"]).mean() < 0.95
+    rays6 = np.concatenate([np.broadcast_to(origin, directions.shape), directions], -1)
     variants = [
         (origin, directions),  # one origin for every ray
         (np.broadcast_to(origin, directions.shape), directions),
         (origin.astype(np.float64), directions.astype(np.float64)),
         (origin, np.asfortranarray(directions.reshape(-1, 3)).reshape(24, 32, 3)),
         (origin, strided(directions)),
+        (rays6[..., :3], rays6[..., 3:]),  # rays as Open3D takes them, read where they are
+        (origin, directions.astype(">f4")),
+        (origin, np.stack([directions, directions], 1)[:, 0]),  # rows in no one step
     ]
     for origins, dirs in variants:
         hits = bvh.intersect(origins, dirs)
@@ -51,6 +55,8 @@ def test_batches_of_any_shape_and_layout_give_the_flat_answers(scene):
         assert hits["t"].dtype == np.float32 and hits["triangle"].dtype == np.uint32
         for field in ("t", "triangle", "barycentric"):
             np.testing.assert_array_equal(hits[field].reshape(flat[field].shape), flat[field])
+    backwards = bvh.intersect(rays6[::-1, ::-2, :3], rays6[::-1, ::-2, 3:])["t"]
+    np.testing.assert_array_equal(backwards, flat["t"].reshape(24, 32)[::-1, ::-2])
     single = bvh.intersect(origin, directions[3, 5])
     assert single["t"].shape == () and single["barycentric"].shape == (2,)
     assert single["t"] == flat["t"][3 * 32 + 5]
