@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
 
 namespace kxpy
 {
@@ -101,11 +102,11 @@ bool worthSorting(size_t count, const Key& key)
 }
 
 /// The rows in the order of their keys (below 2^bits), equal keys in row order, by one
-/// counting pass, with each row's `width` inputs (written by copy(row, destination)) in
-/// that order too. Both empty when the batch is not worth sorting.
-template <class Key, class Copy>
-void sortRows(size_t count, int bits, size_t width, const Key& key, const Copy& copy, std::vector<uint32_t>& order,
-              std::vector<float>& inputs)
+/// counting pass, with each row's three floats of every source copied in that order too.
+/// Both empty when the batch is not worth sorting.
+template <class Key>
+void sortRows(size_t count, int bits, const Key& key, std::initializer_list<const Rows*> sources,
+              std::vector<uint32_t>& order, std::vector<float>& inputs)
 {
     if (!worthSorting(count, key))
         return;
@@ -118,13 +119,20 @@ void sortRows(size_t count, int bits, size_t width, const Key& key, const Copy& 
     }
     for (size_t k = 1; k < start.size(); ++k)
         start[k] += start[k - 1];
+    const size_t width = 3 * sources.size();
     order.resize(count);
     inputs.resize(count * width);
     for (size_t i = 0; i < count; ++i)
     {
         const size_t k = start[keys[i]]++;
         order[k] = static_cast<uint32_t>(i);
-        copy(i, inputs.data() + k * width);
+        float* to = inputs.data() + k * width;
+        for (const Rows* source : sources)
+        {
+            const float* row = source->row(i);
+            for (int a = 0; a < 3; ++a)
+                *to++ = row[a];
+        }
     }
 }
 } // namespace
@@ -133,43 +141,23 @@ QueryOrder QueryOrder::ofRays(const RayBatch& rays, const kxBBox& bounds)
 {
     py::gil_scoped_release release;
     const BoxCells origin(bounds, kOriginBits);
-    std::vector<uint32_t> order;
-    std::vector<float> inputs;
+    QueryOrder result;
+    result.mWidth = 6;
     sortRows(
-        rays.count, 3 * kOriginBits + 3, 6,
+        rays.count, 3 * kOriginBits + 3,
         [&](size_t i) { return (origin(rays.origins.row(i)) << 3) | octant(rays.directions.row(i)); },
-        [&](size_t i, float* to) {
-            const float* origin = rays.origins.row(i);
-            const float* direction = rays.directions.row(i);
-            for (int a = 0; a < 3; ++a)
-            {
-                to[a] = origin[a];
-                to[3 + a] = direction[a];
-            }
-        },
-        order, inputs);
-    return QueryOrder(std::move(order), std::move(inputs), 6);
+        {&rays.origins, &rays.directions}, result.mOrder, result.mInputs);
+    return result;
 }
 
 QueryOrder QueryOrder::ofPoints(const Rows& points, const kxBBox& bounds)
 {
     py::gil_scoped_release release;
     const BoxCells cell(bounds, kPointBits);
-    std::vector<uint32_t> order;
-    std::vector<float> inputs;
-    sortRows(
-        points.count, 3 * kPointBits, 3, [&](size_t i) { return cell(points.row(i)); },
-        [&](size_t i, float* to) {
-            const float* point = points.row(i);
-            for (int a = 0; a < 3; ++a)
-                to[a] = point[a];
-        },
-        order, inputs);
-    return QueryOrder(std::move(order), std::move(inputs), 3);
-}
-
-QueryOrder::QueryOrder(std::vector<uint32_t> order, std::vector<float> inputs, size_t width)
-    : mOrder(std::move(order)), mInputs(std::move(inputs)), mWidth(width)
-{
+    QueryOrder result;
+    result.mWidth = 3;
+    sortRows(points.count, 3 * kPointBits, [&](size_t i) { return cell(points.row(i)); }, {&points},
+             result.mOrder, result.mInputs);
+    return result;
 }
 } // namespace kxpy

@@ -56,7 +56,6 @@ public:
 
 private:
     QueryOrder() = default;
-    QueryOrder(std::vector<uint32_t> order, std::vector<float> inputs, size_t width);
 
     std::vector<uint32_t> mOrder;  // empty: the batch's own order
     std::vector<float> mInputs;    // mWidth floats per query, in answer order
