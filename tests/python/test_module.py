@@ -4,6 +4,7 @@ exception every bad input gets."""
 import _thread
 import json
 import logging
+import signal
 import subprocess
 import threading
 import time
@@ -177,6 +178,15 @@ def test_the_library_log_goes_to_python_logging(caplog):
     assert any(r.name == "kxbvh.bvh" and "primitives" in r.getMessage() for r in caplog.records)
 
 
+@pytest.fixture
+def ctrl_c():
+    """Python's own Ctrl-C handler, whatever the test runner inherited: a runner started in
+    the background ignores SIGINT, and simulated presses then do nothing."""
+    previous = signal.signal(signal.SIGINT, signal.default_int_handler)
+    yield
+    signal.signal(signal.SIGINT, previous)
+
+
 class InterruptOnFirstLine(logging.Handler):
     """Presses Ctrl-C from inside the build, as soon as the builder writes its first line."""
 
@@ -186,7 +196,7 @@ class InterruptOnFirstLine(logging.Handler):
             _thread.interrupt_main()
 
 
-def test_ctrl_c_stops_a_build_with_keyboard_interrupt():
+def test_ctrl_c_stops_a_build_with_keyboard_interrupt(ctrl_c):
     vertices, triangles = kxbvh.demo_scene(200_000)
     logger = logging.getLogger("kxbvh")
     handler = InterruptOnFirstLine()
@@ -203,7 +213,7 @@ def test_ctrl_c_stops_a_build_with_keyboard_interrupt():
     assert kxbvh.QBVH(vertices, triangles).info()["mesh"]["triangles"] == len(triangles)
 
 
-def test_ctrl_c_stops_a_query_batch_with_keyboard_interrupt(scene):
+def test_ctrl_c_stops_a_query_batch_with_keyboard_interrupt(scene, ctrl_c):
     _, _, bvh = scene
     directions = np.random.default_rng(5).normal(size=(3_000_000, 3)).astype(np.float32)
     timer = threading.Timer(0.05, _thread.interrupt_main)
@@ -215,7 +225,7 @@ def test_ctrl_c_stops_a_query_batch_with_keyboard_interrupt(scene):
     assert raised.traceback[-1].statement.lines[-1].strip().startswith("bvh.intersect(")
 
 
-def test_ctrl_c_stops_the_scene_generator_with_keyboard_interrupt():
+def test_ctrl_c_stops_the_scene_generator_with_keyboard_interrupt(ctrl_c):
     timer = threading.Timer(0.05, _thread.interrupt_main)
     timer.start()
     with pytest.raises(KeyboardInterrupt) as raised:
