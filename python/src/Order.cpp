@@ -1,7 +1,5 @@
 #include "Order.h"
 
-#include <algorithm>
-#include <cmath>
 #include <initializer_list>
 
 namespace kxpy
@@ -33,7 +31,7 @@ public:
         const float f = (x - mLow) * mScale;
         if (!(f > 0.0f))
             return 0;
-        return f < float(mCells) ? std::min(static_cast<uint32_t>(f), mCells - 1) : mCells - 1;
+        return f < float(mCells) ? static_cast<uint32_t>(f) : mCells - 1;
     }
 
 private:

@@ -38,7 +38,6 @@ Wm4::Vector3<float> vector(const float* xyz)
     return Wm4::Vector3<float>(xyz[0], xyz[1], xyz[2]);
 }
 
-
 /// The output arrays of the ray queries, written by many threads at distinct rows.
 struct HitArrays
 {
@@ -78,11 +77,13 @@ struct HitArrays
 };
 
 /// Nearest hits of every ray within (at most) tMax, by query(origin, direction, t, barycentric,
-/// triangle), a nearest-hit query of the hierarchy; the batch split across threads.
+/// triangle), a nearest-hit query of the hierarchy with the given bounds; the batch split
+/// across threads.
 template <typename Query>
-py::dict nearestHits(const RayBatch& rays, const QueryOrder& order, float tMax, long long threads, const Query& query)
+py::dict nearestHits(const RayBatch& rays, const kxBBox& bounds, float tMax, long long threads, const Query& query)
 {
     const HitArrays hits(rays.leading);
+    const QueryOrder order = QueryOrder::ofRays(rays, bounds);
     forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
         for (size_t k = begin; k < end; ++k)
         {
@@ -134,7 +135,7 @@ py::dict PyQBVH::intersect(const py::object& origins, const py::object& directio
                               std::to_string(tmax));
     const kxQBVH::tIntersectionPolicy policy = policyOf(side);
     const RayBatch rays = rayBatch(origins, directions);
-    return nearestHits(rays, QueryOrder::ofRays(rays, mQBVH.getBBox()), tMax, threads,
+    return nearestHits(rays, mQBVH.getBBox(), tMax, threads,
                        [&](const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
                            Wm4::Vector2<float>& barycentric, unsigned& triangle) {
                            return mQBVH.intersectRay(origin, direction, tMin, t, barycentric, triangle, policy);
@@ -148,7 +149,7 @@ py::dict PyQBVH::intersectSymmetric(const py::object& origins, const py::object&
     if (tMax < 0.0f)
         throw py::value_error("tmax must not be negative, got " + std::to_string(tmax));
     const RayBatch rays = rayBatch(origins, directions);
-    return nearestHits(rays, QueryOrder::ofRays(rays, mQBVH.getBBox()), tMax, threads,
+    return nearestHits(rays, mQBVH.getBBox(), tMax, threads,
                        [&](const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
                            Wm4::Vector2<float>& barycentric, unsigned& triangle) {
                            return mQBVH.intersectRaySymmetric(origin, direction, t, barycentric, triangle);
