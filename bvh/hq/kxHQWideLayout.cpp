@@ -85,7 +85,8 @@ public:
         const std::vector<Sum> covers = sums();
         // Memory is priced per reference, whatever the mesh's size.
         const double perReference = kCostPerBytePerReference / double((n + 1) / 2);
-        mGroupPrice = perReference * double(sizeof(kxQBVH::tSOATriangleEquations) + sizeof(kxQBVH::tSOATriangleIndices));
+        mGroupPrice =
+            perReference * double(sizeof(kxQBVH::tSOATriangleEquations) + sizeof(kxQBVH::tSOATriangleIndices));
         mNodePrice = perReference * double(sizeof(kxQBVH::tQBVHNode));
         for (size_t i = n; i-- > 0;)
         {

@@ -28,11 +28,12 @@ constexpr uint64_t kLayoutBytesPerNode = 14 * (sizeof(float) + 1) + 1 + sizeof(u
 /// Chooses, by dynamic programming over the tree, which subtrees become the slots of each
 /// four-wide node and which become leaves of at most maxLeaf triangles, minimising the
 /// expected cost of a ray that hits the root box (node visits plus group tests, weighted
-/// by surface area, plus the price of their memory); then writes into bvh a binary hierarchy whose collapse gives exactly
-/// those nodes. A slot that holds another four-wide node is written as a grandchild of its
-/// node, and a leaf may also stand as a child with an empty partner slot. A leaf holds
-/// each triangle once, however many references of it the subtree had. False when
-/// cancelled; cost receives the expected cost of a ray, memory not counted.
+/// by surface area, plus the price of their memory); then writes into bvh a binary
+/// hierarchy whose collapse gives exactly those nodes. A slot that holds another four-wide
+/// node is written as a grandchild of its node, and a leaf may also stand as a child with
+/// an empty partner slot. A leaf holds each triangle once, however many references of it
+/// the subtree had. False when cancelled; cost receives the expected cost of a ray, memory
+/// not counted.
 bool layOutFourWide(const std::vector<TreeNode>& tree, uint32_t maxLeaf, const kx::kxCancelInterfaceReadOnly* cancel,
                     kxGenericBVH& bvh, double& cost);
 } // namespace kxHQ
