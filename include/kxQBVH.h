@@ -125,6 +125,26 @@ public:
     bool intersectRayAny(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction,
                          float tMin, float tMax, tIntersectionPolicy policy) const;
 
+    /// intersectRay for `count` rays at once: ray i runs from origins[i] along directions[i]
+    /// in [tMin[i], t[i]]; t[i], barycentric[i] and triangle[i] change as intersectRay
+    /// changes them, and hit[i] is its answer, bit for bit. Several rays are walked in
+    /// turn, so that one ray's waits on memory overlap the others' work: on hierarchies
+    /// larger than the caches this answers a batch markedly faster than one call per ray.
+    /// Without eTrianglesEquations: one error line at level 2, every hit[i] false, nothing
+    /// else written. Thread-safe, allocation-free.
+    void intersectRays(unsigned int count, const Wm4::Vector3<float>* origins,
+                       const Wm4::Vector3<float>* directions, const float* tMin, float* t,
+                       Wm4::Vector2<float>* barycentric, unsigned int* triangle, bool* hit,
+                       tIntersectionPolicy policy) const;
+
+    /// intersectRayAny for `count` rays at once, walked as intersectRays walks them:
+    /// occluded[i] is its answer for origins[i], directions[i], tMin[i] and tMax[i].
+    /// Without eTrianglesEquations: one error line at level 2 and every occluded[i] false.
+    /// Thread-safe, allocation-free.
+    void intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* origins,
+                          const Wm4::Vector3<float>* directions, const float* tMin, const float* tMax,
+                          bool* occluded, tIntersectionPolicy policy) const;
+
     /// The point of the mesh nearest to `point` within `distance` (in: the largest distance
     /// searched, +infinity for all; out: the distance found). On success also the nearest
     /// point, its barycentric pair (weight of corner 0, weight of corner 1, as the ray

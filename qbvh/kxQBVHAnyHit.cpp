@@ -1,5 +1,6 @@
 #include "kxLogObject.h"
 #include "kxQBVH.h"
+#include "kxQBVHInterleave.h"
 #include "kxQBVHRayKernels.h"
 
 #include <limits>
@@ -9,7 +10,7 @@ using namespace kxQBVHRay;
 
 namespace
 {
-constexpr uint32_t kNone = 0xFFFFFFFFu;
+constexpr uint32_t kNone = kNoChild;
 
 // The nearest-hit query with a fixed interval [tMin, tMax] reaches exactly the slots and
 // accepts exactly the triangles tested here, since its interval only shrinks after a hit.
@@ -45,14 +46,6 @@ public:
     bool run(uint32_t ref, uint32_t count) const;
 
 private:
-    static constexpr int kStackSize = 96;
-
-    struct Entry
-    {
-        uint32_t ref;
-        uint32_t count;
-    };
-
     const kxQBVH::tQBVHNode* mNodes;
     const kxQBVH::tSOATriangleEquations* mEquations;
     uint32_t mGroupCount;
@@ -63,7 +56,7 @@ private:
 template <int P>
 bool Occlusion<P>::run(uint32_t ref, uint32_t count) const
 {
-    Entry stack[kStackSize];
+    StackEntry stack[kStackSize];
     int top = 0;
     const RayRecord& r = mRay;
     const vfloat4 ox = r.org[0], oy = r.org[1], oz = r.org[2];
@@ -87,10 +80,7 @@ bool Occlusion<P>::run(uint32_t ref, uint32_t count) const
                     if (top < kStackSize)
                     {
                         stack[top++] = {node.child[k], node.count[k]};
-                        if (node.count[k] == kNone)
-                            prefetchLines(mNodes + node.child[k], 2);
-                        else
-                            prefetchLines(mEquations + node.child[k], 3);
+                        prefetchEntry(mNodes, mEquations, node.child[k], node.count[k]);
                     }
                     else if (run(node.child[k], node.count[k]))
                         return true;
@@ -120,6 +110,117 @@ bool occluded(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin, const Wm4::
         return occlusion.run(0, kNone);
     return occlusion.leafTest(0, qbvh.getGroupCount());
 }
+
+// intersectRayAny over a batch, the walks interleaved. Each walk visits what the walk on its
+// own visits, in the same order.
+template <int P>
+class OcclusionBatch
+{
+public:
+    struct Walk
+    {
+        RayRecord ray;
+        vfloat4 tMin, tMax;
+        uint32_t ref, count;
+        int top;
+        unsigned int query;
+        bool occluded;
+        StackEntry stack[kStackSize];
+    };
+
+    OcclusionBatch(const kxQBVH& qbvh, const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions,
+                   const float* tMin, const float* tMax, bool* occluded)
+        : mQBVH(qbvh), mNodes(qbvh.getNodes()), mEquations(qbvh.getTriangleEquations()), mOrigins(origins),
+          mDirections(directions), mTMin(tMin), mTMax(tMax), mOccluded(occluded)
+    {
+    }
+
+    void start(Walk& w, unsigned int query) const
+    {
+        w.ray = RayRecord(mOrigins[query], mDirections[query]);
+        w.tMin = vfloat4(mTMin[query]);
+        w.tMax = vfloat4(mTMax[query]);
+        w.ref = 0;
+        w.count = kNone;
+        w.top = 0;
+        w.query = query;
+        w.occluded = false;
+    }
+
+    bool step(Walk& w) const;
+    void finish(const Walk& w) const { mOccluded[w.query] = w.occluded; }
+
+private:
+    void prefetch(uint32_t ref, uint32_t count) const { prefetchEntry(mNodes, mEquations, ref, count); }
+
+    const kxQBVH& mQBVH;
+    const kxQBVH::tQBVHNode* mNodes;
+    const kxQBVH::tSOATriangleEquations* mEquations;
+    const Wm4::Vector3<float>* mOrigins;
+    const Wm4::Vector3<float>* mDirections;
+    const float* mTMin;
+    const float* mTMax;
+    bool* mOccluded;
+};
+
+template <int P>
+bool OcclusionBatch<P>::step(Walk& w) const
+{
+    const Occlusion<P> occlusion(mQBVH, w.ray, mTMin[w.query], mTMax[w.query]);
+    if (w.count == kNone)
+    {
+        const kxQBVH::tQBVHNode& node = mNodes[w.ref];
+        const RayRecord& r = w.ray;
+        const Slabs s = slabs(node, r.org[0], r.org[1], r.org[2], r.inv[0], r.inv[1], r.inv[2], w.tMin, w.tMax);
+        int visit = enteredSlots(s);
+        if (visit != 0)
+        {
+            const int first = __builtin_ctz(static_cast<unsigned>(visit));
+            for (visit &= visit - 1; visit != 0; visit &= visit - 1)
+            {
+                const int k = __builtin_ctz(static_cast<unsigned>(visit));
+                if (w.top == kStackSize)
+                {
+                    // Deeper than the stack holds: the walk on its own, which recurses there.
+                    w.occluded = occlusion.run(0, kNone);
+                    return false;
+                }
+                w.stack[w.top++] = {node.child[k], node.count[k]};
+                prefetch(node.child[k], node.count[k]);
+            }
+            w.ref = node.child[first];
+            w.count = node.count[first];
+            prefetch(w.ref, w.count);
+            return true;
+        }
+    }
+    else if (occlusion.leafTest(w.ref, w.count))
+    {
+        w.occluded = true;
+        return false;
+    }
+    if (w.top == 0)
+        return false;
+    --w.top;
+    w.ref = w.stack[w.top].ref;
+    w.count = w.stack[w.top].count;
+    prefetch(w.ref, w.count);
+    return true;
+}
+
+template <int P>
+void occludedBatch(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+                   const Wm4::Vector3<float>* directions, const float* tMin, const float* tMax, bool* answers)
+{
+    if (qbvh.getNodeCount() == 0)
+    {
+        for (unsigned int i = 0; i < count; ++i)
+            answers[i] = occluded<P>(qbvh, origins[i], directions[i], tMin[i], tMax[i]);
+        return;
+    }
+    OcclusionBatch<P> batch(qbvh, origins, directions, tMin, tMax, answers);
+    interleave(count, batch);
+}
 } // namespace
 
 bool kxQBVH::intersectRayAny(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float tMin,
@@ -140,5 +241,29 @@ bool kxQBVH::intersectRayAny(const Wm4::Vector3<float>& origin, const Wm4::Vecto
         return occluded<eBackSide>(*this, origin, direction, tMin, tMax);
     default:
         return occluded<eAllSides>(*this, origin, direction, tMin, tMax);
+    }
+}
+
+void kxQBVH::intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* origins,
+                              const Wm4::Vector3<float>* directions, const float* tMin, const float* tMax,
+                              bool* occluded, tIntersectionPolicy policy) const
+{
+    if (!(mDataFlags & eTrianglesEquations))
+    {
+        if (kx::kxLogObject::errorLevelEnabled())
+            kx::kxLogObject(2)
+                << "error: QBVH is not built with the right data type (should be kxQBVH::eTrianglesEquations)";
+        for (unsigned int i = 0; i < count; ++i)
+            occluded[i] = false;
+        return;
+    }
+    switch (policy)
+    {
+    case eFrontSide:
+        return occludedBatch<eFrontSide>(*this, count, origins, directions, tMin, tMax, occluded);
+    case eBackSide:
+        return occludedBatch<eBackSide>(*this, count, origins, directions, tMin, tMax, occluded);
+    default:
+        return occludedBatch<eAllSides>(*this, count, origins, directions, tMin, tMax, occluded);
     }
 }

@@ -1,5 +1,6 @@
 #include "kxLogObject.h"
 #include "kxQBVH.h"
+#include "kxQBVHInterleave.h"
 #include "kxQBVHRayKernels.h"
 
 #include <limits>
@@ -9,7 +10,7 @@ using namespace kxQBVHRay;
 
 namespace
 {
-constexpr uint32_t kNone = 0xFFFFFFFFu;
+constexpr uint32_t kNone = kNoChild;
 constexpr float kInf = std::numeric_limits<float>::infinity();
 
 struct Hit
@@ -50,6 +51,52 @@ struct SymmetricRule
 // Visited slots of a node by their lane mask.
 constexpr int kSlotCount[16] = {0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4};
 
+// The order in which the walk takes the entered slots `visit` (two or more) of a node:
+// nearest key first, into slot[0 ..].
+inline void orderSlots(int visit, vfloat4 nearT, vfloat4 farT, int slot[4]) __attribute__((always_inline));
+inline void orderSlots(int visit, vfloat4 nearT, vfloat4 farT, int slot[4])
+{
+    // A keyed slot (near <= far) is visited when its key is below +infinity, that is when
+    // near is: the key is near when near > 0, else 0 or far. Keys themselves are formed
+    // only to order several slots.
+    const vfloat4 zero(0.0f), inf(kInf);
+    const vmask4 keyed = nearT <= farT;
+    const int lowest = __builtin_ctz(static_cast<unsigned>(visit));
+    const int remaining = visit & (visit - 1);
+    // Near when the box lies ahead, 0 when the origin is inside, far (negative)
+    // when the whole box lies behind the origin.
+    const vfloat4 bits = orBits(max(nearT, zero), min(farT, zero));
+    alignas(16) float keys[4];
+    if ((remaining & (remaining - 1)) == 0)
+    {
+        // Two slots: the network keeps their slot order on equal keys.
+        bits.store(keys);
+        const int other = __builtin_ctz(static_cast<unsigned>(remaining));
+        const bool swap = keys[lowest] > keys[other];
+        slot[0] = swap ? other : lowest;
+        slot[1] = swap ? lowest : other;
+    }
+    else
+    {
+        select(keyed, bits, inf).store(keys);
+        slot[0] = 0, slot[1] = 1, slot[2] = 2, slot[3] = 3;
+        const auto exchange = [&](int i, int j) {
+            const bool swap = keys[i] > keys[j];
+            const float ki = keys[i], kj = keys[j];
+            const int si = slot[i], sj = slot[j];
+            keys[i] = swap ? kj : ki;
+            keys[j] = swap ? ki : kj;
+            slot[i] = swap ? sj : si;
+            slot[j] = swap ? si : sj;
+        };
+        exchange(0, 1);
+        exchange(2, 3);
+        exchange(0, 2);
+        exchange(1, 3);
+        exchange(1, 2);
+    }
+}
+
 template <class Rule>
 class Traversal
 {
@@ -65,17 +112,9 @@ public:
     inline void leafTest(uint32_t g0, uint32_t count, Hit& hit) const __attribute__((always_inline));
     void run(uint32_t ref, uint32_t count, Hit& hit) const;
 
-private:
-    // Three entries per four-wide level; a deeper tree falls back to recursion.
-    static constexpr int kStackSize = 96;
-
-    struct Entry
-    {
-        uint32_t ref;
-        uint32_t count;
-    };
-
     void prefetch(uint32_t ref, uint32_t count) const;
+
+private:
 
     const kxQBVH::tQBVHNode* mNodes;
     const kxQBVH::tSOATriangleEquations* mEquations;
@@ -133,26 +172,21 @@ void Traversal<Rule>::leafTest(uint32_t g0, uint32_t count, Hit& hit) const
     }
 }
 
-// Child data is fetched while the nearer siblings are processed: a node spans two cache
-// lines, a group of equations three.
+// Child data is fetched while the nearer siblings are processed.
 template <class Rule>
 void Traversal<Rule>::prefetch(uint32_t ref, uint32_t count) const
 {
-    if (count == kNone)
-        prefetchLines(mNodes + ref, 2);
-    else
-        prefetchLines(mEquations + ref, 3);
+    prefetchEntry(mNodes, mEquations, ref, count);
 }
 
 template <class Rule>
 void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
 {
-    Entry stack[kStackSize];
+    StackEntry stack[kStackSize];
     int top = 0;
     const RayRecord& r = mRay;
     const vfloat4 ox = r.org[0], oy = r.org[1], oz = r.org[2];
     const vfloat4 ix = r.inv[0], iy = r.inv[1], iz = r.inv[2];
-    const vfloat4 zero(0.0f), inf(kInf);
     // The interval follows t, which only leaf tests change.
     vfloat4 lower = mRule.lower(hit.t), upper = Rule::upper(hit.t);
     for (;;)
@@ -162,10 +196,6 @@ void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
             const kxQBVH::tQBVHNode& node = mNodes[ref];
             const Slabs s = slabs(node, ox, oy, oz, ix, iy, iz, lower, upper);
             const vfloat4 nearT = s.nearT, farT = s.farT;
-            // A keyed slot (near <= far) is visited when its key is below +infinity, that is
-            // when near is: the key is near when near > 0, else 0 or far. Keys themselves
-            // are formed only to order several slots.
-            const vmask4 keyed = nearT <= farT;
             const int visit = enteredSlots(s);
             if (visit != 0)
             {
@@ -177,39 +207,8 @@ void Traversal<Rule>::run(uint32_t ref, uint32_t count, Hit& hit) const
                     count = node.count[lowest];
                     continue;
                 }
-                // Near when the box lies ahead, 0 when the origin is inside, far (negative)
-                // when the whole box lies behind the origin.
-                const vfloat4 bits = orBits(max(nearT, zero), min(farT, zero));
-                alignas(16) float keys[4];
                 int slot[4];
-                if ((remaining & (remaining - 1)) == 0)
-                {
-                    // Two slots: the network keeps their slot order on equal keys.
-                    bits.store(keys);
-                    const int other = __builtin_ctz(static_cast<unsigned>(remaining));
-                    const bool swap = keys[lowest] > keys[other];
-                    slot[0] = swap ? other : lowest;
-                    slot[1] = swap ? lowest : other;
-                }
-                else
-                {
-                    select(keyed, bits, inf).store(keys);
-                    slot[0] = 0, slot[1] = 1, slot[2] = 2, slot[3] = 3;
-                    const auto exchange = [&](int i, int j) {
-                        const bool swap = keys[i] > keys[j];
-                        const float ki = keys[i], kj = keys[j];
-                        const int si = slot[i], sj = slot[j];
-                        keys[i] = swap ? kj : ki;
-                        keys[j] = swap ? ki : kj;
-                        slot[i] = swap ? sj : si;
-                        slot[j] = swap ? si : sj;
-                    };
-                    exchange(0, 1);
-                    exchange(2, 3);
-                    exchange(0, 2);
-                    exchange(1, 3);
-                    exchange(1, 2);
-                }
+                orderSlots(visit, nearT, farT, slot);
                 const int n = kSlotCount[visit];
                 if (top + n - 1 <= kStackSize)
                 {
@@ -264,6 +263,142 @@ bool query(const kxQBVH& qbvh, const Wm4::Vector3<float>& origin, const Wm4::Vec
     triangle = hit.triangle;
     return true;
 }
+
+// intersectRay over a batch, the walks interleaved. A walk makes the visits of
+// Traversal::run in the same order with the same arithmetic; where run would recurse (a
+// stack overflow), the ray is answered by a walk of its own from the start instead.
+template <int P>
+class NearestBatch
+{
+public:
+    struct Walk
+    {
+        RayRecord ray;
+        Hit hit;
+        vfloat4 lower, upper;
+        uint32_t ref, count;
+        int top;
+        unsigned int query;
+        StackEntry stack[kStackSize];
+    };
+
+    NearestBatch(const kxQBVH& qbvh, const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions,
+                 const float* tMin, float* t, Wm4::Vector2<float>* barycentric, unsigned int* triangle, bool* hit)
+        : mQBVH(qbvh), mNodes(qbvh.getNodes()), mOrigins(origins), mDirections(directions), mTMin(tMin), mT(t),
+          mBarycentric(barycentric), mTriangle(triangle), mHit(hit)
+    {
+    }
+
+    void start(Walk& w, unsigned int query) const
+    {
+        w.ray = RayRecord(mOrigins[query], mDirections[query]);
+        w.hit = {mT[query], 0.0f, 0.0f, kNone};
+        w.lower = vfloat4(mTMin[query]);
+        w.upper = vfloat4(w.hit.t);
+        w.ref = 0;
+        w.count = kNone;
+        w.top = 0;
+        w.query = query;
+    }
+
+    bool step(Walk& w) const;
+
+    void finish(const Walk& w) const
+    {
+        const unsigned int i = w.query;
+        mTriangle[i] = w.hit.triangle;
+        mHit[i] = w.hit.triangle != kNone;
+        if (mHit[i])
+        {
+            mT[i] = w.hit.t;
+            mBarycentric[i] = Wm4::Vector2<float>(w.hit.w, w.hit.u);
+        }
+    }
+
+private:
+    const kxQBVH& mQBVH;
+    const kxQBVH::tQBVHNode* mNodes;
+    const Wm4::Vector3<float>* mOrigins;
+    const Wm4::Vector3<float>* mDirections;
+    const float* mTMin;
+    float* mT;
+    Wm4::Vector2<float>* mBarycentric;
+    unsigned int* mTriangle;
+    bool* mHit;
+};
+
+template <int P>
+bool NearestBatch<P>::step(Walk& w) const
+{
+    const DirectedRule<P> rule{w.lower};
+    const Traversal<DirectedRule<P>> traversal(mQBVH, w.ray, rule);
+    if (w.count == kNone)
+    {
+        const kxQBVH::tQBVHNode& node = mNodes[w.ref];
+        const RayRecord& r = w.ray;
+        const Slabs s = slabs(node, r.org[0], r.org[1], r.org[2], r.inv[0], r.inv[1], r.inv[2], w.lower, w.upper);
+        const int visit = enteredSlots(s);
+        if (visit != 0)
+        {
+            if ((visit & (visit - 1)) == 0)
+            {
+                const int only = __builtin_ctz(static_cast<unsigned>(visit));
+                w.ref = node.child[only];
+                w.count = node.count[only];
+                traversal.prefetch(w.ref, w.count);
+                return true;
+            }
+            int slot[4];
+            orderSlots(visit, s.nearT, s.farT, slot);
+            const int n = kSlotCount[visit];
+            if (w.top + n - 1 > kStackSize)
+            {
+                Hit hit = {mT[w.query], 0.0f, 0.0f, kNone};
+                Traversal<DirectedRule<P>>(mQBVH, w.ray, DirectedRule<P>{vfloat4(mTMin[w.query])}).run(0, kNone, hit);
+                w.hit = hit;
+                return false;
+            }
+            for (int i = n - 1; i > 0; --i)
+            {
+                const uint32_t childRef = node.child[slot[i]], childCount = node.count[slot[i]];
+                traversal.prefetch(childRef, childCount);
+                w.stack[w.top++] = {childRef, childCount};
+            }
+            w.ref = node.child[slot[0]];
+            w.count = node.count[slot[0]];
+            traversal.prefetch(w.ref, w.count);
+            return true;
+        }
+    }
+    else
+    {
+        traversal.leafTest(w.ref, w.count, w.hit);
+        w.upper = DirectedRule<P>::upper(w.hit.t);
+    }
+    if (w.top == 0)
+        return false;
+    --w.top;
+    w.ref = w.stack[w.top].ref;
+    w.count = w.stack[w.top].count;
+    traversal.prefetch(w.ref, w.count);
+    return true;
+}
+
+template <int P>
+void nearestBatch(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+                  const Wm4::Vector3<float>* directions, const float* tMin, float* t,
+                  Wm4::Vector2<float>* barycentric, unsigned int* triangle, bool* hit)
+{
+    if (qbvh.getNodeCount() == 0)
+    {
+        for (unsigned int i = 0; i < count; ++i)
+            hit[i] = query(qbvh, origins[i], directions[i], DirectedRule<P>{vfloat4(tMin[i])}, t[i], barycentric[i],
+                           triangle[i]);
+        return;
+    }
+    NearestBatch<P> batch(qbvh, origins, directions, tMin, t, barycentric, triangle, hit);
+    interleave(count, batch);
+}
 } // namespace
 
 bool kxQBVH::intersectRay(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float tMin,
@@ -295,4 +430,29 @@ bool kxQBVH::intersectRaySymmetric(const Wm4::Vector3<float>& origin, const Wm4:
     if (!(mDataFlags & eTrianglesEquations))
         return false;
     return query(*this, origin, direction, SymmetricRule{}, t, barycentric, triangle);
+}
+
+void kxQBVH::intersectRays(unsigned int count, const Wm4::Vector3<float>* origins,
+                           const Wm4::Vector3<float>* directions, const float* tMin, float* t,
+                           Wm4::Vector2<float>* barycentric, unsigned int* triangle, bool* hit,
+                           tIntersectionPolicy policy) const
+{
+    if (!(mDataFlags & eTrianglesEquations))
+    {
+        if (kx::kxLogObject::errorLevelEnabled())
+            kx::kxLogObject(2)
+                << "error: QBVH is not built with the right data type (should be kxQBVH::eTrianglesEquations)";
+        for (unsigned int i = 0; i < count; ++i)
+            hit[i] = false;
+        return;
+    }
+    switch (policy)
+    {
+    case eFrontSide:
+        return nearestBatch<eFrontSide>(*this, count, origins, directions, tMin, t, barycentric, triangle, hit);
+    case eBackSide:
+        return nearestBatch<eBackSide>(*this, count, origins, directions, tMin, t, barycentric, triangle, hit);
+    default:
+        return nearestBatch<eAllSides>(*this, count, origins, directions, tMin, t, barycentric, triangle, hit);
+    }
 }

@@ -12,12 +12,37 @@ namespace kxQBVHRay
 using kxSimd::vfloat4;
 using kxSimd::vmask4;
 
+constexpr uint32_t kNoChild = 0xFFFFFFFFu;
+
+/// Entries of a walk's stack; three per four-wide level, and a deeper tree makes the walk
+/// recurse.
+constexpr int kStackSize = 96;
+
+/// A stacked slot: a node (count kNoChild) or a leaf of `count` groups from group `ref`.
+struct StackEntry
+{
+    uint32_t ref;
+    uint32_t count;
+};
+
+/// Asks for a stacked slot's data ahead of its visit: a node spans two cache lines, a
+/// group of equations three.
+inline void prefetchEntry(const kxQBVH::tQBVHNode* nodes, const kxQBVH::tSOATriangleEquations* equations,
+                          uint32_t ref, uint32_t count)
+{
+    if (count == kNoChild)
+        kxSimd::prefetchLines(nodes + ref, 2);
+    else
+        kxSimd::prefetchLines(equations + ref, 3);
+}
+
 struct RayRecord
 {
     vfloat4 org[3];
     vfloat4 dir[3];
     vfloat4 inv[3];
 
+    RayRecord() = default;
     RayRecord(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction)
     {
         // The three reciprocals in one division (each lane rounds as 1.0f / d would).

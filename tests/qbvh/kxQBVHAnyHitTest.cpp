@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
+#include <memory>
 #include <random>
 
 using namespace kxtest;
@@ -27,17 +29,19 @@ bool nearestHits(const kxQBVH& qbvh, const V3& o, const V3& d, float tMin, float
     return hit;
 }
 
-// A binary tree that is one long chain: node i holds triangle i as its left leaf and
-// node i + 1 on its right, every box the same large one. Queries must walk the whole
-// chain, far deeper than any traversal stack.
-kxGenericBVH chainTree(uint32_t triangles, const kxBBox& box)
+// A binary tree that is one long chain: node i holds triangle i as one leaf and node i + 1
+// as its other child (on the right, or on the left when innerFirst), every box the same
+// large one. Queries must walk the whole chain, far deeper than any traversal stack; with
+// the inner node first, the nearest-hit walk, which takes equal keys in slot order, goes
+// down before it takes the leaves.
+kxGenericBVH chainTree(uint32_t triangles, const kxBBox& box, bool innerFirst = false)
 {
     kxGenericBVH bvh;
     bvh.mNodes.resize(2 * triangles - 1);
     bvh.mNodeCount = 2 * triangles - 1;
     for (uint32_t i = 0; i + 1 < triangles; ++i)
     {
-        bvh.mNodes[2 * i] = {box, 2 * i + 1, 2 * i + 2};
+        bvh.mNodes[2 * i] = innerFirst ? kxGNode{box, 2 * i + 2, 2 * i + 1} : kxGNode{box, 2 * i + 1, 2 * i + 2};
         bvh.mNodes[2 * i + 1] = {box, i | kxGNode::eLeafMark, 1};
     }
     bvh.mNodes[2 * triangles - 2] = {box, (triangles - 1) | kxGNode::eLeafMark, 1};
@@ -47,10 +51,70 @@ kxGenericBVH chainTree(uint32_t triangles, const kxBBox& box)
     return bvh;
 }
 
+struct RayQuery
+{
+    V3 origin, direction;
+    float tMin, tMax;
+};
+
+bool sameBits(float a, float b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// The batch queries against one call per ray, on every prefix length that matters: none,
+// fewer rays than walks in flight, and all of them.
+void expectBatchesAnswerAsSingleRays(const kxQBVH& qbvh, const std::vector<RayQuery>& queries, int policyValue)
+{
+    const auto policy = static_cast<kxQBVH::tIntersectionPolicy>(policyValue);
+    const size_t n = queries.size();
+    std::vector<V3> origins(n), directions(n);
+    std::vector<float> tMin(n), tMax(n);
+    for (size_t i = 0; i < n; ++i)
+        origins[i] = queries[i].origin, directions[i] = queries[i].direction, tMin[i] = queries[i].tMin,
+        tMax[i] = queries[i].tMax;
+    const Wm4::Vector2<float> untouched(7.0f, -9.0f);
+    for (size_t count : {size_t(0), std::min(n, size_t(3)), n})
+    {
+        std::vector<float> t(tMax);
+        std::vector<Wm4::Vector2<float>> barycentric(n, untouched);
+        std::vector<unsigned int> triangle(n, 12345u);
+        std::unique_ptr<bool[]> hit(new bool[n + 1]), occluded(new bool[n + 1]);
+        std::fill(hit.get(), hit.get() + n + 1, true);
+        std::fill(occluded.get(), occluded.get() + n + 1, true);
+        const auto c = static_cast<unsigned int>(count);
+        qbvh.intersectRays(c, origins.data(), directions.data(), tMin.data(), t.data(), barycentric.data(),
+                           triangle.data(), hit.get(), policy);
+        qbvh.intersectRaysAny(c, origins.data(), directions.data(), tMin.data(), tMax.data(), occluded.get(), policy);
+        for (size_t i = 0; i < n; ++i)
+        {
+            float expectedT = tMax[i];
+            Wm4::Vector2<float> expectedBarycentric = untouched;
+            unsigned int expectedTriangle = 12345u;
+            const bool expectedHit = i < count && qbvh.intersectRay(origins[i], directions[i], tMin[i], expectedT,
+                                                                     expectedBarycentric, expectedTriangle, policy);
+            if (i >= count)
+                expectedTriangle = 12345u;
+            ASSERT_EQ(hit[i], i < count ? expectedHit : true) << "ray " << i << " of " << count;
+            ASSERT_TRUE(sameBits(t[i], expectedT)) << "ray " << i << ": " << t[i] << " " << expectedT;
+            ASSERT_TRUE(sameBits(barycentric[i][0], expectedBarycentric[0]) &&
+                        sameBits(barycentric[i][1], expectedBarycentric[1]))
+                    << "ray " << i;
+            ASSERT_EQ(triangle[i], expectedTriangle) << "ray " << i;
+            ASSERT_EQ(occluded[i],
+                      i < count ? qbvh.intersectRayAny(origins[i], directions[i], tMin[i], tMax[i], policy) : true)
+                    << "ray " << i << " of " << count;
+        }
+        ASSERT_TRUE(hit[n] && occluded[n]) << "written past the batch";
+    }
+}
+
 // Queries one hierarchy with random rays, bad rays and bad intervals, every policy and a
-// value no policy has, and also exactly at and just beyond each nearest hit.
+// value no policy has, and also exactly at and just beyond each nearest hit; then the same
+// queries again as batches.
 void expectSameAnswers(const kxQBVH& qbvh, std::mt19937& rng, int rays, int& hits)
 {
+    std::vector<RayQuery> queries[4];
     const kxBBox& box = qbvh.getBBox();
     std::uniform_real_distribution<float> unit(0.0f, 1.0f), signedUnit(-1.0f, 1.0f);
     const float size = box.max[0] - box.min[0] + box.max[1] - box.min[1] + 1.0f;
@@ -82,6 +146,7 @@ void expectSameAnswers(const kxQBVH& qbvh, std::mt19937& rng, int rays, int& hit
                               expected)
                             << "ray " << r << " policy " << policy << " interval " << tMin << " " << tMax;
                     hits += expected;
+                    queries[policy].push_back({o, d, tMin, tMax});
                 }
             float t;
             for (float tMin : {-kInf, 0.0f})
@@ -94,6 +159,11 @@ void expectSameAnswers(const kxQBVH& qbvh, std::mt19937& rng, int rays, int& hit
                                 << "ray " << r << " policy " << policy << " up to the nearest hit " << tMax;
             }
         }
+    }
+    for (int policy = 0; policy < 4; ++policy)
+    {
+        SCOPED_TRACE("batches, policy " + std::to_string(policy));
+        expectBatchesAnswerAsSingleRays(qbvh, queries[policy], policy);
     }
 }
 } // namespace
@@ -140,9 +210,13 @@ TEST(QBVHAnyHit, ATreeDeeperThanItsStackIsSearchedWhole)
 {
     std::mt19937 rng(5);
     const auto mesh = randomSoup(rng, 400);
-    kxQBVH qbvh;
-    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, chainTree(400, kxBBox(V3(-20, -20, -20), V3(20, 20, 20))), *mesh);
+    const kxBBox box(V3(-20, -20, -20), V3(20, 20, 20));
+    kxQBVH innerFirst;
+    innerFirst.buildFromBVH(kxQBVH::eTrianglesEquations, chainTree(400, box, true), *mesh);
     int hits = 0;
+    expectSameAnswers(innerFirst, rng, 10, hits);
+    kxQBVH qbvh;
+    qbvh.buildFromBVH(kxQBVH::eTrianglesEquations, chainTree(400, box), *mesh);
     expectSameAnswers(qbvh, rng, 30, hits);
     EXPECT_GT(hits, 50);
     // The last triangle of the chain is the deepest leaf; a ray through its centre finds it.
@@ -152,6 +226,17 @@ TEST(QBVHAnyHit, ATreeDeeperThanItsStackIsSearchedWhole)
                       3.0f;
     const V3 o(-30, -30, -30);
     EXPECT_TRUE(qbvh.intersectRayAny(o, centre - o, 0.0f, kInf, kxQBVH::eAllSides));
+    // Rays at the deepest triangles: a batch must not stop where its stack ends either.
+    std::vector<RayQuery> deep;
+    for (int i = 370; i < 400; ++i)
+    {
+        V3 c(0, 0, 0);
+        for (int k = 0; k < 3; ++k)
+            c += mesh->GetVertexBuffer()->Position3(static_cast<int>(mesh->GetIndexBuffer()->GetData()[3 * i + k]));
+        deep.push_back({o, c / 3.0f - o, 0.0f, kInf});
+    }
+    expectBatchesAnswerAsSingleRays(qbvh, deep, kxQBVH::eAllSides);
+    expectBatchesAnswerAsSingleRays(innerFirst, deep, kxQBVH::eAllSides);
 }
 
 TEST(QBVHAnyHit, WithoutEquationsItAnswersFalseAndLogsTheRayQueriesLine)
@@ -168,7 +253,23 @@ TEST(QBVHAnyHit, WithoutEquationsItAnswersFalseAndLogsTheRayQueriesLine)
     unsigned int triangle;
     EXPECT_FALSE(qbvh.intersectRay(o, V3(0, 0, 1), 0.0f, t, barycentric, triangle, kxQBVH::eAllSides));
     EXPECT_FALSE(qbvh.intersectRayAny(o, V3(0, 0, 1), 0.0f, kInf, kxQBVH::eAllSides));
-    ASSERT_EQ(log.entries().size(), 2u);
-    EXPECT_EQ(log.entries()[1].message, log.entries()[0].message);
-    EXPECT_EQ(log.entries()[1].level, 2);
+    // The batches: one line for the whole batch, every answer false, nothing else written.
+    const V3 origins[2] = {o, o}, directions[2] = {V3(0, 0, 1), V3(0, 1, 0)};
+    const float tMin[2] = {0.0f, 0.0f};
+    float tMax[2] = {kInf, kInf};
+    Wm4::Vector2<float> barycentrics[2] = {Wm4::Vector2<float>(3, 4), Wm4::Vector2<float>(3, 4)};
+    unsigned int triangles[2] = {5, 5};
+    bool answers[2] = {true, true};
+    qbvh.intersectRays(2, origins, directions, tMin, tMax, barycentrics, triangles, answers, kxQBVH::eAllSides);
+    EXPECT_FALSE(answers[0] || answers[1]);
+    EXPECT_TRUE(tMax[1] == kInf && barycentrics[1] == Wm4::Vector2<float>(3, 4) && triangles[1] == 5u);
+    answers[0] = answers[1] = true;
+    qbvh.intersectRaysAny(2, origins, directions, tMin, tMax, answers, kxQBVH::eAllSides);
+    EXPECT_FALSE(answers[0] || answers[1]);
+    ASSERT_EQ(log.entries().size(), 4u);
+    for (size_t i = 1; i < 4; ++i)
+    {
+        EXPECT_EQ(log.entries()[i].message, log.entries()[0].message);
+        EXPECT_EQ(log.entries()[i].level, 2);
+    }
 }
