@@ -186,7 +186,6 @@ bool OcclusionBatch<P>::step(Walk& w) const
                     return false;
                 }
                 w.stack[w.top++] = {node.child[k], node.count[k]};
-                prefetch(node.child[k], node.count[k]);
             }
             w.ref = node.child[first];
             w.count = node.count[first];
@@ -267,3 +266,4 @@ void kxQBVH::intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* ori
         return occludedBatch<eAllSides>(*this, count, origins, directions, tMin, tMax, occluded);
     }
 }
+

@@ -360,9 +360,7 @@ bool NearestBatch<P>::step(Walk& w) const
             }
             for (int i = n - 1; i > 0; --i)
             {
-                const uint32_t childRef = node.child[slot[i]], childCount = node.count[slot[i]];
-                traversal.prefetch(childRef, childCount);
-                w.stack[w.top++] = {childRef, childCount};
+                w.stack[w.top++] = {node.child[slot[i]], node.count[slot[i]]};
             }
             w.ref = node.child[slot[0]];
             w.count = node.count[slot[0]];
