@@ -58,7 +58,37 @@ struct Workload
     RTCScene scenes[2] = {};
     std::vector<Ray> rays[2];
     std::vector<V3> points[2];
+    // The rays again as the batch calls take them: ours as arrays, Embree's as its records.
+    struct Arrays
+    {
+        std::vector<V3> origins, directions;
+        std::vector<float> tMin, tMax;
+        std::vector<RTCRayHit> embree;
+    } arrays[2];
 };
+
+void makeArrays(Workload& w)
+{
+    for (int set = 0; set < 2; ++set)
+    {
+        Workload::Arrays& a = w.arrays[set];
+        for (const Ray& r : w.rays[set])
+        {
+            a.origins.push_back(r.origin);
+            a.directions.push_back(r.direction);
+            a.tMin.push_back(r.tMin);
+            a.tMax.push_back(r.tMax);
+            RTCRayHit e{};
+            e.ray.org_x = r.origin[0], e.ray.org_y = r.origin[1], e.ray.org_z = r.origin[2];
+            e.ray.dir_x = r.direction[0], e.ray.dir_y = r.direction[1], e.ray.dir_z = r.direction[2];
+            e.ray.tnear = r.tMin;
+            e.ray.tfar = r.tMax;
+            e.ray.mask = 0xFFFFFFFFu;
+            e.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+            a.embree.push_back(e);
+        }
+    }
+}
 
 RTCDevice gDevices[2] = {};
 std::vector<std::unique_ptr<Workload>> gWorkloads;
@@ -275,6 +305,27 @@ void loop(benchmark::State& state, const std::vector<Item>* items, Query query)
     state.SetItemsProcessed(state.iterations());
 }
 
+// Batches of rays per call, as a caller with many rays makes them: each call takes the
+// next kBatch rays and first resets what the previous pass wrote.
+constexpr size_t kBatch = 256;
+
+template <typename Call>
+void batchLoop(benchmark::State& state, size_t n, Call call)
+{
+    size_t i = n * static_cast<size_t>(state.thread_index()) / static_cast<size_t>(state.threads());
+    size_t done = 0;
+    for (auto _ : state)
+    {
+        const size_t count = std::min(kBatch, n - i);
+        call(i, count);
+        done += count;
+        i += count;
+        if (i == n)
+            i = 0;
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(done));
+}
+
 std::string key(const std::string& what, const Workload& w, const char* set)
 {
     return what + "/" + w.name + "/" + set;
@@ -315,6 +366,50 @@ void registerAll(const std::vector<int>& threadCounts)
                 RTCScene scene = w->scenes[e];
                 add(key(std::string("occluded_") + kEmbrees[e], *w, kRaySets[set]), [=](benchmark::State& s) {
                     loop(s, rays, [scene](const Ray& r) { return embreeOcclusion(scene, r); });
+                });
+            }
+            const Workload::Arrays* a = &w->arrays[set];
+            const kxQBVH* hq = &w->trees[2];
+            add(key("anybatch_hq", *w, kRaySets[set]), [=](benchmark::State& s) {
+                std::unique_ptr<bool[]> occluded(new bool[kBatch]);
+                batchLoop(s, a->origins.size(), [&](size_t i, size_t count) {
+                    hq->intersectRaysAny(static_cast<unsigned>(count), &a->origins[i], &a->directions[i], &a->tMin[i],
+                                         &a->tMax[i], occluded.get(), kxQBVH::eAllSides);
+                });
+            });
+            add(key("nearestbatch_hq", *w, kRaySets[set]), [=](benchmark::State& s) {
+                std::vector<float> t(kBatch);
+                std::vector<Wm4::Vector2<float>> barycentric(kBatch);
+                std::vector<unsigned int> triangle(kBatch);
+                std::unique_ptr<bool[]> hit(new bool[kBatch]);
+                batchLoop(s, a->origins.size(), [&](size_t i, size_t count) {
+                    std::copy_n(&a->tMax[i], count, t.data());
+                    hq->intersectRays(static_cast<unsigned>(count), &a->origins[i], &a->directions[i], &a->tMin[i],
+                                      t.data(), barycentric.data(), triangle.data(), hit.get(), kxQBVH::eAllSides);
+                });
+            });
+            for (int e = 0; e < 2; ++e)
+            {
+                RTCScene scene = w->scenes[e];
+                add(key(std::string("occluded1M_") + kEmbrees[e], *w, kRaySets[set]), [=](benchmark::State& s) {
+                    std::vector<RTCRay> batch(kBatch);
+                    batchLoop(s, a->embree.size(), [&](size_t i, size_t count) {
+                        for (size_t k = 0; k < count; ++k)
+                            batch[k] = a->embree[i + k].ray;
+                        RTCIntersectContext context;
+                        rtcInitIntersectContext(&context);
+                        rtcOccluded1M(scene, &context, batch.data(), static_cast<unsigned>(count), sizeof(RTCRay));
+                    });
+                });
+                add(key(std::string("intersect1M_") + kEmbrees[e], *w, kRaySets[set]), [=](benchmark::State& s) {
+                    std::vector<RTCRayHit> batch(kBatch);
+                    batchLoop(s, a->embree.size(), [&](size_t i, size_t count) {
+                        std::copy_n(&a->embree[i], count, batch.data());
+                        RTCIntersectContext context;
+                        rtcInitIntersectContext(&context);
+                        rtcIntersect1M(scene, &context, batch.data(), static_cast<unsigned>(count),
+                                       sizeof(RTCRayHit));
+                    });
                 });
             }
         }
@@ -362,6 +457,23 @@ void printTables(const RateReporter& reporter, const std::vector<int>& threadCou
                 std::printf("%-32s %7.2f %7.2f %7.2f %7.2f %7.2f %7.2f | %7.2f %7.2f %7.2f %7.2f\n",
                             (w->name + "/" + set).c_str(), a * 1e-6, s * 1e-6, h * 1e-6, n * 1e-6, e * 1e-6,
                             e4 * 1e-6, ratio(h, e), ratio(h, e4), ratio(h, n), ratio(s, e4));
+            }
+        std::printf("%-32s %7s %7s %7s %7s %7s %7s | %7s %7s %7s %7s %7s\n", "batches of 256 (hq tree)", "any",
+                    "anyB", "occ1M", "sse-1M", "nearB", "int1M", "B/sse", "B/sse1M", "B/emb1M", "nB/sse1M", "nB/emb1M");
+        for (const auto& w : gWorkloads)
+            for (const char* set : kRaySets)
+            {
+                const double h = reporter.rate(key("any_hq", *w, set), threads);
+                const double b = reporter.rate(key("anybatch_hq", *w, set), threads);
+                const double e4 = reporter.rate(key("occluded_embree_sse42", *w, set), threads);
+                const double m = reporter.rate(key("occluded1M_embree", *w, set), threads);
+                const double m4 = reporter.rate(key("occluded1M_embree_sse42", *w, set), threads);
+                const double n = reporter.rate(key("nearestbatch_hq", *w, set), threads);
+                const double i = reporter.rate(key("intersect1M_embree", *w, set), threads);
+                const double i4 = reporter.rate(key("intersect1M_embree_sse42", *w, set), threads);
+                std::printf("%-32s %7.2f %7.2f %7.2f %7.2f %7.2f %7.2f | %7.2f %7.2f %7.2f %7.2f %7.2f\n",
+                            (w->name + "/" + set).c_str(), h * 1e-6, b * 1e-6, m * 1e-6, m4 * 1e-6, n * 1e-6,
+                            i * 1e-6, ratio(b, e4), ratio(b, m4), ratio(b, m), ratio(n, i4), ratio(n, i));
             }
         std::printf("%-32s %7s %7s %7s %7s %7s %7s | %7s %7s\n", "closest point", "ours", "sah", "hq", "", "embree",
                     "sse4.2", "hq/emb", "hq/sse");
@@ -423,6 +535,7 @@ int main(int argc, char** argv)
         for (int e = 0; e < 2; ++e)
             w->scenes[e] = kxBench::embreeScene(gDevices[e], *w->mesh, w->positions);
         makeRays(*w);
+        makeArrays(*w);
         makePoints(*w);
         describe(*w);
         gWorkloads.push_back(std::move(w));
