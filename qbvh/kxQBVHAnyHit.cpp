@@ -12,6 +12,28 @@ namespace
 {
 constexpr uint32_t kNone = kNoChild;
 
+// Whether the groups g0 .. g0 + count - 1 (those that exist) hold a triangle the ray
+// accepts in [tMin, tMax). Inlined into the walks, which would otherwise save and reload
+// their registers around every leaf.
+template <int P>
+inline bool anyAccepted(const kxQBVH::tSOATriangleEquations* equations, uint32_t groupCount, const RayRecord& ray,
+                        vfloat4 tMin, vfloat4 tMax, uint32_t g0, uint32_t count) __attribute__((always_inline));
+template <int P>
+inline bool anyAccepted(const kxQBVH::tSOATriangleEquations* equations, uint32_t groupCount, const RayRecord& ray,
+                        vfloat4 tMin, vfloat4 tMax, uint32_t g0, uint32_t count)
+{
+    const uint32_t end = g0 + count;
+    for (uint32_t g = g0; g < end && g < groupCount; ++g)
+    {
+        const TriangleTest hit4 = testTriangles(equations[g], ray);
+        const vmask4 accept =
+                sideAccepted<P>(hit4.denom) & (tMin <= hit4.th) & (hit4.th < tMax) & insideTriangle(hit4);
+        if (accept.any())
+            return true;
+    }
+    return false;
+}
+
 // The nearest-hit query with a fixed interval [tMin, tMax] reaches exactly the slots and
 // accepts exactly the triangles tested here, since its interval only shrinks after a hit.
 // A hit counts there only when it is strictly nearer than tMax (its final reduction is
@@ -27,20 +49,9 @@ public:
     {
     }
 
-    // Inlined into the walk, which would otherwise save and reload its registers around
-    // every leaf.
     inline bool leafTest(uint32_t g0, uint32_t count) const __attribute__((always_inline))
     {
-        const uint32_t end = g0 + count;
-        for (uint32_t g = g0; g < end && g < mGroupCount; ++g)
-        {
-            const TriangleTest hit4 = testTriangles(mEquations[g], mRay);
-            const vmask4 accept = sideAccepted<P>(hit4.denom) & (mTMin <= hit4.th) & (hit4.th < mTMax) &
-                                  insideTriangle(hit4);
-            if (accept.any())
-                return true;
-        }
-        return false;
+        return anyAccepted<P>(mEquations, mGroupCount, mRay, mTMin, mTMax, g0, count);
     }
 
     bool run(uint32_t ref, uint32_t count) const;
@@ -130,7 +141,8 @@ public:
 
     OcclusionBatch(const kxQBVH& qbvh, const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions,
                    const float* tMin, const float* tMax, bool* occluded)
-        : mQBVH(qbvh), mNodes(qbvh.getNodes()), mEquations(qbvh.getTriangleEquations()), mOrigins(origins),
+        : mQBVH(qbvh), mNodes(qbvh.getNodes()), mEquations(qbvh.getTriangleEquations()),
+          mGroupCount(qbvh.getGroupCount()), mOrigins(origins),
           mDirections(directions), mTMin(tMin), mTMax(tMax), mOccluded(occluded)
     {
     }
@@ -156,6 +168,7 @@ private:
     const kxQBVH& mQBVH;
     const kxQBVH::tQBVHNode* mNodes;
     const kxQBVH::tSOATriangleEquations* mEquations;
+    uint32_t mGroupCount;
     const Wm4::Vector3<float>* mOrigins;
     const Wm4::Vector3<float>* mDirections;
     const float* mTMin;
@@ -166,7 +179,6 @@ private:
 template <int P>
 bool OcclusionBatch<P>::step(Walk& w) const
 {
-    const Occlusion<P> occlusion(mQBVH, w.ray, mTMin[w.query], mTMax[w.query]);
     if (w.count == kNone)
     {
         const kxQBVH::tQBVHNode& node = mNodes[w.ref];
@@ -175,16 +187,16 @@ bool OcclusionBatch<P>::step(Walk& w) const
         int visit = enteredSlots(s);
         if (visit != 0)
         {
+            if (w.top > kStackSize - 3)
+            {
+                // Nearly as deep as the stack holds: the walk on its own, which recurses there.
+                w.occluded = Occlusion<P>(mQBVH, w.ray, mTMin[w.query], mTMax[w.query]).run(0, kNone);
+                return false;
+            }
             const int first = __builtin_ctz(static_cast<unsigned>(visit));
             for (visit &= visit - 1; visit != 0; visit &= visit - 1)
             {
                 const int k = __builtin_ctz(static_cast<unsigned>(visit));
-                if (w.top == kStackSize)
-                {
-                    // Deeper than the stack holds: the walk on its own, which recurses there.
-                    w.occluded = occlusion.run(0, kNone);
-                    return false;
-                }
                 w.stack[w.top++] = {node.child[k], node.count[k]};
             }
             w.ref = node.child[first];
@@ -193,7 +205,7 @@ bool OcclusionBatch<P>::step(Walk& w) const
             return true;
         }
     }
-    else if (occlusion.leafTest(w.ref, w.count))
+    else if (anyAccepted<P>(mEquations, mGroupCount, w.ray, w.tMin, w.tMax, w.ref, w.count))
     {
         w.occluded = true;
         return false;
@@ -266,4 +278,5 @@ void kxQBVH::intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* ori
         return occludedBatch<eAllSides>(*this, count, origins, directions, tMin, tMax, occluded);
     }
 }
+
 

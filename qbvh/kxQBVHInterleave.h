@@ -22,25 +22,32 @@ template <class Walker>
 void interleave(unsigned int count, Walker& walker)
 {
     typename Walker::Walk walks[kWalksInFlight];
+    bool live[kWalksInFlight];
     unsigned int next = 0;
-    unsigned int live = 0;
-    for (int k = 0; k < kWalksInFlight && next < count; ++k)
+    int running = 0;
+    for (int k = 0; k < kWalksInFlight; ++k)
     {
-        walker.start(walks[k], next++);
-        live |= 1u << k;
-    }
-    while (live != 0)
-    {
-        for (unsigned int pending = live; pending != 0; pending &= pending - 1)
+        live[k] = next < count;
+        if (live[k])
         {
-            const int k = __builtin_ctz(pending);
-            if (walker.step(walks[k]))
+            walker.start(walks[k], next++);
+            ++running;
+        }
+    }
+    while (running > 0)
+    {
+        for (int k = 0; k < kWalksInFlight; ++k)
+        {
+            if (!live[k] || walker.step(walks[k]))
                 continue;
             walker.finish(walks[k]);
             if (next < count)
                 walker.start(walks[k], next++);
             else
-                live &= ~(1u << k);
+            {
+                live[k] = false;
+                --running;
+            }
         }
     }
 }

@@ -25,17 +25,25 @@ struct StackEntry
     uint32_t count;
 };
 
-/// Asks for a stacked slot's data ahead of its visit: a group of equations spans three
-/// cache lines, a node two (and the third is its neighbour's). Branch-free because GCC 12
-/// drops the prefetches of a two-way branch between two prefetch loops.
+/// Asks for a stacked slot's data ahead of its visit: a node spans two cache lines, a
+/// group of equations three. Spelled out line by line: GCC 12 drops the prefetches of a
+/// two-way branch between two prefetch loops.
 inline void prefetchEntry(const kxQBVH::tQBVHNode* nodes, const kxQBVH::tSOATriangleEquations* equations,
                           uint32_t ref, uint32_t count)
 {
-    const char* p = count == kNoChild ? reinterpret_cast<const char*>(nodes + ref)
-                                      : reinterpret_cast<const char*>(equations + ref);
-    kxSimd::prefetch(p);
-    kxSimd::prefetch(p + 64);
-    kxSimd::prefetch(p + 128);
+    if (count == kNoChild)
+    {
+        const char* p = reinterpret_cast<const char*>(nodes + ref);
+        kxSimd::prefetch(p);
+        kxSimd::prefetch(p + 64);
+    }
+    else
+    {
+        const char* p = reinterpret_cast<const char*>(equations + ref);
+        kxSimd::prefetch(p);
+        kxSimd::prefetch(p + 64);
+        kxSimd::prefetch(p + 128);
+    }
 }
 
 struct RayRecord
