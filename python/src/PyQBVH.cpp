@@ -5,6 +5,7 @@
 
 #include <Format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -102,6 +103,53 @@ py::dict nearestHits(const RayBatch& rays, const kxBBox& bounds, float tMax, lon
     return hits.dict();
 }
 
+// The library's batch queries walk several rays in turn so that their waits on memory
+// overlap. That pays once the hierarchy (nodes and equations) lies well beyond the
+// last-level cache: measured 1.3 to 2 times faster on a tree of 80 MB, and up to 1.5 times
+// slower on trees of 3 to 10 MB, which one ray after another keeps in the caches.
+bool batchesPay(const kxQBVH& qbvh)
+{
+    constexpr double kFromBytes = 24.0 * 1024 * 1024;
+    return sizeof(kxQBVH::tQBVHNode) * static_cast<double>(qbvh.getNodeCount()) +
+                   sizeof(kxQBVH::tSOATriangleEquations) * static_cast<double>(qbvh.getGroupCount()) >=
+           kFromBytes;
+}
+
+// Rays handed to one batch call: gathered in query order into small arrays on the stack.
+constexpr size_t kBatchRays = 64;
+
+struct RayChunk
+{
+    Wm4::Vector3<float> origins[kBatchRays];
+    Wm4::Vector3<float> directions[kBatchRays];
+    float tMin[kBatchRays];
+    float tMax[kBatchRays];
+    size_t rows[kBatchRays];
+    unsigned int count = 0;
+};
+
+/// Calls answer(chunk) for the queries begin .. end - 1 in chunks of kBatchRays, each with
+/// the rows its answers belong to.
+template <typename Answer>
+void forEachChunk(const RayBatch& rays, const QueryOrder& order, size_t begin, size_t end, float tMin, float tMax,
+                  const Answer& answer)
+{
+    RayChunk chunk;
+    std::fill(chunk.tMin, chunk.tMin + kBatchRays, tMin);
+    for (size_t k = begin; k < end; k += kBatchRays)
+    {
+        chunk.count = static_cast<unsigned int>(std::min(kBatchRays, end - k));
+        for (unsigned int j = 0; j < chunk.count; ++j)
+        {
+            chunk.rows[j] = order[k + j];
+            chunk.origins[j] = vector(order.input(k + j, rays.origins));
+            chunk.directions[j] = vector(order.input(k + j, rays.directions, 3));
+            chunk.tMax[j] = tMax;
+        }
+        answer(chunk);
+    }
+}
+
 unsigned leafSize(long long leaf, BuilderKind builder)
 {
     if (builder == BuilderKind::eSah)
@@ -135,6 +183,23 @@ py::dict PyQBVH::intersect(const py::object& origins, const py::object& directio
                               std::to_string(tmax));
     const kxQBVH::tIntersectionPolicy policy = policyOf(side);
     const RayBatch rays = rayBatch(origins, directions);
+    if (batchesPay(mQBVH))
+    {
+        const HitArrays hits(rays.leading);
+        const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox());
+        forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
+            Wm4::Vector2<float> barycentric[kBatchRays];
+            unsigned int triangle[kBatchRays];
+            bool hit[kBatchRays];
+            forEachChunk(rays, order, begin, end, tMin, tMax, [&](RayChunk& c) {
+                mQBVH.intersectRays(c.count, c.origins, c.directions, c.tMin, c.tMax, barycentric, triangle, hit,
+                                    policy);
+                for (unsigned int j = 0; j < c.count; ++j)
+                    hits.store(c.rows[j], hit[j], c.tMax[j], barycentric[j], triangle[j]);
+            });
+        });
+        return hits.dict();
+    }
     return nearestHits(rays, mQBVH.getBBox(), tMax, threads,
                        [&](const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
                            Wm4::Vector2<float>& barycentric, unsigned& triangle) {
@@ -169,6 +234,18 @@ py::array PyQBVH::occluded(const py::object& origins, const py::object& directio
     py::array_t<bool> blocked = output<bool>(rays.leading);
     bool* blockedOut = blocked.mutable_data();
     const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox());
+    if (batchesPay(mQBVH))
+    {
+        forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
+            bool answers[kBatchRays];
+            forEachChunk(rays, order, begin, end, tMin, tMax, [&](const RayChunk& c) {
+                mQBVH.intersectRaysAny(c.count, c.origins, c.directions, c.tMin, c.tMax, answers, policy);
+                for (unsigned int j = 0; j < c.count; ++j)
+                    blockedOut[c.rows[j]] = answers[j];
+            });
+        });
+        return blocked;
+    }
     forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
         for (size_t k = begin; k < end; ++k)
         {
