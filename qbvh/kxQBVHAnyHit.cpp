@@ -1,8 +1,9 @@
 #include "kxLogObject.h"
 #include "kxQBVH.h"
-#include "kxQBVHInterleave.h"
+#include "kxQBVHRayBatch.h"
 #include "kxQBVHRayKernels.h"
 
+#include <algorithm>
 #include <limits>
 
 using namespace kxSimd;
@@ -219,18 +220,128 @@ bool OcclusionBatch<P>::step(Walk& w) const
     return true;
 }
 
+// intersectRayAny over a batch, eight neighbouring rays at a time. A packet visits the slots
+// that any of its rays enters, and each ray tests boxes and triangles with its own
+// arithmetic only where its own walk would, so it reaches the same triangles and gives the
+// same answer; coherent rays share the loads and the bookkeeping.
 template <int P>
-void occludedBatch(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+void occludedPackets(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+                     const Wm4::Vector3<float>* directions, const float* tMin, const float* tMax, bool* answers)
+{
+    constexpr unsigned int kWidth = 8;
+    struct Entry
+    {
+        uint32_t ref, count, rays;
+    };
+    const kxQBVH::tQBVHNode* nodes = qbvh.getNodes();
+    const kxQBVH::tSOATriangleEquations* equations = qbvh.getTriangleEquations();
+    const uint32_t groupCount = qbvh.getGroupCount();
+    RayRecord ray[kWidth];
+    vfloat4 lower[kWidth], upper[kWidth];
+    Entry stack[kStackSize];
+    for (unsigned int base = 0; base < count; base += kWidth)
+    {
+        const unsigned int width = std::min(kWidth, count - base);
+        for (unsigned int r = 0; r < width; ++r)
+        {
+            ray[r] = RayRecord(origins[base + r], directions[base + r]);
+            lower[r] = vfloat4(tMin[base + r]);
+            upper[r] = vfloat4(tMax[base + r]);
+            answers[base + r] = false;
+        }
+        // Rays still without an answer; entries keep the rays that entered them.
+        uint32_t open = (1u << width) - 1;
+        int top = 0;
+        uint32_t ref = 0, groups = kNone, rays = open;
+        for (;;)
+        {
+            rays &= open;
+            if (rays != 0 && groups == kNone)
+            {
+                const kxQBVH::tQBVHNode& node = nodes[ref];
+                uint32_t slotRays[4] = {0, 0, 0, 0};
+                for (uint32_t pending = rays; pending != 0; pending &= pending - 1)
+                {
+                    const int r = __builtin_ctz(pending);
+                    const RayRecord& rr = ray[r];
+                    const int visit = enteredSlots(slabs(node, rr.org[0], rr.org[1], rr.org[2], rr.inv[0], rr.inv[1],
+                                                         rr.inv[2], lower[r], upper[r]));
+                    for (int k = 0; k < 4; ++k)
+                        slotRays[k] |= static_cast<uint32_t>((visit >> k) & 1) << r;
+                }
+                if (top > kStackSize - 3)
+                {
+                    // Nearly as deep as the stack holds: these rays walk on their own, which
+                    // recurses there.
+                    for (uint32_t pending = rays; pending != 0; pending &= pending - 1)
+                    {
+                        const unsigned int i = base + __builtin_ctz(pending);
+                        answers[i] = occluded<P>(qbvh, origins[i], directions[i], tMin[i], tMax[i]);
+                    }
+                    open &= ~rays;
+                }
+                else
+                {
+                    int first = -1;
+                    for (int k = 0; k < 4; ++k)
+                    {
+                        if (slotRays[k] == 0)
+                            continue;
+                        if (first < 0)
+                        {
+                            first = k;
+                            continue;
+                        }
+                        stack[top++] = {node.child[k], node.count[k], slotRays[k]};
+                        prefetchEntry(nodes, equations, node.child[k], node.count[k]);
+                    }
+                    if (first >= 0)
+                    {
+                        ref = node.child[first];
+                        groups = node.count[first];
+                        rays = slotRays[first];
+                        continue;
+                    }
+                }
+            }
+            else if (rays != 0)
+            {
+                for (uint32_t pending = rays; pending != 0; pending &= pending - 1)
+                {
+                    const int r = __builtin_ctz(pending);
+                    if (anyAccepted<P>(equations, groupCount, ray[r], lower[r], upper[r], ref, groups))
+                    {
+                        answers[base + r] = true;
+                        open &= ~(1u << r);
+                    }
+                }
+            }
+            if (open == 0 || top == 0)
+                break;
+            --top;
+            ref = stack[top].ref;
+            groups = stack[top].count;
+            rays = stack[top].rays;
+        }
+    }
+}
+
+template <int P>
+void occludedBatch(const kxQBVH& qbvh, BatchWalk walk, unsigned int count, const Wm4::Vector3<float>* origins,
                    const Wm4::Vector3<float>* directions, const float* tMin, const float* tMax, bool* answers)
 {
-    if (qbvh.getNodeCount() == 0)
+    if (qbvh.getNodeCount() == 0 || walk == BatchWalk::eOneByOne)
     {
         for (unsigned int i = 0; i < count; ++i)
             answers[i] = occluded<P>(qbvh, origins[i], directions[i], tMin[i], tMax[i]);
-        return;
     }
-    OcclusionBatch<P> batch(qbvh, origins, directions, tMin, tMax, answers);
-    interleave(count, batch);
+    else if (walk == BatchWalk::ePackets)
+        occludedPackets<P>(qbvh, count, origins, directions, tMin, tMax, answers);
+    else
+    {
+        OcclusionBatch<P> batch(qbvh, origins, directions, tMin, tMax, answers);
+        interleave(count, batch);
+    }
 }
 } // namespace
 
@@ -255,6 +366,22 @@ bool kxQBVH::intersectRayAny(const Wm4::Vector3<float>& origin, const Wm4::Vecto
     }
 }
 
+void kxQBVHRay::occludedBatch(const kxQBVH& qbvh, BatchWalk walk, unsigned int count,
+                              const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions,
+                              const float* tMin, const float* tMax, bool* occluded,
+                              kxQBVH::tIntersectionPolicy policy)
+{
+    switch (policy)
+    {
+    case kxQBVH::eFrontSide:
+        return ::occludedBatch<kxQBVH::eFrontSide>(qbvh, walk, count, origins, directions, tMin, tMax, occluded);
+    case kxQBVH::eBackSide:
+        return ::occludedBatch<kxQBVH::eBackSide>(qbvh, walk, count, origins, directions, tMin, tMax, occluded);
+    default:
+        return ::occludedBatch<kxQBVH::eAllSides>(qbvh, walk, count, origins, directions, tMin, tMax, occluded);
+    }
+}
+
 void kxQBVH::intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* origins,
                               const Wm4::Vector3<float>* directions, const float* tMin, const float* tMax,
                               bool* occluded, tIntersectionPolicy policy) const
@@ -268,15 +395,6 @@ void kxQBVH::intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* ori
             occluded[i] = false;
         return;
     }
-    switch (policy)
-    {
-    case eFrontSide:
-        return occludedBatch<eFrontSide>(*this, count, origins, directions, tMin, tMax, occluded);
-    case eBackSide:
-        return occludedBatch<eBackSide>(*this, count, origins, directions, tMin, tMax, occluded);
-    default:
-        return occludedBatch<eAllSides>(*this, count, origins, directions, tMin, tMax, occluded);
-    }
+    kxQBVHRay::occludedBatch(*this, kxQBVHRay::batchWalk(*this, true), count, origins, directions, tMin, tMax,
+                             occluded, policy);
 }
-
-

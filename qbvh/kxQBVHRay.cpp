@@ -1,6 +1,6 @@
 #include "kxLogObject.h"
 #include "kxQBVH.h"
-#include "kxQBVHInterleave.h"
+#include "kxQBVHRayBatch.h"
 #include "kxQBVHRayKernels.h"
 
 #include <limits>
@@ -383,11 +383,13 @@ bool NearestBatch<P>::step(Walk& w) const
 }
 
 template <int P>
-void nearestBatch(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+void nearestBatch(const kxQBVH& qbvh, BatchWalk walk, unsigned int count, const Wm4::Vector3<float>* origins,
                   const Wm4::Vector3<float>* directions, const float* tMin, float* t,
                   Wm4::Vector2<float>* barycentric, unsigned int* triangle, bool* hit)
 {
-    if (qbvh.getNodeCount() == 0)
+    // The nearest hit may depend on the order of visits (ties, and boxes whose rounding
+    // differs from a triangle's), which packets would change: no packets here.
+    if (qbvh.getNodeCount() == 0 || walk != BatchWalk::eInterleaved)
     {
         for (unsigned int i = 0; i < count; ++i)
             hit[i] = query(qbvh, origins[i], directions[i], DirectedRule<P>{vfloat4(tMin[i])}, t[i], barycentric[i],
@@ -430,6 +432,35 @@ bool kxQBVH::intersectRaySymmetric(const Wm4::Vector3<float>& origin, const Wm4:
     return query(*this, origin, direction, SymmetricRule{}, t, barycentric, triangle);
 }
 
+kxQBVHRay::BatchWalk kxQBVHRay::batchWalk(const kxQBVH& qbvh, bool occlusion)
+{
+    constexpr double kBeyondTheCaches = 24.0 * 1024 * 1024;
+    const double bytes = sizeof(kxQBVH::tQBVHNode) * static_cast<double>(qbvh.getNodeCount()) +
+                         sizeof(kxQBVH::tSOATriangleEquations) * static_cast<double>(qbvh.getGroupCount());
+    if (bytes >= kBeyondTheCaches)
+        return BatchWalk::eInterleaved;
+    return occlusion ? BatchWalk::ePackets : BatchWalk::eOneByOne;
+}
+
+void kxQBVHRay::nearestBatch(const kxQBVH& qbvh, BatchWalk walk, unsigned int count,
+                             const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions,
+                             const float* tMin, float* t, Wm4::Vector2<float>* barycentric, unsigned int* triangle,
+                             bool* hit, kxQBVH::tIntersectionPolicy policy)
+{
+    switch (policy)
+    {
+    case kxQBVH::eFrontSide:
+        return ::nearestBatch<kxQBVH::eFrontSide>(qbvh, walk, count, origins, directions, tMin, t, barycentric,
+                                                  triangle, hit);
+    case kxQBVH::eBackSide:
+        return ::nearestBatch<kxQBVH::eBackSide>(qbvh, walk, count, origins, directions, tMin, t, barycentric,
+                                                 triangle, hit);
+    default:
+        return ::nearestBatch<kxQBVH::eAllSides>(qbvh, walk, count, origins, directions, tMin, t, barycentric,
+                                                 triangle, hit);
+    }
+}
+
 void kxQBVH::intersectRays(unsigned int count, const Wm4::Vector3<float>* origins,
                            const Wm4::Vector3<float>* directions, const float* tMin, float* t,
                            Wm4::Vector2<float>* barycentric, unsigned int* triangle, bool* hit,
@@ -444,13 +475,6 @@ void kxQBVH::intersectRays(unsigned int count, const Wm4::Vector3<float>* origin
             hit[i] = false;
         return;
     }
-    switch (policy)
-    {
-    case eFrontSide:
-        return nearestBatch<eFrontSide>(*this, count, origins, directions, tMin, t, barycentric, triangle, hit);
-    case eBackSide:
-        return nearestBatch<eBackSide>(*this, count, origins, directions, tMin, t, barycentric, triangle, hit);
-    default:
-        return nearestBatch<eAllSides>(*this, count, origins, directions, tMin, t, barycentric, triangle, hit);
-    }
+    kxQBVHRay::nearestBatch(*this, kxQBVHRay::batchWalk(*this, false), count, origins, directions, tMin, t,
+                            barycentric, triangle, hit, policy);
 }

@@ -1,6 +1,7 @@
 #include "kxBVHContainers.h"
 #include "kxCapturingLog.h"
 #include "kxGenericBVHBuilder.h"
+#include "kxQBVHRayBatch.h"
 #include "kxQBVHTestUtil.h"
 
 #include <gtest/gtest.h>
@@ -62,9 +63,9 @@ bool sameBits(float a, float b)
     return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
-// The batch queries against one call per ray, on every prefix length that matters: none,
-// fewer rays than walks in flight, and all of them.
-void expectBatchesAnswerAsSingleRays(const kxQBVH& qbvh, const std::vector<RayQuery>& queries, int policyValue)
+// One way of walking a batch (-1: the public calls) against one call per ray.
+void expectBatchesAnswerAsSingleRays(const kxQBVH& qbvh, const std::vector<RayQuery>& queries, int policyValue,
+                                     int walk)
 {
     const auto policy = static_cast<kxQBVH::tIntersectionPolicy>(policyValue);
     const size_t n = queries.size();
@@ -74,7 +75,7 @@ void expectBatchesAnswerAsSingleRays(const kxQBVH& qbvh, const std::vector<RayQu
         origins[i] = queries[i].origin, directions[i] = queries[i].direction, tMin[i] = queries[i].tMin,
         tMax[i] = queries[i].tMax;
     const Wm4::Vector2<float> untouched(7.0f, -9.0f);
-    for (size_t count : {size_t(0), std::min(n, size_t(3)), n})
+    for (size_t count : {size_t(0), std::min(n, size_t(3)), std::min(n, size_t(13)), n})
     {
         std::vector<float> t(tMax);
         std::vector<Wm4::Vector2<float>> barycentric(n, untouched);
@@ -83,9 +84,21 @@ void expectBatchesAnswerAsSingleRays(const kxQBVH& qbvh, const std::vector<RayQu
         std::fill(hit.get(), hit.get() + n + 1, true);
         std::fill(occluded.get(), occluded.get() + n + 1, true);
         const auto c = static_cast<unsigned int>(count);
-        qbvh.intersectRays(c, origins.data(), directions.data(), tMin.data(), t.data(), barycentric.data(),
-                           triangle.data(), hit.get(), policy);
-        qbvh.intersectRaysAny(c, origins.data(), directions.data(), tMin.data(), tMax.data(), occluded.get(), policy);
+        if (walk < 0)
+        {
+            qbvh.intersectRays(c, origins.data(), directions.data(), tMin.data(), t.data(), barycentric.data(),
+                               triangle.data(), hit.get(), policy);
+            qbvh.intersectRaysAny(c, origins.data(), directions.data(), tMin.data(), tMax.data(), occluded.get(),
+                                  policy);
+        }
+        else
+        {
+            const auto way = static_cast<kxQBVHRay::BatchWalk>(walk);
+            kxQBVHRay::nearestBatch(qbvh, way, c, origins.data(), directions.data(), tMin.data(), t.data(),
+                                    barycentric.data(), triangle.data(), hit.get(), policy);
+            kxQBVHRay::occludedBatch(qbvh, way, c, origins.data(), directions.data(), tMin.data(), tMax.data(),
+                                     occluded.get(), policy);
+        }
         for (size_t i = 0; i < n; ++i)
         {
             float expectedT = tMax[i];
@@ -106,6 +119,21 @@ void expectBatchesAnswerAsSingleRays(const kxQBVH& qbvh, const std::vector<RayQu
                     << "ray " << i << " of " << count;
         }
         ASSERT_TRUE(hit[n] && occluded[n]) << "written past the batch";
+    }
+}
+
+// The batch queries against one call per ray, walked every way (and the way the public
+// calls choose), on every prefix length that matters: none, fewer rays than a packet or
+// than walks in flight, and all of them.
+void expectBatchesAnswerAsSingleRays(const kxQBVH& qbvh, const std::vector<RayQuery>& queries, int policyValue)
+{
+    using kxQBVHRay::BatchWalk;
+    for (int walk = -1; walk < 3; ++walk)
+    {
+        SCOPED_TRACE("walk " + std::to_string(walk));
+        expectBatchesAnswerAsSingleRays(qbvh, queries, policyValue, walk);
+        if (::testing::Test::HasFatalFailure())
+            return;
     }
 }
 
