@@ -103,19 +103,9 @@ py::dict nearestHits(const RayBatch& rays, const kxBBox& bounds, float tMax, lon
     return hits.dict();
 }
 
-// The library's batch queries walk several rays in turn so that their waits on memory
-// overlap. That pays once the hierarchy (nodes and equations) lies well beyond the
-// last-level cache: measured 1.3 to 2 times faster on a tree of 80 MB, and up to 1.5 times
-// slower on trees of 3 to 10 MB, which one ray after another keeps in the caches.
-bool batchesPay(const kxQBVH& qbvh)
-{
-    constexpr double kFromBytes = 24.0 * 1024 * 1024;
-    return sizeof(kxQBVH::tQBVHNode) * static_cast<double>(qbvh.getNodeCount()) +
-                   sizeof(kxQBVH::tSOATriangleEquations) * static_cast<double>(qbvh.getGroupCount()) >=
-           kFromBytes;
-}
-
-// Rays handed to one batch call: gathered in query order into small arrays on the stack.
+// Rays handed to one batch call of the library, which walks them together (as packets, or
+// interleaved on hierarchies beyond the caches): gathered in query order into small arrays
+// on the stack.
 constexpr size_t kBatchRays = 64;
 
 struct RayChunk
@@ -183,28 +173,22 @@ py::dict PyQBVH::intersect(const py::object& origins, const py::object& directio
                               std::to_string(tmax));
     const kxQBVH::tIntersectionPolicy policy = policyOf(side);
     const RayBatch rays = rayBatch(origins, directions);
-    if (batchesPay(mQBVH))
-    {
-        const HitArrays hits(rays.leading);
-        const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox());
-        forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
-            Wm4::Vector2<float> barycentric[kBatchRays];
-            unsigned int triangle[kBatchRays];
-            bool hit[kBatchRays];
-            forEachChunk(rays, order, begin, end, tMin, tMax, [&](RayChunk& c) {
-                mQBVH.intersectRays(c.count, c.origins, c.directions, c.tMin, c.tMax, barycentric, triangle, hit,
-                                    policy);
-                for (unsigned int j = 0; j < c.count; ++j)
-                    hits.store(c.rows[j], hit[j], c.tMax[j], barycentric[j], triangle[j]);
-            });
+    const HitArrays hits(rays.leading);
+    const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox());
+    forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
+        Wm4::Vector2<float> barycentric[kBatchRays];
+        unsigned int triangle[kBatchRays];
+        bool hit[kBatchRays];
+        forEachChunk(rays, order, begin, end, tMin, tMax, [&](RayChunk& c) {
+            // The rows are written after the walks, by when these have arrived.
+            for (unsigned int j = 0; j < c.count; ++j)
+                hits.fetch(c.rows[j]);
+            mQBVH.intersectRays(c.count, c.origins, c.directions, c.tMin, c.tMax, barycentric, triangle, hit, policy);
+            for (unsigned int j = 0; j < c.count; ++j)
+                hits.store(c.rows[j], hit[j], c.tMax[j], barycentric[j], triangle[j]);
         });
-        return hits.dict();
-    }
-    return nearestHits(rays, mQBVH.getBBox(), tMax, threads,
-                       [&](const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float& t,
-                           Wm4::Vector2<float>& barycentric, unsigned& triangle) {
-                           return mQBVH.intersectRay(origin, direction, tMin, t, barycentric, triangle, policy);
-                       });
+    });
+    return hits.dict();
 }
 
 py::dict PyQBVH::intersectSymmetric(const py::object& origins, const py::object& directions, double tmax,
@@ -234,28 +218,15 @@ py::array PyQBVH::occluded(const py::object& origins, const py::object& directio
     py::array_t<bool> blocked = output<bool>(rays.leading);
     bool* blockedOut = blocked.mutable_data();
     const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox());
-    if (batchesPay(mQBVH))
-    {
-        forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
-            bool answers[kBatchRays];
-            forEachChunk(rays, order, begin, end, tMin, tMax, [&](const RayChunk& c) {
-                mQBVH.intersectRaysAny(c.count, c.origins, c.directions, c.tMin, c.tMax, answers, policy);
-                for (unsigned int j = 0; j < c.count; ++j)
-                    blockedOut[c.rows[j]] = answers[j];
-            });
-        });
-        return blocked;
-    }
     forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
-        for (size_t k = begin; k < end; ++k)
-        {
-            const size_t i = order[k];
-            size_t next;
-            if (order.ahead(k, end, next))
-                fetchForWrite(blockedOut + next);
-            blockedOut[i] = mQBVH.intersectRayAny(vector(order.input(k, rays.origins)),
-                                                  vector(order.input(k, rays.directions, 3)), tMin, tMax, policy);
-        }
+        bool answers[kBatchRays];
+        forEachChunk(rays, order, begin, end, tMin, tMax, [&](const RayChunk& c) {
+            for (unsigned int j = 0; j < c.count; ++j)
+                fetchForWrite(blockedOut + c.rows[j]);
+            mQBVH.intersectRaysAny(c.count, c.origins, c.directions, c.tMin, c.tMax, answers, policy);
+            for (unsigned int j = 0; j < c.count; ++j)
+                blockedOut[c.rows[j]] = answers[j];
+        });
     });
     return blocked;
 }
