@@ -80,16 +80,33 @@ public:
         const float sign = std::copysign(1.0f, n[2]);
         const float p = -1.0f / (sign + n[2]), q = n[0] * n[1] * p;
         const Vec3 u(1.0f + sign * n[0] * n[0] * p, sign * q, -sign * n[0]), v(q, sign + n[1] * n[1] * p, -n[1]);
+        // The rays of a pixel leave one point: asked as one batch, they share their walks.
+        constexpr unsigned kBatch = 64;
+        Vec3 origins[kBatch], directions[kBatch];
+        float tMin[kBatch], tMax[kBatch];
+        bool blocked[kBatch];
+        std::fill(origins, origins + kBatch, origin);
+        std::fill(tMin, tMin + kBatch, 0.0f);
+        std::fill(tMax, tMax + kBatch, mRadius);
         unsigned open = 0;
-        for (unsigned s = 0; s < mSamples; ++s)
+        for (unsigned first = 0; first < mSamples; first += kBatch)
         {
-            const uint32_t h = hash(uint32_t(x) * 0x9E3779B1u ^ hash(uint32_t(y) * 0x85EBCA77u ^ hash(s + 0x27D4EB2Fu)));
-            // Stratified over the samples in the first coordinate, hashed in the second.
-            const float r1 = (float(s) + float(h >> 8) * (1.0f / 16777216.0f)) / float(mSamples);
-            const float r2 = float(hash(h) >> 8) * (1.0f / 16777216.0f);
-            const float radius = std::sqrt(r1), angle = 6.28318531f * r2;
-            const Vec3 d = u * (radius * std::cos(angle)) + v * (radius * std::sin(angle)) + n * std::sqrt(1.0f - r1);
-            open += !mQbvh.intersectRayAny(origin, d, 0.0f, mRadius, kxQBVH::eAllSides);
+            const unsigned count = std::min(kBatch, mSamples - first);
+            for (unsigned k = 0; k < count; ++k)
+            {
+                const unsigned s = first + k;
+                const uint32_t h =
+                        hash(uint32_t(x) * 0x9E3779B1u ^ hash(uint32_t(y) * 0x85EBCA77u ^ hash(s + 0x27D4EB2Fu)));
+                // Stratified over the samples in the first coordinate, hashed in the second.
+                const float r1 = (float(s) + float(h >> 8) * (1.0f / 16777216.0f)) / float(mSamples);
+                const float r2 = float(hash(h) >> 8) * (1.0f / 16777216.0f);
+                const float radius = std::sqrt(r1), angle = 6.28318531f * r2;
+                directions[k] =
+                        u * (radius * std::cos(angle)) + v * (radius * std::sin(angle)) + n * std::sqrt(1.0f - r1);
+            }
+            mQbvh.intersectRaysAny(count, origins, directions, tMin, tMax, blocked, kxQBVH::eAllSides);
+            for (unsigned k = 0; k < count; ++k)
+                open += !blocked[k];
         }
         const uint8_t grey = toByte(float(open) / float(mSamples));
         return Rgba{grey, grey, grey, 255};
