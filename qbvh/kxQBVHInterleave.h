@@ -8,8 +8,8 @@
 
 namespace kxQBVHRay
 {
-/// Walks in flight at once: eight hide the latency of memory on meshes larger than the
-/// caches, and cost nothing measurable on small ones.
+/// Walks in flight at once: eight hide the latency of memory on hierarchies beyond the
+/// caches (two or four hide less of it).
 constexpr int kWalksInFlight = 8;
 
 /// Runs queries 0 .. count - 1 through `walker`, which provides the type Walk and
