@@ -18,8 +18,8 @@ enum class BatchWalk
 
 /// The way the batch queries take: interleaved walks on hierarchies (nodes and equations)
 /// beyond the last-level cache of common machines, 24 MiB, where walks wait on memory;
-/// below, packets for occlusion (measured 1.2 to 1.5 times one call per ray on coherent
-/// rays, 0.95 to 1.05 on incoherent ones) and one ray after another for the nearest hit
+/// below, packets for occlusion (measured 1.3 to 1.5 times one call per ray on coherent
+/// rays, 0.94 to 1.09 on incoherent ones) and one ray after another for the nearest hit
 /// (interleaving measured 0.5 to 0.9 times there).
 BatchWalk batchWalk(const kxQBVH& qbvh, bool occlusion);
 
