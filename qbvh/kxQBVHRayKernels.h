@@ -56,8 +56,8 @@ struct RayRecord
     RayRecord(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction)
     {
         // The three reciprocals in one division (each lane rounds as 1.0f / d would).
-        const vfloat4 d(_mm_setr_ps(direction[0], direction[1], direction[2], 1.0f));
-        const vfloat4 o(_mm_setr_ps(origin[0], origin[1], origin[2], 0.0f));
+        const vfloat4 d = vfloat4::lanes(direction[0], direction[1], direction[2], 1.0f);
+        const vfloat4 o = vfloat4::lanes(origin[0], origin[1], origin[2], 0.0f);
         const vfloat4 r = vfloat4(1.0f) / d;
         org[0] = kxSimd::lane<0>(o), org[1] = kxSimd::lane<1>(o), org[2] = kxSimd::lane<2>(o);
         dir[0] = kxSimd::lane<0>(d), dir[1] = kxSimd::lane<1>(d), dir[2] = kxSimd::lane<2>(d);

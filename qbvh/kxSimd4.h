@@ -21,6 +21,8 @@ struct vfloat4
     static vfloat4 load(const float* aligned) { return vfloat4(_mm_load_ps(aligned)); }
     /// Four floats from any address.
     static vfloat4 loadUnaligned(const float* p) { return vfloat4(_mm_loadu_ps(p)); }
+    /// (a, b, c, d) in lanes 0 to 3.
+    static vfloat4 lanes(float a, float b, float c, float d) { return vfloat4(_mm_setr_ps(a, b, c, d)); }
     /// (p[0], p[1], p[2], 0), reading only those three.
     static vfloat4 load3(const float* p) { return vfloat4(_mm_set_ps(0.0f, p[2], p[1], p[0])); }
     void store(float* aligned) const { _mm_store_ps(aligned, v); }
