@@ -76,6 +76,9 @@ struct TraceFigure
 /// occluded ray, or kNoHit.
 using Tracer = std::function<unsigned(size_t)>;
 
+/// Queries begin .. end - 1 at once (at most kRaysPerTask), answers as a Tracer's.
+using BatchTracer = std::function<void(size_t begin, size_t end, unsigned* answers)>;
+
 struct ShadowRay
 {
     Vec3 origin, direction;
@@ -110,6 +113,7 @@ public:
         traceBest("kxbvh (linear BVH)", kxTracer(linear.qbvh), &linearHits);
         traceBest("kxbvh (SAH BVH)", kxTracer(sah.qbvh), nullptr);
         traceBest("kxbvh (hq BVH)", kxTracer(hq.qbvh), nullptr);
+        traceBest("kxbvh batches (hq BVH)", kxBatchTracer(hq.qbvh), nullptr);
 #ifdef KXBVH_WITH_EMBREE
         for (bool high : {false, true})
         {
@@ -185,6 +189,10 @@ private:
             Vec3 toLight = light - p;
             const float distance = toLight.Normalize();
             mShadowRays.push_back({p, toLight, 1e-4f * size, distance});
+            mShadowOrigins.push_back(p);
+            mShadowDirections.push_back(toLight);
+            mShadowTMin.push_back(1e-4f * size);
+            mShadowTMax.push_back(distance);
             visible.push_back(p);
         }
         std::mt19937 rng(2024);
@@ -222,6 +230,7 @@ private:
         traceBest("kxbvh any hit (linear BVH)", occlusion(linear), nullptr, eShadow, mShadowRays.size());
         traceBest("kxbvh any hit (SAH BVH)", occlusion(sah), &occluded, eShadow, mShadowRays.size());
         traceBest("kxbvh any hit (hq BVH)", occlusion(hq), nullptr, eShadow, mShadowRays.size());
+        traceBest("kxbvh any hit, batches (hq BVH)", occlusionBatches(hq), nullptr, eShadow, mShadowRays.size());
         for (int set = 0; set < 2; ++set)
         {
             const QueryKind kind = set ? eSpread : eNear;
@@ -299,6 +308,34 @@ private:
         };
     }
 
+    // The batch queries over a task's rays; the library walks them together (packets or
+    // interleaved walks) with the same answers as one call per ray.
+    BatchTracer kxBatchTracer(const kxQBVH& qbvh) const
+    {
+        return [this, &qbvh](size_t begin, size_t end, unsigned* out) {
+            const unsigned count = unsigned(end - begin);
+            std::vector<Vec3> origins(count, mCamera.eye());
+            std::vector<float> tMin(count, 0.0f), t(count, std::numeric_limits<float>::infinity());
+            std::vector<Wm4::Vector2<float>> barycentric(count);
+            std::unique_ptr<bool[]> hit(new bool[count]);
+            qbvh.intersectRays(count, origins.data(), mDirections.data() + begin, tMin.data(), t.data(),
+                               barycentric.data(), out, hit.get(), kxQBVH::eAllSides);
+        };
+    }
+
+    BatchTracer occlusionBatches(const kxQBVH& qbvh) const
+    {
+        return [this, &qbvh](size_t begin, size_t end, unsigned* out) {
+            const unsigned count = unsigned(end - begin);
+            std::unique_ptr<bool[]> blocked(new bool[count]);
+            qbvh.intersectRaysAny(count, mShadowOrigins.data() + begin, mShadowDirections.data() + begin,
+                                  mShadowTMin.data() + begin, mShadowTMax.data() + begin, blocked.get(),
+                                  kxQBVH::eAllSides);
+            for (unsigned i = 0; i < count; ++i)
+                out[i] = blocked[i] ? 0u : kNoHit;
+        };
+    }
+
     void buildBest(const std::string& name, Builder builder, Hierarchy& out)
     {
         BuildFigure figure;
@@ -328,6 +365,18 @@ private:
     void traceBest(const std::string& name, const Tracer& trace, std::vector<unsigned>* answers,
                    QueryKind kind = ePrimary, size_t count = 0)
     {
+        traceBest(
+                name,
+                [&trace](size_t begin, size_t end, unsigned* out) {
+                    for (size_t i = begin; i < end; ++i)
+                        out[i - begin] = trace(i);
+                },
+                answers, kind, count);
+    }
+
+    void traceBest(const std::string& name, const BatchTracer& trace, std::vector<unsigned>* answers,
+                   QueryKind kind = ePrimary, size_t count = 0)
+    {
         if (kind == ePrimary)
             count = mDirections.size();
         std::vector<unsigned> hits(count, kNoHit);
@@ -342,9 +391,8 @@ private:
                                   count / kRaysPerTask);
                 const double seconds = secondsOf([&] {
                     parallelFor(threads, (count + kRaysPerTask - 1) / kRaysPerTask, [&](size_t task) {
-                        const size_t end = std::min(count, (task + 1) * kRaysPerTask);
-                        for (size_t i = task * kRaysPerTask; i < end; ++i)
-                            hits[i] = trace(i);
+                        const size_t begin = task * kRaysPerTask, end = std::min(count, begin + kRaysPerTask);
+                        trace(begin, end, hits.data() + begin);
                         progress.advance();
                     });
                 });
@@ -538,6 +586,9 @@ private:
     std::vector<TraceFigure> mTraces;
     Agreement mAgreement;
     std::vector<ShadowRay> mShadowRays;
+    // The shadow rays again as the batch query takes them.
+    std::vector<Vec3> mShadowOrigins, mShadowDirections;
+    std::vector<float> mShadowTMin, mShadowTMax;
     std::vector<Vec3> mPoints[2];  // near the surface, spread through the bounds
     Agreement mQueryAgreement[eKinds];
 };
