@@ -128,9 +128,10 @@ public:
     /// intersectRay for `count` rays at once: ray i runs from origins[i] along directions[i]
     /// in [tMin[i], t[i]]; t[i], barycentric[i] and triangle[i] change as intersectRay
     /// changes them, and hit[i] is its answer, bit for bit. On hierarchies larger than the
-    /// last-level cache (24 MiB of nodes and equations) eight rays are walked in turn, so
-    /// that one ray's waits on memory overlap the others' work (up to 1.6 times the speed of
-    /// one call per ray); within the caches the rays go one after another. Without
+    /// last-level cache (24 MiB of nodes and equations), and from 6 MiB on when neighbouring
+    /// rays neither share an origin nor run parallel, eight rays are walked in turn, so that
+    /// one ray's waits on memory overlap the others' work (up to 1.6 times the speed of one
+    /// call per ray); otherwise the rays go one after another. Without
     /// eTrianglesEquations: one error line at level 2, every hit[i] false, nothing else
     /// written. Thread-safe, allocation-free.
     void intersectRays(unsigned int count, const Wm4::Vector3<float>* origins,
@@ -139,10 +140,10 @@ public:
                        tIntersectionPolicy policy) const;
 
     /// intersectRayAny for `count` rays at once: occluded[i] is its answer for origins[i],
-    /// directions[i], tMin[i] and tMax[i]. Within the caches eight neighbouring rays walk
-    /// as one packet (each ray still tests only what its own walk would), which pays on
-    /// coherent rays such as shadow rays of neighbouring pixels or the hemisphere of one
-    /// point; beyond them rays are walked in turn as in intersectRays. Without
+    /// directions[i], tMin[i] and tMax[i]. Rays are walked in turn where intersectRays
+    /// walks them so; otherwise eight neighbouring rays walk as one packet (each ray still
+    /// tests only what its own walk would), which pays on coherent rays such as shadow rays
+    /// of neighbouring pixels or the hemisphere of one point. Without
     /// eTrianglesEquations: one error line at level 2 and every occluded[i] false.
     /// Thread-safe, allocation-free.
     void intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* origins,

@@ -395,6 +395,7 @@ void kxQBVH::intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* ori
             occluded[i] = false;
         return;
     }
-    kxQBVHRay::occludedBatch(*this, kxQBVHRay::batchWalk(*this, true), count, origins, directions, tMin, tMax,
+    kxQBVHRay::occludedBatch(*this, kxQBVHRay::batchWalk(*this, true, count, origins, directions), count, origins,
+                             directions, tMin, tMax,
                              occluded, policy);
 }

@@ -3,6 +3,7 @@
 #include "kxQBVHRayBatch.h"
 #include "kxQBVHRayKernels.h"
 
+#include <algorithm>
 #include <limits>
 
 using namespace kxSimd;
@@ -432,12 +433,35 @@ bool kxQBVH::intersectRaySymmetric(const Wm4::Vector3<float>& origin, const Wm4:
     return query(*this, origin, direction, SymmetricRule{}, t, barycentric, triangle);
 }
 
-kxQBVHRay::BatchWalk kxQBVHRay::batchWalk(const kxQBVH& qbvh, bool occlusion)
+bool kxQBVHRay::coherent(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+                         const Wm4::Vector3<float>* directions)
 {
-    constexpr double kBeyondTheCaches = 24.0 * 1024 * 1024;
+    if (count < 2)
+        return true;
+    const kxBBox& box = qbvh.getBBox();
+    const Wm4::Vector3<float> extent(box.max[0] - box.min[0], box.max[1] - box.min[1], box.max[2] - box.min[2]);
+    // Within a hundredth of the diagonal, or within about 25 degrees.
+    const float close = 1e-4f * extent.SquaredLength();
+    const unsigned int samples = std::min(count - 1, 32u), step = (count - 1) / samples;
+    unsigned int together = 0;
+    for (unsigned int s = 0; s < samples; ++s)
+    {
+        const unsigned int i = s * step;
+        const Wm4::Vector3<float>&da = directions[i], &db = directions[i + 1];
+        const float dot = da.Dot(db);
+        const bool parallel = dot > 0.0f && dot * dot >= 0.81f * da.SquaredLength() * db.SquaredLength();
+        together += parallel || (origins[i] - origins[i + 1]).SquaredLength() <= close;
+    }
+    return 2 * together >= samples;
+}
+
+kxQBVHRay::BatchWalk kxQBVHRay::batchWalk(const kxQBVH& qbvh, bool occlusion, unsigned int count,
+                                          const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions)
+{
+    constexpr double kBeyondTheCaches = 24.0 * 1024 * 1024, kWithinTheCaches = 6.0 * 1024 * 1024;
     const double bytes = sizeof(kxQBVH::tQBVHNode) * static_cast<double>(qbvh.getNodeCount()) +
                          sizeof(kxQBVH::tSOATriangleEquations) * static_cast<double>(qbvh.getGroupCount());
-    if (bytes >= kBeyondTheCaches)
+    if (bytes >= kBeyondTheCaches || (bytes >= kWithinTheCaches && !coherent(qbvh, count, origins, directions)))
         return BatchWalk::eInterleaved;
     return occlusion ? BatchWalk::ePackets : BatchWalk::eOneByOne;
 }
@@ -475,6 +499,7 @@ void kxQBVH::intersectRays(unsigned int count, const Wm4::Vector3<float>* origin
             hit[i] = false;
         return;
     }
-    kxQBVHRay::nearestBatch(*this, kxQBVHRay::batchWalk(*this, false), count, origins, directions, tMin, t,
+    kxQBVHRay::nearestBatch(*this, kxQBVHRay::batchWalk(*this, false, count, origins, directions), count, origins,
+                            directions, tMin, t,
                             barycentric, triangle, hit, policy);
 }

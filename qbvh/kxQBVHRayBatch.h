@@ -16,12 +16,20 @@ enum class BatchWalk
     eInterleaved ///< eight walks taken in turn, one visit each
 };
 
-/// The way the batch queries take: interleaved walks on hierarchies (nodes and equations)
-/// beyond the last-level cache of common machines, 24 MiB, where walks wait on memory;
-/// below, packets for occlusion (measured 1.3 to 1.5 times one call per ray on coherent
-/// rays, 0.94 to 1.09 on incoherent ones) and one ray after another for the nearest hit
-/// (interleaving measured 0.5 to 0.9 times there).
-BatchWalk batchWalk(const kxQBVH& qbvh, bool occlusion);
+/// Whether most sampled neighbours of a batch leave nearly the same point (within a
+/// hundredth of the hierarchy's diagonal) or run nearly parallel (within about 25
+/// degrees): camera, shadow and hemisphere rays do, random rays do not.
+bool coherent(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+              const Wm4::Vector3<float>* directions);
+
+/// The way the batch queries take, by the size of the hierarchy (nodes and equations) and
+/// the coherence of the rays. Beyond the last-level cache of common machines (24 MiB),
+/// and from 6 MiB on for incoherent rays, walks wait on memory and are interleaved
+/// (measured 1.1 to 2 times one call per ray there). Otherwise occlusion walks packets
+/// (1.3 to 1.5 times on coherent rays, 0.94 to 1.09 on incoherent ones within 6 MiB) and
+/// the nearest hit one ray after another (interleaving measured 0.5 to 0.9 times there).
+BatchWalk batchWalk(const kxQBVH& qbvh, bool occlusion, unsigned int count, const Wm4::Vector3<float>* origins,
+                    const Wm4::Vector3<float>* directions);
 
 /// kxQBVH::intersectRaysAny's work, walked as `walk` says; the hierarchy has equations.
 void occludedBatch(const kxQBVH& qbvh, BatchWalk walk, unsigned int count, const Wm4::Vector3<float>* origins,

@@ -104,7 +104,7 @@ py::dict nearestHits(const RayBatch& rays, const kxBBox& bounds, float tMax, lon
 }
 
 // Rays handed to one batch call of the library, which walks them together (as packets, or
-// interleaved on hierarchies beyond the caches): gathered in query order into small arrays
+// interleaved where the walks wait on memory): gathered in query order into small arrays
 // on the stack.
 constexpr size_t kBatchRays = 64;
 

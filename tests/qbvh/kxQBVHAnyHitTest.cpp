@@ -301,3 +301,37 @@ TEST(QBVHAnyHit, WithoutEquationsItAnswersFalseAndLogsTheRayQueriesLine)
         EXPECT_EQ(log.entries()[i].level, 2);
     }
 }
+
+TEST(QBVHRayBatches, CameraShadowAndHemisphereRaysCountAsCoherentAndRandomOrBrokenRaysDoNot)
+{
+    std::mt19937 rng(11);
+    const auto mesh = randomSoup(rng, 200);
+    kxQBVH qbvh;
+    qbvh.buildFromMesh(kxQBVH::eTrianglesEquations, *mesh, 4);
+    const kxBBox& box = qbvh.getBBox();
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f), signedUnit(-1.0f, 1.0f);
+    const auto inBox = [&] {
+        return V3(box.min[0] + unit(rng) * (box.max[0] - box.min[0]), box.min[1] + unit(rng) * (box.max[1] - box.min[1]),
+                  box.min[2] + unit(rng) * (box.max[2] - box.min[2]));
+    };
+    const auto randomDirection = [&] { return V3(signedUnit(rng), signedUnit(rng), signedUnit(rng)); };
+    const size_t n = 500;
+    std::vector<V3> eye(n, V3(0, 0, -50)), toward(n), from(n), light(n, V3(0.3f, 1.0f, 0.2f)), random(n), spread(n),
+            broken(n, V3(kNaN, 0, 0));
+    for (size_t i = 0; i < n; ++i)
+    {
+        toward[i] = inBox() - eye[i];
+        from[i] = V3(box.min[0] + 0.001f * i, box.min[1], box.min[2]); // neighbouring surface points
+        random[i] = randomDirection();
+        spread[i] = inBox();
+    }
+    const auto coherent = [&](const std::vector<V3>& o, const std::vector<V3>& d, size_t count) {
+        return kxQBVHRay::coherent(qbvh, static_cast<unsigned int>(count), o.data(), d.data());
+    };
+    EXPECT_TRUE(coherent(eye, toward, n));     // a camera: one origin
+    EXPECT_TRUE(coherent(from, light, n));     // shadow rays: one direction
+    EXPECT_TRUE(coherent(eye, random, n));     // a hemisphere: one origin
+    EXPECT_FALSE(coherent(spread, random, n)); // anywhere, any way
+    EXPECT_FALSE(coherent(broken, broken, n)); // NaN travels with nothing
+    EXPECT_TRUE(coherent(spread, random, 1));  // one ray alone
+}
