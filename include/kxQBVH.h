@@ -130,7 +130,7 @@ public:
     /// changes them, and hit[i] is its answer, bit for bit. On hierarchies larger than the
     /// last-level cache (24 MiB of nodes and equations), and from 6 MiB on when neighbouring
     /// rays neither share an origin nor run parallel, eight rays are walked in turn, so that
-    /// one ray's waits on memory overlap the others' work (up to 1.6 times the speed of one
+    /// one ray's waits on memory overlap the others' work (up to 1.5 times the speed of one
     /// call per ray); otherwise the rays go one after another. Without
     /// eTrianglesEquations: one error line at level 2, every hit[i] false, nothing else
     /// written. Thread-safe, allocation-free.
