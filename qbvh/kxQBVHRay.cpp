@@ -458,7 +458,7 @@ bool kxQBVHRay::coherent(const kxQBVH& qbvh, unsigned int count, const Wm4::Vect
 kxQBVHRay::BatchWalk kxQBVHRay::batchWalk(const kxQBVH& qbvh, bool occlusion, unsigned int count,
                                           const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions)
 {
-    constexpr double kBeyondTheCaches = 24.0 * 1024 * 1024, kWithinTheCaches = 6.0 * 1024 * 1024;
+    constexpr double kBeyondTheCaches = 24.0 * 1024 * 1024, kWithinTheCaches = 12.0 * 1024 * 1024;
     const double bytes = sizeof(kxQBVH::tQBVHNode) * static_cast<double>(qbvh.getNodeCount()) +
                          sizeof(kxQBVH::tSOATriangleEquations) * static_cast<double>(qbvh.getGroupCount());
     if (bytes >= kBeyondTheCaches || (bytes >= kWithinTheCaches && !coherent(qbvh, count, origins, directions)))
