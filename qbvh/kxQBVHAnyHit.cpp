@@ -1,4 +1,3 @@
-#include "kxLogObject.h"
 #include "kxQBVH.h"
 #include "kxQBVHRayBatch.h"
 #include "kxQBVHRayKernels.h"
@@ -143,8 +142,8 @@ public:
     OcclusionBatch(const kxQBVH& qbvh, const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions,
                    const float* tMin, const float* tMax, bool* occluded)
         : mQBVH(qbvh), mNodes(qbvh.getNodes()), mEquations(qbvh.getTriangleEquations()),
-          mGroupCount(qbvh.getGroupCount()), mOrigins(origins),
-          mDirections(directions), mTMin(tMin), mTMax(tMax), mOccluded(occluded)
+          mGroupCount(qbvh.getGroupCount()), mOrigins(origins), mDirections(directions), mTMin(tMin), mTMax(tMax),
+          mOccluded(occluded)
     {
     }
 
@@ -348,11 +347,8 @@ void occludedBatch(const kxQBVH& qbvh, BatchWalk walk, unsigned int count, const
 bool kxQBVH::intersectRayAny(const Wm4::Vector3<float>& origin, const Wm4::Vector3<float>& direction, float tMin,
                              float tMax, tIntersectionPolicy policy) const
 {
-    if (!(mDataFlags & eTrianglesEquations))
+    if (!kxQBVHRay::hasEquations(*this))
     {
-        if (kx::kxLogObject::errorLevelEnabled())
-            kx::kxLogObject(2)
-                << "error: QBVH is not built with the right data type (should be kxQBVH::eTrianglesEquations)";
         return false;
     }
     switch (policy)
@@ -386,16 +382,12 @@ void kxQBVH::intersectRaysAny(unsigned int count, const Wm4::Vector3<float>* ori
                               const Wm4::Vector3<float>* directions, const float* tMin, const float* tMax,
                               bool* occluded, tIntersectionPolicy policy) const
 {
-    if (!(mDataFlags & eTrianglesEquations))
+    if (!kxQBVHRay::hasEquations(*this))
     {
-        if (kx::kxLogObject::errorLevelEnabled())
-            kx::kxLogObject(2)
-                << "error: QBVH is not built with the right data type (should be kxQBVH::eTrianglesEquations)";
         for (unsigned int i = 0; i < count; ++i)
             occluded[i] = false;
         return;
     }
     kxQBVHRay::occludedBatch(*this, kxQBVHRay::batchWalk(*this, true, count, origins, directions), count, origins,
-                             directions, tMin, tMax,
-                             occluded, policy);
+                             directions, tMin, tMax, occluded, policy);
 }

@@ -1,4 +1,3 @@
-#include "kxLogObject.h"
 #include "kxQBVH.h"
 #include "kxQBVHRayBatch.h"
 #include "kxQBVHRayKernels.h"
@@ -406,11 +405,8 @@ bool kxQBVH::intersectRay(const Wm4::Vector3<float>& origin, const Wm4::Vector3<
                           float& t, Wm4::Vector2<float>& barycentric, unsigned int& triangle,
                           tIntersectionPolicy policy) const
 {
-    if (!(mDataFlags & eTrianglesEquations))
+    if (!kxQBVHRay::hasEquations(*this))
     {
-        if (kx::kxLogObject::errorLevelEnabled())
-            kx::kxLogObject(2)
-                << "error: QBVH is not built with the right data type (should be kxQBVH::eTrianglesEquations)";
         return false;
     }
     const vfloat4 lower(tMin);
@@ -490,16 +486,12 @@ void kxQBVH::intersectRays(unsigned int count, const Wm4::Vector3<float>* origin
                            Wm4::Vector2<float>* barycentric, unsigned int* triangle, bool* hit,
                            tIntersectionPolicy policy) const
 {
-    if (!(mDataFlags & eTrianglesEquations))
+    if (!kxQBVHRay::hasEquations(*this))
     {
-        if (kx::kxLogObject::errorLevelEnabled())
-            kx::kxLogObject(2)
-                << "error: QBVH is not built with the right data type (should be kxQBVH::eTrianglesEquations)";
         for (unsigned int i = 0; i < count; ++i)
             hit[i] = false;
         return;
     }
     kxQBVHRay::nearestBatch(*this, kxQBVHRay::batchWalk(*this, false, count, origins, directions), count, origins,
-                            directions, tMin, t,
-                            barycentric, triangle, hit, policy);
+                            directions, tMin, t, barycentric, triangle, hit, policy);
 }

@@ -4,6 +4,7 @@
 #ifndef KXQBVHRAYKERNELS_H
 #define KXQBVHRAYKERNELS_H
 
+#include "kxLogObject.h"
 #include "kxQBVH.h"
 #include "kxSimd4.h"
 
@@ -13,6 +14,18 @@ using kxSimd::vfloat4;
 using kxSimd::vmask4;
 
 constexpr uint32_t kNoChild = 0xFFFFFFFFu;
+
+/// Whether the hierarchy holds the equations the ray queries need; when it does not, the
+/// queries' error line is logged (level 2).
+inline bool hasEquations(const kxQBVH& qbvh)
+{
+    if (qbvh.getDataFlags() & kxQBVH::eTrianglesEquations)
+        return true;
+    if (kx::kxLogObject::errorLevelEnabled())
+        kx::kxLogObject(2)
+                << "error: QBVH is not built with the right data type (should be kxQBVH::eTrianglesEquations)";
+    return false;
+}
 
 /// Entries of a walk's stack; three per four-wide level, and a deeper tree makes the walk
 /// recurse.
