@@ -96,12 +96,24 @@ void sortBucket(Entries<Key> source, Entries<Key> spare, Entries<Key> home, size
             offsets[d] = sum;
             sum += counts[d];
         }
+        // Neighbours mostly share their digit: the position of the current digit stays in
+        // a register while they do, where bumping its counter in memory would make every
+        // entry wait for the store of the one before.
+        Key digit = (source.keys[0] >> shift) & mask;
+        uint32_t position = offsets[digit];
         for (size_t i = 0; i < n; ++i)
         {
             const Key key = source.keys[i];
-            const uint32_t position = offsets[(key >> shift) & mask]++;
+            const Key next = (key >> shift) & mask;
+            if (next != digit)
+            {
+                offsets[digit] = position;
+                digit = next;
+                position = offsets[digit];
+            }
             spare.keys[position] = key;
             spare.values[position] = source.values[i];
+            ++position;
         }
         // When every digit's bucket is small, one insertion pass over all of them sorts
         // each within its stretch: no entry passes the smaller keys of the buckets before.
