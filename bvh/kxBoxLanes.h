@@ -152,6 +152,9 @@ public:
         mMax = _mm_max_ps(loadShiftedMaximum(box), mMax);
     }
     void store(kxBBox& box) const { storeShifted(box, mMin, mMax); }
+    /// The minimum in lanes 0 to 2 and the maximum in lanes 1 to 3, for storeShifted.
+    __m128 minimumLanes() const { return mMin; }
+    __m128 shiftedMaximumLanes() const { return mMax; }
 
 private:
     __m128 mMin;

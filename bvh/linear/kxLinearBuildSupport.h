@@ -52,10 +52,6 @@ private:
     size_t mTop = 0;
 };
 
-/// Records and boxes of a level-ordered tree are visited far from each other: fetch them
-/// this many steps ahead.
-constexpr unsigned kPrefetchDistance = 16;
-
 template <typename T>
 inline void prefetchForWrite(const T* address)
 {

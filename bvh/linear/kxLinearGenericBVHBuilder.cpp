@@ -5,7 +5,6 @@
 #include "kxLinearBuildSupport.h"
 #include "kxMortonCodes.h"
 #include "kxRadixSort.h"
-#include "kxRefitAndFuse.h"
 #include "kxRunLevels.h"
 
 #include <algorithm>
@@ -26,13 +25,12 @@ struct Primitives
     uint32_t quantity;
 };
 
-// The run levels lie at the bottom of the arena, below first the codes and the sort's
-// partners and then, in the same space, the emitted tree.
+// The run levels lie at the bottom of the arena, below the codes and the sort's partners.
 template <typename Code>
 size_t workMemory(uint32_t quantity)
 {
-    const size_t sorting = kxBuildArena::footprint(quantity * sizeof(Code)) + radixSortFootprint<Code>(quantity);
-    return kxRunLevels::footprint(quantity) + std::max(sorting, kxEmittedTree::footprint(quantity));
+    return kxRunLevels::footprint(quantity) + kxBuildArena::footprint(quantity * sizeof(Code)) +
+           radixSortFootprint<Code>(quantity);
 }
 
 // Codes, sort and run counting; the codes die here. False when cancelled.
@@ -53,12 +51,30 @@ bool sortAndCountRuns(const Primitives<Container>& primitives, unsigned axisBits
     return !cancelled(cancel);
 }
 
-// Sorts the primitives by code and writes the words of the hierarchy's records into the
-// tree. False when cancelled.
-template <typename Code, typename Container>
-bool emitHierarchy(const Primitives<Container>& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
-                   unsigned bits, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena, kxEmittedTree& tree)
+// A cancel source is polled as often as by a build that fused the emitted records and
+// then refitted them in sweeps of their own, each polling once per record it went through
+// (fusing also for a spare record and once after), and the refit once per primitive.
+// Where a cancel lands among the polls and the log lines then does not depend on how the
+// work is split.
+bool pollAsFusingAndRefitting(uint64_t distinctCodes, uint32_t quantity, const kx::kxCancelInterfaceReadOnly* cancel)
 {
+    if (!cancel)
+        return true;
+    const uint64_t emitted = 2u * distinctCodes - 1u;
+    const uint64_t polls = 2u * emitted + 2u + quantity;
+    for (uint64_t poll = 0; poll < polls; ++poll)
+        if (cancelled(cancel))
+            return false;
+    return true;
+}
+
+// Sorts the primitives by code and writes the hierarchy's records, fused and with their
+// boxes, into nodes. False when cancelled.
+template <typename Code, typename Container>
+bool buildWithCodes(const Primitives<Container>& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
+                    unsigned bits, uint32_t maxPrimitivesPerLeaf, std::vector<kxGNode>& nodes)
+{
+    kxBuildArena arena(workMemory<Code>(primitives.quantity));
     const unsigned axisBits = std::min(bits, kMaxAxisBits);
     kxRunLevels runs(3 * axisBits, primitives.quantity, arena);
     const bool counted = sortAndCountRuns<Code>(primitives, axisBits, arena, cancel, runs);
@@ -71,22 +87,11 @@ bool emitHierarchy(const Primitives<Container>& primitives, kxGenericBVH& bvh, c
     const uint64_t distinct = runs.distinctCodes();
     kxBuildLogLine() << "kxLinearGenericBVHBuilder : allocate " << humanizedBytes(distinct * 64u) << "B for "
                      << 2u * distinct << " result nodes";
-    if (!runs.emit(tree, maxPrimitivesPerLeaf, arena, cancel))
+    if (!runs.build(nodes, primitives.container, primitives.indexes, maxPrimitivesPerLeaf, cancel) ||
+        !pollAsFusingAndRefitting(distinct, primitives.quantity, cancel))
         return false;
     bvh.mNodeCount = static_cast<uint32_t>(2u * distinct - 1u);
     return true;
-}
-
-// Emission, fusing and refit over one arena. False when cancelled.
-template <typename Code, typename Container>
-bool buildWithCodes(const Primitives<Container>& primitives, kxGenericBVH& bvh, const kx::kxCancelInterfaceReadOnly* cancel,
-                    unsigned bits, uint32_t maxPrimitivesPerLeaf, std::vector<kxGNode>& nodes)
-{
-    kxBuildArena arena(workMemory<Code>(primitives.quantity));
-    kxEmittedTree tree;
-    return emitHierarchy<Code>(primitives, bvh, cancel, bits, maxPrimitivesPerLeaf, arena, tree) &&
-           fuseLeaves(tree, cancel, nodes) &&
-           refit(nodes, 2u * tree.leafCount - 1u, primitives.container, primitives.indexes, primitives.quantity, cancel);
 }
 } // namespace
 

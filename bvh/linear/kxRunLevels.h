@@ -6,34 +6,10 @@
 #include "kxLinearBuildSupport.h"
 
 #include <cstdint>
+#include <vector>
 
 namespace kxLinearBVH
 {
-/// The offset and count words of a node record (kxGNode), without its box.
-struct kxNodeWords
-{
-    uint32_t offset;
-    uint32_t count;
-};
-
-/// An emitted hierarchy on its way into a kxGenericBVH, and how its records hang together
-/// for the passes that follow emission. Records 0 .. 2 * leafCount - 2 are the tree; the
-/// last record is a spare that is never written. Child pairs are numbered in allocation
-/// order: pair q holds records 2q + 1 and 2q + 2, and a pair's children pairs come after
-/// it.
-struct kxEmittedTree
-{
-    uint64_t leafCount = 0;
-    kxNodeWords* records = nullptr; // 2 * leafCount
-    // leafCount entries. Emission marks with 1 every child pair that survives fusing (the
-    // last entry is left alone); fusing turns the marks into ranks: entry q the number of
-    // surviving pairs before pair q, so that pair q survives when entries q and q + 1 differ.
-    uint32_t* pairRank = nullptr;
-
-    /// The arena space of a tree over quantity primitives, at most.
-    static size_t footprint(uint32_t quantity);
-};
-
 /// The runs of equal code prefixes of sorted Morton codes, level by level, and the
 /// hierarchy they describe.
 ///
@@ -49,6 +25,8 @@ class kxRunLevels
 {
 public:
     static constexpr unsigned kMaxLevels = 63;
+    /// Entries of level 1 around the pair levels.
+    static constexpr unsigned kPad = 8;
 
     /// levels = 3 * bits per axis, at most kMaxLevels. Takes its memory for quantity
     /// primitives from the arena at once, below everything the sort will take.
@@ -68,19 +46,26 @@ public:
     /// run ends were kept. Needs count().
     uint64_t workingBufferBytes() const;
 
-    /// Writes the words of every record of the tree into tree.records (2 * distinctCodes()
-    /// of them) and marks the child pairs that survive fusing with maxPrimitivesPerLeaf,
-    /// taking the tree's arrays from the arena. The records are those that emitting level
-    /// after level, then fusing every subtree of at most maxPrimitivesPerLeaf primitives
-    /// into a leaf would leave; they are found in one sweep over the positions, polling
-    /// levels() times on the way. False when cancelled.
-    bool emit(kxEmittedTree& tree, uint32_t maxPrimitivesPerLeaf, kxBuildArena& arena,
-              const kx::kxCancelInterfaceReadOnly* cancel);
+    /// Writes the hierarchy into nodes, boxes included: the records that emitting level
+    /// after level, fusing every subtree of at most maxPrimitivesPerLeaf primitives into a
+    /// leaf, numbering the surviving records in emission order and refitting would give.
+    /// One sweep over the positions; each record is written once, by its parent. The
+    /// primitives at the sorted positions are indexes[0 .. quantity - 1]. Polls levels()
+    /// times on the way; false when cancelled.
+    /// Container: the container interface or kxBVHTriangleContainer (see boxOf).
+    template <typename Container>
+    bool build(std::vector<kxGNode>& nodes, const Container& container, const uint32_t* indexes,
+               uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel) const;
 
 private:
+    // Child pairs that survive fusing, per level.
+    void countSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&survivors)[kMaxLevels + 1]) const;
+
     unsigned mLevels;
     uint32_t mQuantity = 0;
     uint64_t mSplitsAt[kMaxLevels + 1] = {}; // entry 0 counts pairs of equal codes
+    // One entry per adjacent pair, with kPad entries of level 1 on both sides: a run that
+    // reaches an end of the positions ends there as at a split of a lower level.
     uint8_t* mPairLevel;
 };
 } // namespace kxLinearBVH

@@ -204,7 +204,7 @@ TEST(LinearBuilder, MatchesAPlainReferenceLogsItsMemoryUseAndStopsAtEveryPoll)
         {
             const kxtest::BoxContainer container(boxes);
             for (unsigned bits : {0u, 1u, 7u, 10u, 11u, 20u, 30u})
-                for (uint32_t limit : {0u, 2u, 4u, 7u, 1000u})
+                for (uint32_t limit : {0u, 2u, 4u, 7u, 8u, 9u, 1000u})
                 {
                     SCOPED_TRACE(name + ", " + std::to_string(quantity) + " primitives, bits " +
                                  std::to_string(bits) + ", leaf limit " + std::to_string(limit));
@@ -278,7 +278,7 @@ TEST(LinearBuilder, MatchesAPlainReferenceOnLargeScenes)
             isSheet ? static_cast<const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&>(sheetContainer)
                     : boxContainer;
         for (unsigned bits : {10u, 20u, 30u})
-            for (uint32_t limit : {1u, 4u})
+            for (uint32_t limit : {1u, 4u, 12u})
             {
                 SCOPED_TRACE(name + ", bits " + std::to_string(bits) + ", leaf limit " + std::to_string(limit));
                 kxLinearGenericBVHBuilder builder;
