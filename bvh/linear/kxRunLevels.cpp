@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstring>
 
 namespace kxLinearBVH
 {
@@ -20,9 +21,11 @@ constexpr uint32_t kStreamAhead = 64;
 constexpr uint32_t kBoxesAhead = 32;
 // Leaves of up to this many primitives take the same steps whatever their count.
 constexpr uint32_t kSmallLeaf = 4;
-// Leaf limits up to this are decided from the pair levels around each split (see
-// lowerLevelBits); larger ones by a sweep of their own.
+// Leaf limits up to this are decided sixteen pairs at a time from the pair levels around
+// them (see splitsOfLongRuns), larger ones by a sweep of their own. The pads around the
+// levels reach past the deepest search of the last sixteen pairs.
 constexpr uint32_t kWindowLimit = 8;
+static_assert(kxRunLevels::kPad >= 16 + kWindowLimit, "pads cover the search around the last pairs");
 
 // Level 1 splits on z, 2 on y, 3 on x, 4 on z again.
 constexpr uint32_t kAxisOfLevel[3] = {kxBBox::eAxisX, kxBBox::eAxisZ, kxBBox::eAxisY};
@@ -56,14 +59,33 @@ inline void place(kxGNode& record, const Finished& node)
     kxBoxLanes::storeShifted(record.bbox, node.lo, node.hi);
 }
 
-// Bit k set where the pair level at first[k] is that of a split shallower than level:
-// not 0 (equal codes) and below level. The pads count as level 1.
-inline uint32_t lowerLevelBits(const uint8_t* first, unsigned level)
+// Which of the sixteen pairs from first on split a run of more than limit primitives (at
+// most kWindowLimit): bit i for the pair at first[i]. A run ends at the nearest pair on
+// either side whose level is below its split's and not 0 (equal codes); the pads count as
+// level 1. Each side is searched limit - 1 pairs deep, nearest last, so that the nearest
+// end found gives the count on that side; limit stands for none found.
+inline uint32_t splitsOfLongRuns(const uint8_t* first, uint32_t limit)
 {
-    const __m128i levels = _mm_loadu_si128(reinterpret_cast<const __m128i*>(first));
-    const __m128i below = _mm_cmplt_epi8(levels, _mm_set1_epi8(static_cast<char>(level)));
-    const __m128i equal = _mm_cmpeq_epi8(levels, _mm_setzero_si128());
-    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_andnot_si128(equal, below)));
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i level = _mm_loadu_si128(reinterpret_cast<const __m128i*>(first));
+    const auto endsRun = [&](const uint8_t* at)
+    {
+        const __m128i other = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+        return _mm_andnot_si128(_mm_cmpeq_epi8(other, zero), _mm_cmplt_epi8(other, level));
+    };
+    const auto select = [](__m128i mask, __m128i yes, __m128i no)
+    { return _mm_or_si128(_mm_and_si128(mask, yes), _mm_andnot_si128(mask, no)); };
+    __m128i left = _mm_set1_epi8(static_cast<char>(limit));
+    __m128i right = left;
+    for (uint32_t k = limit - 1; k >= 1; --k)
+    {
+        const __m128i distance = _mm_set1_epi8(static_cast<char>(k));
+        left = select(endsRun(first - k), distance, left);
+        right = select(endsRun(first + k), distance, right);
+    }
+    const __m128i fused = _mm_cmplt_epi8(_mm_add_epi8(left, right), _mm_set1_epi8(static_cast<char>(limit + 1)));
+    const __m128i equal = _mm_cmpeq_epi8(level, zero);
+    return ~static_cast<uint32_t>(_mm_movemask_epi8(_mm_or_si128(fused, equal))) & 0xFFFFu;
 }
 } // namespace
 
@@ -134,19 +156,15 @@ void kxRunLevels::countSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&survi
     const uint32_t pairs = mQuantity - 1u;
     if (maxPrimitivesPerLeaf <= kWindowLimit)
     {
-        // Seven pairs on the left and eight on the right of j cover every run of up to
-        // eight primitives; the pads stand for the ends of the positions.
-        for (uint32_t j = 0; j < pairs; ++j)
+        // Sixteen pairs at a time; the pads lie past the last block's end.
+        alignas(16) uint8_t levels[16];
+        for (uint32_t j = 0; j < pairs; j += 16)
         {
-            const unsigned level = mPairLevel[j];
-            if (level == 0)
-                continue;
-            const uint32_t bits = lowerLevelBits(mPairLevel + j - 7, level);
-            // Primitives from the left end of the run to j, and from j + 1 to its right
-            // end; 8 and 9 stand for more.
-            const uint32_t left = 8u - highestBit(((bits & 0x7Fu) << 1) | 1u);
-            const uint32_t right = static_cast<uint32_t>(__builtin_ctz((bits >> 8) | 0x100u)) + 1u;
-            survivors[level] += left + right > maxPrimitivesPerLeaf ? 1u : 0u;
+            const uint32_t inRange = pairs - j >= 16 ? 0xFFFFu : (1u << (pairs - j)) - 1u;
+            std::memcpy(levels, mPairLevel + j, sizeof levels);
+            for (uint32_t bits = splitsOfLongRuns(mPairLevel + j, maxPrimitivesPerLeaf) & inRange; bits != 0;
+                 bits &= bits - 1u)
+                ++survivors[levels[__builtin_ctz(bits)]];
         }
         return;
     }

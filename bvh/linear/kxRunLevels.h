@@ -26,7 +26,7 @@ class kxRunLevels
 public:
     static constexpr unsigned kMaxLevels = 63;
     /// Entries of level 1 around the pair levels.
-    static constexpr unsigned kPad = 8;
+    static constexpr unsigned kPad = 32;
 
     /// levels = 3 * bits per axis, at most kMaxLevels. Takes its memory for quantity
     /// primitives from the arena at once, below everything the sort will take.
