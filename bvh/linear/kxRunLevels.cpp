@@ -112,13 +112,20 @@ void kxRunLevels::count(const Code* sortedCodes)
     // the geometry and cannot be predicted, so their level 0 is masked in, not branched to.
     const unsigned levels = mLevels;
     uint8_t* const pairLevel = mPairLevel;
+    // Sums in registers rather than a count per level: a count bumped again before its
+    // last store has landed waits for it, and the deepest level comes every other pair.
+    uint64_t splits = 0, runEnds = 0;
     for (uint32_t j = 0; j < pairs; ++j)
     {
         const Code difference = sortedCodes[j] ^ sortedCodes[j + 1];
-        const unsigned level = (levels - highestBit(difference | 1u)) & (difference != 0 ? ~0u : 0u);
+        const unsigned split = difference != 0 ? ~0u : 0u;
+        const unsigned level = (levels - highestBit(difference | 1u)) & split;
         pairLevel[j] = static_cast<uint8_t>(level);
-        ++mSplitsAt[level];
+        splits += split & 1u;
+        runEnds += (levels + 1u - level) & split;
     }
+    mSplits = splits;
+    mRunEnds = runEnds;
 }
 
 template void kxRunLevels::count<uint32_t>(const uint32_t*);
@@ -126,22 +133,14 @@ template void kxRunLevels::count<uint64_t>(const uint64_t*);
 
 uint64_t kxRunLevels::distinctCodes() const
 {
-    uint64_t runs = 1;
-    for (unsigned level = 1; level <= mLevels; ++level)
-        runs += mSplitsAt[level];
-    return runs;
+    return 1u + mSplits;
 }
 
 uint64_t kxRunLevels::workingBufferBytes() const
 {
-    uint64_t runs = 1;
-    uint64_t entries = runs;
-    for (unsigned level = 1; level <= mLevels; ++level)
-    {
-        runs += mSplitsAt[level];
-        entries += runs;
-    }
-    return 8u * entries;
+    // Level l has 1 plus the splits of levels 1..l as runs: one run at each of the levels
+    // 0..L, and each split adds a run to its own level and every deeper one.
+    return 8u * (mLevels + 1u + mRunEnds);
 }
 
 // A split's children survive fusing exactly when its run holds more primitives than the

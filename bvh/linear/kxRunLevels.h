@@ -34,8 +34,8 @@ public:
     /// The arena space of quantity primitives.
     static size_t footprint(uint32_t quantity);
 
-    /// Finds the level of every adjacent pair of sorted codes that differ, and counts each
-    /// level's splits.
+    /// Finds the level of every adjacent pair of sorted codes that differ, and counts the
+    /// splits and the runs they make.
     template <typename Code>
     void count(const Code* sortedCodes);
 
@@ -63,7 +63,8 @@ private:
 
     unsigned mLevels;
     uint32_t mQuantity = 0;
-    uint64_t mSplitsAt[kMaxLevels + 1] = {}; // entry 0 counts pairs of equal codes
+    uint64_t mSplits = 0;  // adjacent pairs of different codes
+    uint64_t mRunEnds = 0; // per split, the levels from its own to the deepest
     // One entry per adjacent pair, with kPad entries of level 1 on both sides: a run that
     // reaches an end of the positions ends there as at a split of a lower level.
     uint8_t* mPairLevel;
