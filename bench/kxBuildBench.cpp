@@ -1,9 +1,10 @@
 // Builds end to end on one thread, beside Embree's in the same run: kxQBVH::buildFromMesh
 // against Embree's fast (LOW) build, the binned-SAH road against its default (MEDIUM) one,
 // and each of our phases alone. Every build is run --repeat times, interleaved; the first
-// run (what an application that builds once sees) is shown beside the best. Peak memory
-// is the heap a build adds on top of what was in use before it: ours counted at the C
-// allocator, Embree's by its memory monitor.
+// run (what an application that builds once sees, once the process has touched memory:
+// see touchMemoryOnce) is shown beside the best. Peak memory is the heap a build adds on
+// top of what was in use before it: ours counted at the C allocator, Embree's by its
+// memory monitor.
 //
 //   kxBuildBench [--repeat N] [--no-sah] [MESH ...]
 //
