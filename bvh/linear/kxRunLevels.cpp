@@ -1,11 +1,10 @@
 #include "kxRunLevels.h"
 
+#include "kxByteLanes.h"
 #include "kxHighestBit.h"
 
 #include "../kxBoxLanes.h"
 #include "../kxHugePages.h"
-
-#include <emmintrin.h>
 
 #include <algorithm>
 #include <cassert>
@@ -66,26 +65,23 @@ inline void place(kxGNode& record, const Finished& node)
 // end found gives the count on that side; limit stands for none found.
 inline uint32_t splitsOfLongRuns(const uint8_t* first, uint32_t limit)
 {
-    const __m128i zero = _mm_setzero_si128();
-    const __m128i level = _mm_loadu_si128(reinterpret_cast<const __m128i*>(first));
-    const auto endsRun = [&](const uint8_t* at)
+    using namespace kxByteLanes;
+    const Lanes level = load(first);
+    // Where the pairs from at on end the runs of the pairs from first on.
+    const auto endsRun = [level](const uint8_t* at)
     {
-        const __m128i other = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
-        return _mm_andnot_si128(_mm_cmpeq_epi8(other, zero), _mm_cmplt_epi8(other, level));
+        const Lanes other = load(at);
+        return andNot(below(other, level), isZero(other));
     };
-    const auto select = [](__m128i mask, __m128i yes, __m128i no)
-    { return _mm_or_si128(_mm_and_si128(mask, yes), _mm_andnot_si128(mask, no)); };
-    __m128i left = _mm_set1_epi8(static_cast<char>(limit));
-    __m128i right = left;
-    for (uint32_t k = limit - 1; k >= 1; --k)
+    Lanes left = splat(limit);
+    Lanes right = left;
+    for (uint32_t k = limit; k-- > 1;)
     {
-        const __m128i distance = _mm_set1_epi8(static_cast<char>(k));
-        left = select(endsRun(first - k), distance, left);
-        right = select(endsRun(first + k), distance, right);
+        left = select(endsRun(first - k), splat(k), left);
+        right = select(endsRun(first + k), splat(k), right);
     }
-    const __m128i fused = _mm_cmplt_epi8(_mm_add_epi8(left, right), _mm_set1_epi8(static_cast<char>(limit + 1)));
-    const __m128i equal = _mm_cmpeq_epi8(level, zero);
-    return ~static_cast<uint32_t>(_mm_movemask_epi8(_mm_or_si128(fused, equal))) & 0xFFFFu;
+    const Lanes fused = below(add(left, right), splat(limit + 1));
+    return ~bits(either(fused, isZero(level))) & 0xFFFFu;
 }
 } // namespace
 
