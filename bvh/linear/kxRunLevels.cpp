@@ -86,7 +86,8 @@ inline uint32_t splitsOfLongRuns(const uint8_t* first, uint32_t limit)
 } // namespace
 
 kxRunLevels::kxRunLevels(unsigned levels, uint32_t quantity, kxBuildArena& arena)
-    : mLevels(levels), mQuantity(quantity), mPairLevel(arena.allocate<uint8_t>(quantity + 2u * kPad) + kPad)
+    : mLevels(levels), mQuantity(quantity), mPairLevel(arena.allocate<uint8_t>(quantity + 2u * kPad) + kPad),
+      mSurviving(arena.allocate<uint16_t>(blocksOf(quantity)))
 {
     std::fill(mPairLevel - kPad, mPairLevel, uint8_t{1});
     const uint32_t pairs = quantity > 0 ? quantity - 1u : 0u;
@@ -95,7 +96,7 @@ kxRunLevels::kxRunLevels(unsigned levels, uint32_t quantity, kxBuildArena& arena
 
 size_t kxRunLevels::footprint(uint32_t quantity)
 {
-    return kxBuildArena::footprint(quantity + 2u * kPad);
+    return kxBuildArena::footprint(quantity + 2u * kPad) + kxBuildArena::footprint(blocksOf(quantity) * sizeof(uint16_t));
 }
 
 template <typename Code>
@@ -143,12 +144,13 @@ uint64_t kxRunLevels::workingBufferBytes() const
 // limit: below it every subtree then holds more or is a single code, and above it all of
 // it fuses into one leaf. The run of a split at pair j reaches from the nearest split of
 // a lower level on its left to the nearest one on its right.
-void kxRunLevels::countSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&survivors)[kMaxLevels + 1]) const
+void kxRunLevels::findSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&survivors)[kMaxLevels + 1])
 {
     std::fill(survivors, survivors + kMaxLevels + 1, uint64_t{0});
+    const uint32_t pairs = mQuantity > 0 ? mQuantity - 1u : 0u;
+    std::fill(mSurviving, mSurviving + blocksOf(mQuantity), uint16_t{0});
     if (mQuantity <= maxPrimitivesPerLeaf)
         return;
-    const uint32_t pairs = mQuantity - 1u;
     if (maxPrimitivesPerLeaf <= kWindowLimit)
     {
         // Sixteen pairs at a time; the pads lie past the last block's end.
@@ -156,23 +158,32 @@ void kxRunLevels::countSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&survi
         for (uint32_t j = 0; j < pairs; j += 16)
         {
             const uint32_t inRange = pairs - j >= 16 ? 0xFFFFu : (1u << (pairs - j)) - 1u;
+            const uint32_t surviving = splitsOfLongRuns(mPairLevel + j, maxPrimitivesPerLeaf) & inRange;
+            mSurviving[j / 16] = static_cast<uint16_t>(surviving);
             std::memcpy(levels, mPairLevel + j, sizeof levels);
-            for (uint32_t bits = splitsOfLongRuns(mPairLevel + j, maxPrimitivesPerLeaf) & inRange; bits != 0;
-                 bits &= bits - 1u)
+            for (uint32_t bits = surviving; bits != 0; bits &= bits - 1u)
                 ++survivors[levels[__builtin_ctz(bits)]];
         }
         return;
     }
-    // The splits still open, by strictly increasing level, with the first position of
-    // their runs, above a guard of level 0.
+    // The splits still open, by strictly increasing level, with their pairs and the first
+    // positions of their runs, above a guard of level 0.
     struct Open
     {
         unsigned level;
+        uint32_t pair;
         uint32_t first;
     };
     Open open[kMaxLevels + 2];
-    open[0] = {0u, 0u};
+    open[0] = {0u, 0u, 0u};
     unsigned depth = 1;
+    const auto close = [&](const Open& split, uint32_t runEnd)
+    {
+        if (runEnd - split.first <= maxPrimitivesPerLeaf)
+            return;
+        ++survivors[split.level];
+        mSurviving[split.pair / 16] = static_cast<uint16_t>(mSurviving[split.pair / 16] | 1u << (split.pair % 16));
+    };
     uint32_t runStart = 0;
     for (uint32_t j = 0; j < pairs; ++j)
     {
@@ -183,27 +194,23 @@ void kxRunLevels::countSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&survi
         runStart = j + 1u;
         while (open[depth - 1].level > level)
         {
-            --depth;
-            survivors[open[depth].level] += j + 1u - open[depth].first > maxPrimitivesPerLeaf ? 1u : 0u;
+            close(open[--depth], j + 1u);
             first = open[depth].first;
         }
-        open[depth++] = {level, first};
+        open[depth++] = {level, j, first};
     }
     while (depth > 1)
-    {
-        --depth;
-        survivors[open[depth].level] += mQuantity - open[depth].first > maxPrimitivesPerLeaf ? 1u : 0u;
-    }
+        close(open[--depth], mQuantity);
 }
 
 template <typename Container>
 bool kxRunLevels::build(std::vector<kxGNode>& nodes, const Container& container, const uint32_t* indexes,
-                        uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel) const
+                        uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel)
 {
     // The surviving pairs of each level follow those of all lower levels, each level's in
     // the order of their positions, which is also the order in which they close.
     uint64_t survivors[kMaxLevels + 1];
-    countSurvivors(maxPrimitivesPerLeaf, survivors);
+    findSurvivors(maxPrimitivesPerLeaf, survivors);
     uint32_t nextPair[kMaxLevels + 1];
     uint64_t pairsBefore = 0;
     for (unsigned level = 1; level <= mLevels; ++level)
@@ -221,10 +228,11 @@ bool kxRunLevels::build(std::vector<kxGNode>& nodes, const Container& container,
     for (unsigned level = 0; level <= mLevels; ++level)
         axisOfLevel[level] = kAxisOfLevel[level % 3];
 
-    // The open splits, by strictly increasing level: two splits of one level always have
-    // a split of a lower level between them (inside one run the bit of a level flips
-    // once), so there is at most one per level. Below them lies a guard of level 0,
-    // shallower than every split.
+    // Only the splits that survive fusing are visited: the positions between two of them
+    // make a leaf of the fused tree. The open splits lie by strictly increasing level: two
+    // splits of one level always have a split of a lower level between them (inside one
+    // run the bit of a level flips once), so there is at most one per level. Below them
+    // lies a guard of level 0, shallower than every split.
     OpenSplit open[kMaxLevels + 2];
     open[0].level = 0;
     unsigned depth = 1;
@@ -240,9 +248,7 @@ bool kxRunLevels::build(std::vector<kxGNode>& nodes, const Container& container,
         completed.count = count;
         const uint32_t* positions = indexes + first;
         kxBoxLanes::WholeBoxAccumulator box;
-        if (count == 1)
-            box.extend(boxOf(container, positions[0]));
-        else if (count - 1u < kSmallLeaf)
+        if (count - 1u < kSmallLeaf)
             for (uint32_t i = 0; i < kSmallLeaf; ++i)
                 box.extend(boxOf(container, positions[std::min(i, count - 1u)]));
         else
@@ -251,60 +257,59 @@ bool kxRunLevels::build(std::vector<kxGNode>& nodes, const Container& container,
         completed.lo = box.minimumLanes();
         completed.hi = box.shiftedMaximumLanes();
     };
-    // A split closes when both its halves are final. It becomes a leaf over both halves'
-    // runs when both are leaves with at most the limit together; otherwise it takes the
-    // next pair of its level for its halves and becomes inner. Either way its box is the
-    // union of its halves', the right one extending the left: for a fused leaf that is bit
-    // for bit the union of its primitives' boxes in position order, as minimum and
-    // maximum are exact and keep the first of equal values either way.
+    // A split closes when both its halves are final: it takes the next pair of its level
+    // for its halves and becomes inner, its box the union of its halves', the right one
+    // extending the left.
     const auto close = [&](const OpenSplit& split)
     {
         const Finished& left = split.left;
-        const __m128 lo = kxBoxLanes::lower(completed.lo, left.lo);
-        const __m128 hi = kxBoxLanes::upper(completed.hi, left.hi);
-        const uint64_t sum = uint64_t{left.count} + completed.count;
-        if (isLeaf(left.offset) && isLeaf(completed.offset) && sum <= maxPrimitivesPerLeaf)
-        {
-            completed.offset = left.offset;
-            completed.count = static_cast<uint32_t>(sum);
-        }
-        else
-        {
-            const uint32_t pair = nextPair[split.level]++;
-            const uint32_t children = 1u + 2u * pair;
-            // Each level fills its own stretch of records from left to right, too many
-            // stretches at once for the hardware to see them coming.
-            prefetchForWrite(records + std::min(children + 2u * kStreamAhead, lastRecord));
-            place(records[children], left);
-            place(records[children + 1u], completed);
-            completed.offset = (children & kxGNode::eIndexMask) | axisOfLevel[split.level];
-            completed.count = children + 1u;
-        }
-        completed.lo = lo;
-        completed.hi = hi;
+        assert(!(isLeaf(left.offset) && isLeaf(completed.offset) &&
+                 uint64_t{left.count} + completed.count <= maxPrimitivesPerLeaf) &&
+               "only splits that survive fusing are visited");
+        const uint32_t pair = nextPair[split.level]++;
+        const uint32_t children = 1u + 2u * pair;
+        // Each level fills its own stretch of records from left to right, too many
+        // stretches at once for the hardware to see them coming.
+        prefetchForWrite(records + std::min(children + 2u * kStreamAhead, lastRecord));
+        place(records[children], left);
+        place(records[children + 1u], completed);
+        completed.offset = (children & kxGNode::eIndexMask) | axisOfLevel[split.level];
+        completed.count = children + 1u;
+        completed.lo = kxBoxLanes::lower(completed.lo, left.lo);
+        completed.hi = kxBoxLanes::upper(completed.hi, left.hi);
     };
 
     uint32_t runStart = 0;
     const uint32_t pairs = mQuantity > 0 ? mQuantity - 1u : 0u;
-    const uint32_t lastAhead = pairs > kBoxesAhead ? pairs - kBoxesAhead : 0u;
     for (unsigned part = 0; part < mLevels; ++part)
     {
-        const uint32_t end = static_cast<uint32_t>(uint64_t{pairs} * (part + 1u) / mLevels);
-        for (uint32_t j = static_cast<uint32_t>(uint64_t{pairs} * part / mLevels); j < end; ++j)
+        const auto begin = static_cast<uint32_t>(uint64_t{pairs} * part / mLevels);
+        const auto end = static_cast<uint32_t>(uint64_t{pairs} * (part + 1u) / mLevels);
+        for (uint32_t block = begin / 16; block * 16u < end; ++block)
         {
-            const unsigned level = mPairLevel[j];
-            if (level == 0)
-                continue;
-            // Boxes lie in the order of the primitives, scattered over the sorted positions.
-            if (j < lastAhead)
-                prefetchForRead(&boxOf(container, indexes[j + kBoxesAhead]));
-            // The run ending at j is a leaf of the emitted tree; the runs of deeper splits
-            // end here too.
-            finishLeaf(runStart, j + 1u - runStart);
-            runStart = j + 1u;
-            while (open[depth - 1].level > level)
-                close(open[--depth]);
-            open[depth++] = {level, completed};
+            const uint32_t base = block * 16u;
+            uint32_t bits = mSurviving[block];
+            if (base < begin)
+                bits &= ~0u << (begin - base);
+            if (end - base < 16u)
+                bits &= (1u << (end - base)) - 1u;
+            for (; bits != 0; bits &= bits - 1u)
+            {
+                const uint32_t j = base + static_cast<uint32_t>(__builtin_ctz(bits));
+                const unsigned level = mPairLevel[j];
+                // Boxes lie in the order of the primitives, scattered over the sorted
+                // positions; leaves hold about as many as are fetched here for each.
+                if (j + kBoxesAhead + kSmallLeaf < mQuantity)
+                    for (uint32_t i = 1; i <= kSmallLeaf; ++i)
+                        prefetchForRead(&boxOf(container, indexes[j + kBoxesAhead + i]));
+                // The run ending at j is a leaf of the fused tree; the runs of deeper
+                // surviving splits end here too.
+                finishLeaf(runStart, j + 1u - runStart);
+                runStart = j + 1u;
+                while (open[depth - 1].level > level)
+                    close(open[--depth]);
+                open[depth++] = {level, completed};
+            }
         }
         // One poll per level, spread over the sweep: as often as emitting level after level.
         if (part + 1u < mLevels && cancelled(cancel))
@@ -319,14 +324,14 @@ bool kxRunLevels::build(std::vector<kxGNode>& nodes, const Container& container,
     for (unsigned level = 1; level <= mLevels; ++level)
     {
         placed += survivors[level];
-        assert(nextPair[level] == placed && "survivors counted as the sweep fuses");
+        assert(nextPair[level] == placed && "survivors counted as the sweep visits them");
     }
 #endif
     return mLevels == 0 || !cancelled(cancel);
 }
 
 template bool kxRunLevels::build(std::vector<kxGNode>&, const kxLinearGenericBVHBuilder::tPrimitiveContainerInterface&,
-                                 const uint32_t*, uint32_t, const kx::kxCancelInterfaceReadOnly*) const;
+                                 const uint32_t*, uint32_t, const kx::kxCancelInterfaceReadOnly*);
 template bool kxRunLevels::build(std::vector<kxGNode>&, const kxBVHTriangleContainer&, const uint32_t*, uint32_t,
-                                 const kx::kxCancelInterfaceReadOnly*) const;
+                                 const kx::kxCancelInterfaceReadOnly*);
 } // namespace kxLinearBVH

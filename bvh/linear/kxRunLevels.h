@@ -55,11 +55,13 @@ public:
     /// Container: the container interface or kxBVHTriangleContainer (see boxOf).
     template <typename Container>
     bool build(std::vector<kxGNode>& nodes, const Container& container, const uint32_t* indexes,
-               uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel) const;
+               uint32_t maxPrimitivesPerLeaf, const kx::kxCancelInterfaceReadOnly* cancel);
 
 private:
-    // Child pairs that survive fusing, per level.
-    void countSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&survivors)[kMaxLevels + 1]) const;
+    // Blocks of sixteen pairs over quantity primitives.
+    static size_t blocksOf(uint32_t quantity) { return quantity / 16u + 1u; }
+    // Marks the splits whose children survive fusing and counts them per level.
+    void findSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&survivors)[kMaxLevels + 1]);
 
     unsigned mLevels;
     uint32_t mQuantity = 0;
@@ -68,6 +70,8 @@ private:
     // One entry per adjacent pair, with kPad entries of level 1 on both sides: a run that
     // reaches an end of the positions ends there as at a split of a lower level.
     uint8_t* mPairLevel;
+    // Bit j % 16 of entry j / 16 set when the split at pair j survives fusing.
+    uint16_t* mSurviving;
 };
 } // namespace kxLinearBVH
 
