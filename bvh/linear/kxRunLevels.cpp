@@ -87,17 +87,18 @@ inline uint32_t splitsOfLongRuns(const uint8_t* first, uint32_t limit)
 } // namespace
 
 kxRunLevels::kxRunLevels(unsigned levels, uint32_t quantity, kxBuildArena& arena)
-    : mLevels(levels), mQuantity(quantity), mPairLevel(arena.allocate<uint8_t>(quantity + 2u * kPad) + kPad),
+    : mLevels(levels), mQuantity(quantity), mPairLevel(arena.allocate<uint8_t>(size_t{quantity} + 2u * kPad) + kPad),
       mSurviving(arena.allocate<uint16_t>(blocksOf(quantity)))
 {
     std::fill(mPairLevel - kPad, mPairLevel, uint8_t{1});
     const uint32_t pairs = quantity > 0 ? quantity - 1u : 0u;
-    std::fill(mPairLevel + pairs, mPairLevel + quantity + kPad, uint8_t{1});
+    std::fill(mPairLevel + pairs, mPairLevel + size_t{quantity} + kPad, uint8_t{1});
 }
 
 size_t kxRunLevels::footprint(uint32_t quantity)
 {
-    return kxBuildArena::footprint(quantity + 2u * kPad) + kxBuildArena::footprint(blocksOf(quantity) * sizeof(uint16_t));
+    return kxBuildArena::footprint(size_t{quantity} + 2u * kPad) +
+           kxBuildArena::footprint(blocksOf(quantity) * sizeof(uint16_t));
 }
 
 template <typename Code>
@@ -156,7 +157,7 @@ void kxRunLevels::findSurvivors(uint32_t maxPrimitivesPerLeaf, uint64_t (&surviv
     {
         // Sixteen pairs at a time; the pads lie past the last block's end.
         alignas(16) uint8_t levels[16];
-        for (uint32_t j = 0; j < pairs; j += 16)
+        for (uint64_t j = 0; j < pairs; j += 16)
         {
             const uint32_t inRange = pairs - j >= 16 ? 0xFFFFu : (1u << (pairs - j)) - 1u;
             const uint32_t surviving = splitsOfLongRuns(mPairLevel + j, maxPrimitivesPerLeaf) & inRange;
@@ -286,9 +287,9 @@ bool kxRunLevels::build(std::vector<kxGNode>& nodes, const Container& container,
     {
         const auto begin = static_cast<uint32_t>(uint64_t{pairs} * part / mLevels);
         const auto end = static_cast<uint32_t>(uint64_t{pairs} * (part + 1u) / mLevels);
-        for (uint32_t block = begin / 16; block * 16u < end; ++block)
+        for (uint64_t block = begin / 16; block * 16u < end; ++block)
         {
-            const uint32_t base = block * 16u;
+            const auto base = static_cast<uint32_t>(block * 16u);
             uint32_t bits = mSurviving[block];
             if (base < begin)
                 bits &= ~0u << (begin - base);
@@ -300,7 +301,7 @@ bool kxRunLevels::build(std::vector<kxGNode>& nodes, const Container& container,
                 const unsigned level = mPairLevel[j];
                 // Boxes lie in the order of the primitives, scattered over the sorted
                 // positions; leaves hold about as many as are fetched here for each.
-                if (j + kBoxesAhead + kSmallLeaf < mQuantity)
+                if (uint64_t{j} + kBoxesAhead + kSmallLeaf < mQuantity)
                     for (uint32_t i = 1; i <= kSmallLeaf; ++i)
                         prefetchForRead(&boxOf(container, indexes[j + kBoxesAhead + i]));
                 // The run ending at j is a leaf of the fused tree; the runs of deeper
