@@ -309,17 +309,21 @@ private:
     }
 
     // The batch queries over a task's rays; the library walks them together (packets or
-    // interleaved walks) with the same answers as one call per ray.
+    // interleaved walks) with the same answers as one call per ray. A task's arrays live on
+    // the stack, so that the timed work allocates nothing, as the one-ray tracers do not.
     BatchTracer kxBatchTracer(const kxQBVH& qbvh) const
     {
         return [this, &qbvh](size_t begin, size_t end, unsigned* out) {
             const unsigned count = unsigned(end - begin);
-            std::vector<Vec3> origins(count, mCamera.eye());
-            std::vector<float> tMin(count, 0.0f), t(count, std::numeric_limits<float>::infinity());
-            std::vector<Wm4::Vector2<float>> barycentric(count);
-            std::unique_ptr<bool[]> hit(new bool[count]);
-            qbvh.intersectRays(count, origins.data(), mDirections.data() + begin, tMin.data(), t.data(),
-                               barycentric.data(), out, hit.get(), kxQBVH::eAllSides);
+            Vec3 origins[kRaysPerTask];
+            float tMin[kRaysPerTask], t[kRaysPerTask];
+            Wm4::Vector2<float> barycentric[kRaysPerTask];
+            bool hit[kRaysPerTask];
+            std::fill(origins, origins + count, mCamera.eye());
+            std::fill(tMin, tMin + count, 0.0f);
+            std::fill(t, t + count, std::numeric_limits<float>::infinity());
+            qbvh.intersectRays(count, origins, mDirections.data() + begin, tMin, t, barycentric, out, hit,
+                               kxQBVH::eAllSides);
         };
     }
 
@@ -327,9 +331,9 @@ private:
     {
         return [this, &qbvh](size_t begin, size_t end, unsigned* out) {
             const unsigned count = unsigned(end - begin);
-            std::unique_ptr<bool[]> blocked(new bool[count]);
+            bool blocked[kRaysPerTask];
             qbvh.intersectRaysAny(count, mShadowOrigins.data() + begin, mShadowDirections.data() + begin,
-                                  mShadowTMin.data() + begin, mShadowTMax.data() + begin, blocked.get(),
+                                  mShadowTMin.data() + begin, mShadowTMax.data() + begin, blocked,
                                   kxQBVH::eAllSides);
             for (unsigned i = 0; i < count; ++i)
                 out[i] = blocked[i] ? 0u : kNoHit;
