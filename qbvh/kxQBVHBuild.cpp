@@ -29,16 +29,36 @@ struct Layout
     std::vector<uint8_t> depth;
     uint32_t nodeCount = 0;
     uint32_t groupCount = 0;
+    /// One bit per primitive position, set where a leaf with groups starts.
+    std::vector<uint64_t> leafStarts;
+    /// Whether those leaves start at distinct positions, position 0 among them, and their
+    /// counts sum to the positions. If each also ends where another starts (the collapse
+    /// checks that), they tile the positions.
+    bool mayTile = false;
 };
 
-// Sizes the four-wide tree in one forward sweep. Numbering in binary node order in one
-// more sweep needs every record reached once and after its parent, as the builders lay
-// them out; false for any other tree.
-bool layOut(const kxGenericBVH& bvh, Layout& layout)
+// Bits set in x. The library's baseline lacks the instruction, and the compiler's
+// fallback is a call.
+inline uint32_t bitCount(uint64_t x)
+{
+    x -= (x >> 1) & 0x5555555555555555u;
+    x = (x & 0x3333333333333333u) + ((x >> 2) & 0x3333333333333333u);
+    x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
+    return static_cast<uint32_t>((x * 0x0101010101010101u) >> 56);
+}
+
+// Sizes the four-wide tree in one forward sweep, and marks where leaves start when asked.
+// Numbering in binary node order in one more sweep needs every record reached once and
+// after its parent, as the builders lay them out; false for any other tree.
+bool layOut(const kxGenericBVH& bvh, bool markLeafStarts, Layout& layout)
 {
     const size_t B = bvh.mNodes.size();
+    const size_t N = markLeafStarts ? bvh.mPrimitiveIndices.size() : 0;
     layout.depth.assign(B, eUnreached);
     layout.depth[0] = eEven;
+    layout.leafStarts.assign((N + 63) / 64, 0);
+    bool distinct = true;
+    uint64_t covered = 0;
     for (size_t n = 0; n < B; ++n)
     {
         const uint8_t depth = layout.depth[n];
@@ -48,6 +68,20 @@ bool layOut(const kxGenericBVH& bvh, Layout& layout)
         if (isLeaf(node))
         {
             layout.groupCount += groupsFor(node.count);
+            if (markLeafStarts && fillsGroups(node.count))
+            {
+                const uint32_t offset = node.offset & kxGNode::eIndexMask;
+                if (offset < N && node.count <= N - offset)
+                {
+                    uint64_t& word = layout.leafStarts[offset >> 6];
+                    const uint64_t bit = uint64_t(1) << (offset & 63);
+                    distinct = distinct && !(word & bit);
+                    word |= bit;
+                }
+                else
+                    distinct = false;
+                covered += node.count;
+            }
             continue;
         }
         layout.nodeCount += depth == eEven;
@@ -58,15 +92,17 @@ bool layOut(const kxGenericBVH& bvh, Layout& layout)
             layout.depth[child] = depth == eEven ? eOdd : eEven;
         }
     }
+    layout.mayTile = distinct && covered == N && N > 0 && N < kNone && (layout.leafStarts[0] & 1);
     return true;
 }
 
-// Writes the collapse in one forward sweep over the binary records. A record's number
-// (four-wide node or first group) is the count of those before it, and its slot in its
-// four-wide parent, numbered earlier, was handed down to it. Groups come out front to
-// back and nodes nearly so. Leaves wait in a short queue before their groups are written,
-// and their data is prefetched on the way through it: the primitive numbers when they
-// join, the index triples those name a few leaves later, then the vertices.
+// Writes the collapse in one forward sweep over the binary records, then the leaves'
+// groups. A record's number (four-wide node or first group) is the count of those before
+// it, and its slot in its four-wide parent, numbered earlier, was handed down to it. Nodes
+// come out nearly in order. When the leaves tile the primitive positions, as every
+// builder's do, their groups are written in position order; otherwise in record order,
+// each leaf waiting in a short queue while its data is prefetched: the primitive numbers
+// when it joins, the index triples those name a few leaves later, then the vertices.
 class ForwardCollapse
 {
 public:
@@ -77,8 +113,20 @@ public:
           mCorners(mesh.GetIndexBuffer()->GetData()), mNodes(nodes), mVertices(vertices), mEquations(equations),
           mIndices(indices),
           mLastVertex(static_cast<uint32_t>(std::max(mesh.GetVertexBuffer()->GetVertexQuantity(), 1) - 1)),
-          mNodeCount(layout.nodeCount), mSlot(new uint32_t[bvh.mNodes.size()])
+          mNodeCount(layout.nodeCount), mSlot(new uint32_t[bvh.mNodes.size()]),
+          mStarts(layout.leafStarts.data()), mStartWords(static_cast<uint32_t>(layout.leafStarts.size())),
+          mPositionCount(static_cast<uint32_t>(bvh.mPrimitiveIndices.size())), mTiled(layout.mayTile && indices)
     {
+        if (!mTiled)
+            return;
+        mRankBase.reset(new uint32_t[mStartWords]);
+        uint32_t leaves = 0;
+        for (uint32_t w = 0; w < mStartWords; ++w)
+        {
+            mRankBase[w] = leaves;
+            leaves += bitCount(mStarts[w]);
+        }
+        mLeafGroup.reset(new uint32_t[leaves]);
     }
 
     void run()
@@ -95,8 +143,8 @@ public:
             {
                 if (n != 0)
                     fillSlot(n, groupCount, groupsFor(binary.count), depth == eOdd);
-                if (mIndices && fillsGroups(binary.count))
-                    enqueue(binary, groupCount);
+                if (mTiled && fillsGroups(binary.count))
+                    noteLeaf(binary, groupCount);
                 groupCount += groupsFor(binary.count);
                 continue;
             }
@@ -115,8 +163,12 @@ public:
             mSlot[leftChild(binary)] = childSlot;
             mSlot[rightChild(binary)] = childSlot + step;
         }
-        for (uint32_t i = mQueued > kQueue ? mQueued - kQueue : 0; i < mQueued; ++i)
-            fillLeaf(mQueue[i % kQueueMax]);
+        if (!mIndices)
+            return;
+        if (mTiled)
+            fillInPositionOrder();
+        else
+            fillInRecordOrder();
         streamFence();
     }
 
@@ -147,6 +199,10 @@ private:
     // Four-wide nodes have their slots filled nearly in order: filling one fetches the
     // lines of the node this many further on, so that its first write does not wait.
     static constexpr uint32_t kNodesAhead = 8;
+    // Positions ahead of the one being filled whose index triples, and whose vertices, are
+    // prefetched when the leaves are read in position order.
+    static constexpr uint32_t kCornersAhead = 64;
+    static constexpr uint32_t kPositionsAhead = 32;
 
     // Inlined by force, as the prefetches below: GCC takes a function that only prefetches
     // for one without effects and drops the calls to it.
@@ -181,6 +237,75 @@ private:
             prefetch(mPositions + 3 * static_cast<size_t>(corners[1]));
             prefetch(mPositions + 3 * static_cast<size_t>(corners[2]));
         }
+    }
+
+    bool startsLeaf(uint64_t position) const
+    {
+        return (mStarts[position >> 6] >> (position & 63)) & 1;
+    }
+
+    // Hands the leaf's first group to its place in position order, or gives that order up
+    // when the leaf does not end where another starts.
+    void noteLeaf(const kxGNode& leaf, uint32_t firstGroup)
+    {
+        const uint32_t offset = leaf.offset & kxGNode::eIndexMask;
+        const uint64_t end = uint64_t(offset) + leaf.count;
+        if (end != mPositionCount && !startsLeaf(end))
+        {
+            mTiled = false;
+            return;
+        }
+        const uint64_t below = mStarts[offset >> 6] & ((uint64_t(1) << (offset & 63)) - 1);
+        mLeafGroup[mRankBase[offset >> 6] + bitCount(below)] = firstGroup;
+    }
+
+    void fillInRecordOrder()
+    {
+        const uint32_t B = static_cast<uint32_t>(mBVH.mNodes.size());
+        uint32_t groupCount = 0;
+        for (uint32_t n = 0; n < B; ++n)
+        {
+            const kxGNode& binary = mBVH.mNodes[n];
+            if (mDepth[n] == eUnreached || !isLeaf(binary))
+                continue;
+            if (fillsGroups(binary.count))
+                enqueue(binary, groupCount);
+            groupCount += groupsFor(binary.count);
+        }
+        for (uint32_t i = mQueued > kQueue ? mQueued - kQueue : 0; i < mQueued; ++i)
+            fillLeaf(mQueue[i % kQueueMax]);
+    }
+
+    // The leaves tile the primitive positions: read them in that order, which reads the
+    // primitive numbers once from front to back and meets neighbouring triangles together.
+    void fillInPositionOrder()
+    {
+        const uint32_t* primitives = mBVH.mPrimitiveIndices.data();
+        uint32_t leaf = 0, start = 0, cornersAt = 0, positionsAt = 0;
+        auto fillUpTo = [&](uint32_t end) {
+            const uint32_t corners = std::min(end + kCornersAhead, mPositionCount);
+            for (; cornersAt < corners; ++cornersAt)
+                prefetch(mCorners + 3 * static_cast<size_t>(primitives[cornersAt]));
+            const uint32_t positions = std::min(end + kPositionsAhead, mPositionCount);
+            for (; positionsAt < positions; ++positionsAt)
+            {
+                const unsigned int* c = mCorners + 3 * static_cast<size_t>(primitives[positionsAt]);
+                prefetch(mPositions + 3 * static_cast<size_t>(c[0]));
+                prefetch(mPositions + 3 * static_cast<size_t>(c[1]));
+                prefetch(mPositions + 3 * static_cast<size_t>(c[2]));
+            }
+            fillLeaf({primitives + start, end - start, mLeafGroup[leaf++]});
+            start = end;
+        };
+        for (uint32_t w = 0; w < mStartWords; ++w)
+        {
+            uint64_t bits = mStarts[w];
+            if (w == 0)
+                bits &= bits - 1;
+            for (; bits; bits &= bits - 1)
+                fillUpTo(64 * w + static_cast<uint32_t>(__builtin_ctzll(bits)));
+        }
+        fillUpTo(mPositionCount);
     }
 
     // Record n's box, child and count in the slot handed down to it; a leaf child of a
@@ -288,6 +413,14 @@ private:
     std::unique_ptr<uint32_t[]> mSlot;
     QueuedLeaf mQueue[kQueueMax];
     uint32_t mQueued = 0;
+    const uint64_t* mStarts;
+    uint32_t mStartWords;
+    uint32_t mPositionCount;
+    bool mTiled;
+    /// Per word of mStarts: the leaves that start before it.
+    std::unique_ptr<uint32_t[]> mRankBase;
+    /// Per leaf with groups, in position order: its first group.
+    std::unique_ptr<uint32_t[]> mLeafGroup;
 };
 } // namespace
 
@@ -302,7 +435,7 @@ void kxQBVH::buildFromBVH(tQBVHDataFlags flags, const kxGenericBVH& bvh, const k
     bool laidOut;
     {
         Layout layout;
-        laidOut = layOut(bvh, layout);
+        laidOut = layOut(bvh, flags & (eTrianglesVertices | eTrianglesEquations), layout);
         if (laidOut)
         {
             allocate(flags, layout.nodeCount, layout.groupCount);

@@ -180,7 +180,7 @@ TEST(QBVHCollapse, MatchesThePlainCollapseWordForWordForEveryBuilderRecordOrderA
     }
 }
 
-TEST(QBVHCollapse, LeafRootsAndEmptyOrOversizedLeavesMatchThePlainCollapse)
+TEST(QBVHCollapse, LeafRootsOddLeavesAndLeavesThatDoNotTileMatchThePlainCollapse)
 {
     std::mt19937 rng(14);
     const auto mesh = randomSoup(rng, 40);
@@ -202,6 +202,23 @@ TEST(QBVHCollapse, LeafRootsAndEmptyOrOversizedLeavesMatchThePlainCollapse)
         trees.push_back(bvh);
     }
     trees.push_back(leafTree({box, box}, {0, 9}));
+    // Leaves over the primitive positions in another order than their records', and
+    // leaves that do not tile the positions: one ending inside another, two starting
+    // together, a position no leaf covers.
+    const kxGenericBVH tiled = leafTree({box, box, box, box}, {3, 3, 3, 3});
+    const auto moved = [&tiled](uint32_t leaf, uint32_t offset) {
+        kxGenericBVH bvh = tiled;
+        bvh.mNodes[3 + leaf].offset = offset | kxGNode::eLeafMark;
+        return bvh;
+    };
+    kxGenericBVH reversed = tiled;
+    for (uint32_t leaf = 0; leaf < 4; ++leaf)
+        reversed.mNodes[3 + leaf].offset = (9 - 3 * leaf) | kxGNode::eLeafMark;
+    trees.push_back(reversed);
+    trees.push_back(moved(3, 8));
+    trees.push_back(moved(2, 0));
+    trees.push_back(tiled);
+    trees.back().mPrimitiveIndices.push_back(7);
     for (const kxGenericBVH& bvh : trees)
         for (unsigned int flags = 0; flags < 4; ++flags)
         {
