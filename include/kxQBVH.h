@@ -128,10 +128,12 @@ public:
     /// intersectRay for `count` rays at once: ray i runs from origins[i] along directions[i]
     /// in [tMin[i], t[i]]; t[i], barycentric[i] and triangle[i] change as intersectRay
     /// changes them, and hit[i] is its answer, bit for bit. On hierarchies larger than the
-    /// last-level cache (24 MiB of nodes and equations), and from 12 MiB on when neighbouring
-    /// rays neither share an origin nor run parallel, eight rays are walked in turn, so that
-    /// one ray's waits on memory overlap the others' work (up to 1.5 times the speed of one
-    /// call per ray); otherwise the rays go one after another. Without
+    /// last-level cache (24 MiB of nodes and equations), from 12 MiB on when neighbouring
+    /// rays neither share an origin nor run parallel, and from 4 MiB on when they do not
+    /// even start in the same region heading the same way (random rays in random order),
+    /// eight rays are walked in turn, so that one ray's waits on memory overlap the others'
+    /// work (up to 1.5 times the speed of one call per ray); otherwise the rays go one after
+    /// another. Without
     /// eTrianglesEquations: one error line at level 2, every hit[i] false, nothing else
     /// written. Thread-safe, allocation-free.
     void intersectRays(unsigned int count, const Wm4::Vector3<float>* origins,

@@ -3,6 +3,7 @@
 #include "kxQBVHRayKernels.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 using namespace kxSimd;
@@ -429,36 +430,54 @@ bool kxQBVH::intersectRaySymmetric(const Wm4::Vector3<float>& origin, const Wm4:
     return query(*this, origin, direction, SymmetricRule{}, t, barycentric, triangle);
 }
 
-bool kxQBVHRay::coherent(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
-                         const Wm4::Vector3<float>* directions)
+kxQBVHRay::RayOrder kxQBVHRay::rayOrder(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+                                        const Wm4::Vector3<float>* directions)
 {
     if (count < 2)
-        return true;
+        return RayOrder::eCoherent;
     const kxBBox& box = qbvh.getBBox();
     const Wm4::Vector3<float> extent(box.max[0] - box.min[0], box.max[1] - box.min[1], box.max[2] - box.min[2]);
     // Within a hundredth of the diagonal, or within about 25 degrees.
     const float close = 1e-4f * extent.SquaredLength();
+    const Wm4::Vector3<float> quarter = 0.25f * extent;
+    const auto octant = [](const Wm4::Vector3<float>& d) {
+        return int(d[0] < 0.0f) | (int(d[1] < 0.0f) << 1) | (int(d[2] < 0.0f) << 2);
+    };
     const unsigned int samples = std::min(count - 1, 32u), step = (count - 1) / samples;
-    unsigned int together = 0;
+    unsigned int together = 0, nearby = 0;
     for (unsigned int s = 0; s < samples; ++s)
     {
         const unsigned int i = s * step;
         const Wm4::Vector3<float>&da = directions[i], &db = directions[i + 1];
+        const Wm4::Vector3<float> apart = origins[i] - origins[i + 1];
         const float dot = da.Dot(db);
         const bool parallel = dot > 0.0f && dot * dot >= 0.81f * da.SquaredLength() * db.SquaredLength();
-        together += parallel || (origins[i] - origins[i + 1]).SquaredLength() <= close;
+        if (parallel || apart.SquaredLength() <= close)
+            ++together;
+        else
+            nearby += std::fabs(apart[0]) <= quarter[0] && std::fabs(apart[1]) <= quarter[1] &&
+                      std::fabs(apart[2]) <= quarter[2] && octant(da) == octant(db);
     }
-    return 2 * together >= samples;
+    if (2 * together >= samples)
+        return RayOrder::eCoherent;
+    return 2 * (together + nearby) >= samples ? RayOrder::eLocal : RayOrder::eScattered;
 }
 
 kxQBVHRay::BatchWalk kxQBVHRay::batchWalk(const kxQBVH& qbvh, bool occlusion, unsigned int count,
                                           const Wm4::Vector3<float>* origins, const Wm4::Vector3<float>* directions)
 {
-    constexpr double kBeyondTheCaches = 24.0 * 1024 * 1024, kWithinTheCaches = 12.0 * 1024 * 1024;
+    constexpr double kBeyondTheCaches = 24.0 * 1024 * 1024, kWithinTheCaches = 12.0 * 1024 * 1024,
+                     kBeyondOneCore = 4.0 * 1024 * 1024;
     const double bytes = sizeof(kxQBVH::tQBVHNode) * static_cast<double>(qbvh.getNodeCount()) +
                          sizeof(kxQBVH::tSOATriangleEquations) * static_cast<double>(qbvh.getGroupCount());
-    if (bytes >= kBeyondTheCaches || (bytes >= kWithinTheCaches && !coherent(qbvh, count, origins, directions)))
+    if (bytes >= kBeyondTheCaches)
         return BatchWalk::eInterleaved;
+    if (bytes >= kBeyondOneCore)
+    {
+        const RayOrder order = rayOrder(qbvh, count, origins, directions);
+        if (order == RayOrder::eScattered || (order == RayOrder::eLocal && bytes >= kWithinTheCaches))
+            return BatchWalk::eInterleaved;
+    }
     return occlusion ? BatchWalk::ePackets : BatchWalk::eOneByOne;
 }
 

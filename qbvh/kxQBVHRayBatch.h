@@ -16,20 +16,31 @@ enum class BatchWalk
     eInterleaved ///< eight walks taken in turn, one visit each
 };
 
-/// Whether most sampled neighbours of a batch leave nearly the same point (within a
-/// hundredth of the hierarchy's diagonal) or run nearly parallel (within about 25
-/// degrees): camera, shadow and hemisphere rays do, random rays do not.
-bool coherent(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
-              const Wm4::Vector3<float>* directions);
+/// How the rays of a batch follow each other, judged from sampled neighbours.
+enum class RayOrder
+{
+    eCoherent, ///< most leave nearly the same point (within a hundredth of the hierarchy's
+               ///< diagonal) or run nearly parallel (within about 25 degrees): camera,
+               ///< shadow and hemisphere rays
+    eLocal,    ///< most of the others start within a quarter of the box along every axis
+               ///< and point into the same octant: rays sorted by place, as the Python
+               ///< module sorts them
+    eScattered ///< random rays in random order
+};
+
+RayOrder rayOrder(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<float>* origins,
+                  const Wm4::Vector3<float>* directions);
 
 /// The way the batch queries take, by the size of the hierarchy (nodes and equations) and
-/// the coherence of the rays. Beyond the last-level cache of common machines (24 MiB),
-/// and from 12 MiB on for incoherent rays, walks wait on memory and are interleaved
-/// (measured 1.0 to 2.1 times one call per ray there). Below 12 MiB, interleaving gained
-/// up to 1.15 times on rays in random order but lost up to 0.85 times on rays sorted by
-/// place, as the Python module sorts them. Otherwise occlusion walks packets (1.3 to 1.5
-/// times on coherent rays, 0.97 to 1.10 on incoherent ones) and the nearest hit one ray
-/// after another (interleaving measured 0.5 to 0.9 times on coherent rays).
+/// the order of the rays. Walks that wait on memory are interleaved: beyond the last-level
+/// cache of common machines (24 MiB); from 12 MiB on for rays that are not coherent
+/// (measured 1.0 to 2.1 times one call per ray there); and from 4 MiB on for scattered
+/// rays, whose walks share nothing with the walk before (1.15 to 1.45 times packets for
+/// occlusion and 1.05 to 1.35 times one by one for the nearest hit between 4 and 12 MiB;
+/// below 4 MiB 0.8 to 1.07). Local rays below 12 MiB find what the walk before them
+/// fetched, and lose up to 0.85 times when interleaved. Otherwise occlusion walks packets
+/// (1.3 to 1.5 times on coherent rays) and the nearest hit one ray after another
+/// (interleaving measured 0.5 to 0.9 times on coherent rays).
 BatchWalk batchWalk(const kxQBVH& qbvh, bool occlusion, unsigned int count, const Wm4::Vector3<float>* origins,
                     const Wm4::Vector3<float>* directions);
 

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -302,7 +303,7 @@ TEST(QBVHAnyHit, WithoutEquationsItAnswersFalseAndLogsTheRayQueriesLine)
     }
 }
 
-TEST(QBVHRayBatches, CameraShadowAndHemisphereRaysCountAsCoherentAndRandomOrBrokenRaysDoNot)
+TEST(QBVHRayBatches, RaysAreJudgedCoherentLocalOrScatteredAsTheyFollowEachOther)
 {
     std::mt19937 rng(11);
     const auto mesh = randomSoup(rng, 200);
@@ -315,23 +316,41 @@ TEST(QBVHRayBatches, CameraShadowAndHemisphereRaysCountAsCoherentAndRandomOrBrok
                   box.min[2] + unit(rng) * (box.max[2] - box.min[2]));
     };
     const auto randomDirection = [&] { return V3(signedUnit(rng), signedUnit(rng), signedUnit(rng)); };
-    const size_t n = 500;
+    const size_t n = 5000;
     std::vector<V3> eye(n, V3(0, 0, -50)), toward(n), from(n), light(n, V3(0.3f, 1.0f, 0.2f)), random(n), spread(n),
             broken(n, V3(kNaN, 0, 0));
     for (size_t i = 0; i < n; ++i)
     {
         toward[i] = inBox() - eye[i];
-        from[i] = V3(box.min[0] + 0.001f * i, box.min[1], box.min[2]); // neighbouring surface points
+        from[i] = V3(box.min[0] + 0.0001f * i, box.min[1], box.min[2]); // neighbouring surface points
         random[i] = randomDirection();
         spread[i] = inBox();
     }
-    const auto coherent = [&](const std::vector<V3>& o, const std::vector<V3>& d, size_t count) {
-        return kxQBVHRay::coherent(qbvh, static_cast<unsigned int>(count), o.data(), d.data());
+    // The random rays sorted as the Python module sorts them: by a cell of a 4 x 4 x 4 grid
+    // over the box and the octant of their direction, about ten to a cell and octant.
+    std::vector<size_t> byPlace(n);
+    for (size_t i = 0; i < n; ++i)
+        byPlace[i] = i;
+    const auto key = [&](size_t i) {
+        int cell = 0;
+        for (int a = 0; a < 3; ++a)
+            cell = 4 * cell + std::min(3, int(4.0f * (spread[i][a] - box.min[a]) / (box.max[a] - box.min[a])));
+        return 8 * cell + 4 * (random[i][0] < 0) + 2 * (random[i][1] < 0) + (random[i][2] < 0);
     };
-    EXPECT_TRUE(coherent(eye, toward, n));     // a camera: one origin
-    EXPECT_TRUE(coherent(from, light, n));     // shadow rays: one direction
-    EXPECT_TRUE(coherent(eye, random, n));     // a hemisphere: one origin
-    EXPECT_FALSE(coherent(spread, random, n)); // anywhere, any way
-    EXPECT_FALSE(coherent(broken, broken, n)); // NaN travels with nothing
-    EXPECT_TRUE(coherent(spread, random, 1));  // one ray alone
+    std::stable_sort(byPlace.begin(), byPlace.end(), [&](size_t a, size_t b) { return key(a) < key(b); });
+    std::vector<V3> sortedFrom(n), sortedWay(n);
+    for (size_t i = 0; i < n; ++i)
+        sortedFrom[i] = spread[byPlace[i]], sortedWay[i] = random[byPlace[i]];
+
+    using kxQBVHRay::RayOrder;
+    const auto order = [&](const std::vector<V3>& o, const std::vector<V3>& d, size_t count) {
+        return kxQBVHRay::rayOrder(qbvh, static_cast<unsigned int>(count), o.data(), d.data());
+    };
+    EXPECT_EQ(order(eye, toward, n), RayOrder::eCoherent);          // a camera: one origin
+    EXPECT_EQ(order(from, light, n), RayOrder::eCoherent);          // shadow rays: one direction
+    EXPECT_EQ(order(eye, random, n), RayOrder::eCoherent);          // a hemisphere: one origin
+    EXPECT_EQ(order(sortedFrom, sortedWay, n), RayOrder::eLocal);   // random rays sorted by place
+    EXPECT_EQ(order(spread, random, n), RayOrder::eScattered);      // anywhere, any way
+    EXPECT_EQ(order(broken, broken, n), RayOrder::eScattered);      // NaN travels with nothing
+    EXPECT_EQ(order(spread, random, 1), RayOrder::eCoherent);       // one ray alone
 }
