@@ -132,10 +132,9 @@ public:
     /// rays neither share an origin nor run parallel, and from 4 MiB on when they do not
     /// even start in the same region heading the same way (random rays in random order),
     /// eight rays are walked in turn, so that one ray's waits on memory overlap the others'
-    /// work (up to 1.5 times the speed of one call per ray); otherwise the rays go one after
-    /// another. Without
-    /// eTrianglesEquations: one error line at level 2, every hit[i] false, nothing else
-    /// written. Thread-safe, allocation-free.
+    /// work (up to about twice the speed of one call per ray); otherwise the rays go one
+    /// after another. Without eTrianglesEquations: one error line at level 2, every hit[i]
+    /// false, nothing else written. Thread-safe, allocation-free.
     void intersectRays(unsigned int count, const Wm4::Vector3<float>* origins,
                        const Wm4::Vector3<float>* directions, const float* tMin, float* t,
                        Wm4::Vector2<float>* barycentric, unsigned int* triangle, bool* hit,
