@@ -35,10 +35,10 @@ RayOrder rayOrder(const kxQBVH& qbvh, unsigned int count, const Wm4::Vector3<flo
 /// the order of the rays. Walks that wait on memory are interleaved: beyond the last-level
 /// cache of common machines (24 MiB); from 12 MiB on for rays that are not coherent
 /// (measured 1.0 to 2.1 times one call per ray there); and from 4 MiB on for scattered
-/// rays, whose walks share nothing with the walk before (1.15 to 1.45 times packets for
-/// occlusion and 1.05 to 1.35 times one by one for the nearest hit between 4 and 12 MiB;
+/// rays, whose walks share nothing with the walk before (1.15 to 1.43 times packets for
+/// occlusion and 1.06 to 1.36 times one by one for the nearest hit between 4 and 12 MiB;
 /// below 4 MiB 0.8 to 1.07). Local rays below 12 MiB find what the walk before them
-/// fetched, and lose up to 0.85 times when interleaved. Otherwise occlusion walks packets
+/// fetched, and lose up to 0.86 times when interleaved. Otherwise occlusion walks packets
 /// (1.3 to 1.5 times on coherent rays) and the nearest hit one ray after another
 /// (interleaving measured 0.5 to 0.9 times on coherent rays).
 BatchWalk batchWalk(const kxQBVH& qbvh, bool occlusion, unsigned int count, const Wm4::Vector3<float>* origins,
