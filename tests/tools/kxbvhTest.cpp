@@ -529,6 +529,67 @@ TEST(KxbvhInfo, MeshesOfAFileAreMergedWithTheirNodeTransforms)
                          "linear", 4);
 }
 
+TEST(KxbvhInfo, ABinaryGltfIsReadWholeAndOneDeclaringMoreBytesThanItHoldsIsRejectedInOneLine)
+{
+    TempDir dir;
+    std::mt19937 rng(5);
+    const auto mesh = kxtest::randomSoup(rng, 60);
+    const kx::kxVertexBuffer& vertices = *mesh->GetVertexBuffer();
+    const int vertexCount = vertices.GetVertexQuantity(), indexCount = mesh->GetIndexBuffer()->GetIndexQuantity();
+    std::string bin(reinterpret_cast<const char*>(&vertices.Position3(0)[0]), size_t(vertexCount) * 12);
+    bin.append(reinterpret_cast<const char*>(mesh->GetIndexBuffer()->GetData()), size_t(indexCount) * 4);
+    const json gltf = {
+        {"asset", {{"version", "2.0"}}},
+        {"scene", 0},
+        {"scenes", {{{"nodes", {0}}}}},
+        {"nodes", {{{"mesh", 0}}}},
+        {"meshes", {{{"primitives", {{{"attributes", {{"POSITION", 0}}}, {"indices", 1}}}}}}},
+        {"buffers", {{{"byteLength", bin.size()}}}},
+        {"bufferViews",
+         {{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", vertexCount * 12}},
+          {{"buffer", 0}, {"byteOffset", vertexCount * 12}, {"byteLength", indexCount * 4}}}},
+        {"accessors",
+         {{{"bufferView", 0}, {"componentType", 5126}, {"count", vertexCount}, {"type", "VEC3"}},
+          {{"bufferView", 1}, {"componentType", 5125}, {"count", indexCount}, {"type", "SCALAR"}}}}};
+    std::string text = gltf.dump();
+    text.append((4 - text.size() % 4) % 4, ' ');
+    auto word = [](uint64_t value) {
+        std::string bytes(4, '\0');
+        for (int i = 0; i < 4; ++i)
+            bytes[i] = char(value >> (8 * i) & 0xFF);
+        return bytes;
+    };
+    // Magic, version, length; a JSON chunk and a binary chunk, each behind its length and kind.
+    auto glb = [&](uint64_t total, uint64_t jsonLength, uint64_t binLength) {
+        return "glTF" + word(2) + word(total) + word(jsonLength) + "JSON" + text + word(binLength) + "BIN" +
+               std::string(1, '\0') + bin;
+    };
+    const uint64_t size = 12 + 8 + text.size() + 8 + bin.size();
+    writeText(dir.file("whole.glb"), glb(size, text.size(), bin.size()));
+    expectLibraryFigures(infoJson({"info", dir.file("whole.glb"), "--json"}), *mesh, "linear", 4);
+
+    // Each declares a gigabyte or more that the file does not hold; assimp would allocate it.
+    const struct
+    {
+        const char* name;
+        const char* reason;
+        std::string content;
+    } cases[] = {
+        {"total.glb", "declares 4,294,967,295 bytes in all, but the file has", glb(0xFFFFFFFFu, text.size(), bin.size())},
+        {"json.glb", "its scene declares 1,073,742,280 bytes, but only", glb(size, 0x400001C8u, bin.size())},
+        {"bin.glb", "its binary chunk declares 3,000,000,000 bytes, but only", glb(size, text.size(), 3000000000u)},
+        {"short.glb", "declares 19 bytes in all, fewer than the header itself", glb(19, text.size(), bin.size())}};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        const std::string file = dir.file(c.name);
+        writeText(file, c.content);
+        const ToolResult run = runTool({"info", file});
+        expectOneErrorLine(run, 2, file, c.reason);
+        EXPECT_LT(run.peakBytes, uint64_t(512) << 20);
+    }
+}
+
 TEST(KxbvhInfo, EveryFileFormatBuilderAndLeafSizeGivesTheLibrarysFigures)
 {
     TempDir dir;

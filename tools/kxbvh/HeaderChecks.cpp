@@ -299,4 +299,47 @@ void checkOffHeader(const std::string& path, uint64_t fileSize)
                           " faces, at least " + groupDigits(needed) +
                           " bytes, but only " + groupDigits(remaining) + " follow it");
 }
+
+// ---- GLB
+
+namespace
+{
+uint32_t littleEndian32(const unsigned char* bytes)
+{
+    return uint32_t(bytes[0]) | uint32_t(bytes[1]) << 8 | uint32_t(bytes[2]) << 16 | uint32_t(bytes[3]) << 24;
+}
+} // namespace
+
+void checkGlbHeader(const std::string& path, uint64_t fileSize)
+{
+    // Both versions: magic, version, total length, then the length of the JSON scene that
+    // follows the first 20 bytes; version 2 puts a binary chunk of its own length after it.
+    std::ifstream file(path, std::ios::binary);
+    unsigned char header[20];
+    if (!file.read(reinterpret_cast<char*>(header), sizeof header) || std::string(header, header + 4) != "glTF")
+        return;
+    const uint64_t total = littleEndian32(header + 8);
+    const uint64_t scene = littleEndian32(header + 12);
+    if (total < sizeof header)
+        throw invalid(path, "GLB",
+                      "its header declares " + groupDigits(total) + " bytes in all, fewer than the header itself");
+    if (total > fileSize)
+        throw invalid(path, "GLB",
+                      "its header declares " + groupDigits(total) + " bytes in all, but the file has " +
+                          groupDigits(fileSize));
+    if (scene > total - sizeof header)
+        throw invalid(path, "GLB",
+                      "its scene declares " + groupDigits(scene) + " bytes, but only " +
+                          groupDigits(total - sizeof header) + " follow it");
+    const uint64_t binary = sizeof header + ((scene + 3) & ~uint64_t(3));
+    unsigned char chunk[4];
+    if (littleEndian32(header + 4) != 2 || binary + 8 > total || !file.seekg(std::streamoff(binary)) ||
+        !file.read(reinterpret_cast<char*>(chunk), sizeof chunk))
+        return;
+    const uint64_t length = littleEndian32(chunk);
+    if (length > total - binary - 8)
+        throw invalid(path, "GLB",
+                      "its binary chunk declares " + groupDigits(length) + " bytes, but only " +
+                          groupDigits(total - binary - 8) + " follow it");
+}
 } // namespace kxbvh

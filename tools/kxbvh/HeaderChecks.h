@@ -20,6 +20,11 @@ void checkPlyHeader(const std::string& path, uint64_t fileSize);
 /// room for the vertices and faces its header declares: assimp allocates them all before
 /// reading one. Throws InputError naming the file.
 void checkOffHeader(const std::string& path, uint64_t fileSize);
+
+/// A binary glTF file (one starting with "glTF") must hold the bytes its header and
+/// chunks declare: assimp allocates each declared length before reading it. Throws
+/// InputError naming the file.
+void checkGlbHeader(const std::string& path, uint64_t fileSize);
 } // namespace kxbvh
 
 #endif

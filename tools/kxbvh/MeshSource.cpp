@@ -228,6 +228,7 @@ Mesh loadMeshFile(const std::string& path, const ReadOptions& options)
     const uint64_t fileSize = checkReadable(path);
     checkPlyHeader(path, fileSize);
     checkOffHeader(path, fileSize);
+    checkGlbHeader(path, fileSize);
     Assimp::Importer importer;
     importer.SetProgressHandler(new InterruptibleImport);
     importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, kDroppedPrimitives);
@@ -305,6 +306,7 @@ std::vector<Wm4::Vector3<float>> loadPointFile(const std::string& path, const Re
     const uint64_t fileSize = checkReadable(path);
     checkPlyHeader(path, fileSize);
     checkOffHeader(path, fileSize);
+    checkGlbHeader(path, fileSize);
     std::vector<Wm4::Vector3<float>> points;
     {
         Progress progress("reading " + path);
