@@ -8,7 +8,8 @@
 # Each target starts from its committed seed corpus (fuzz/corpus/<target>) and from what
 # earlier runs found (build-fuzz/fuzz/work/<target>/corpus, never committed). An input
 # that crashes, leaks, breaks a check, runs over 20 s or allocates more than 1 GB is
-# written to build-fuzz/fuzz/work/<target>/ and the run fails; replay it with
+# written to build-fuzz/fuzz/work/<target>/ and the run fails (kxFuzzMeshReading lets
+# memory run out, as fuzz/kxFuzzMeshReading.flags explains); replay it with
 # build-fuzz/fuzz/<target> <file>.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -53,13 +54,20 @@ for t in "${targets[@]}"; do
   if [ -f "fuzz/$t.supp" ]; then
     lsan="${lsan:+$lsan:}suppressions=$PWD/fuzz/$t.supp"
   fi
+  # A target's own flags (fuzz/<target>.flags) say why it needs them.
+  flags=()
+  if [ -f "fuzz/$t.flags" ]; then
+    read -r -a flags <<<"$(grep -v '^#' "fuzz/$t.flags" | tr '\n' ' ')"
+  fi
   # kxbvh's reader sends standard error to /dev/null while assimp runs; -close_fd_mask=2
   # keeps libFuzzer's and the sanitizers' reports on a copy of it.
   LSAN_OPTIONS=$lsan build-fuzz/fuzz/"$t" -max_total_time="$seconds" -rss_limit_mb=2048 -malloc_limit_mb=1024 -timeout=20 \
-    -close_fd_mask=2 \
+    -close_fd_mask=2 "${flags[@]}" \
     -print_final_stats=1 -artifact_prefix="$work/" "$work/corpus" "fuzz/corpus/$t" >"$work/fuzz.log" 2>&1
   status=$?
-  runs=$(grep -oE 'stat::number_of_executed_units: *[0-9]+' "$work/fuzz.log" | grep -oE '[0-9]+$')
+  # A forked run counts its runs on its progress lines ("#445: cov: ...").
+  runs=$( (grep -oE 'stat::number_of_executed_units: *[0-9]+' "$work/fuzz.log" || grep -oE '^#[0-9]+:' "$work/fuzz.log") |
+    tail -n 1 | grep -oE '[0-9]+')
   inputs=$(find "$work/corpus" -type f | wc -l)
   if [ "$status" -eq 0 ]; then
     echo "   ok: ${runs:-?} runs, $inputs inputs of its own in the corpus"
