@@ -143,4 +143,22 @@ kx::kxPointer<kx::kxTriMesh> loadMeshFile(const std::string& path)
     return new kx::kxTriMesh(vertices, index);
 }
 #endif
+
+bool addMeshFiles(int argc, char** argv, std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>>& meshes)
+{
+    for (int i = 1; i < argc; ++i)
+    {
+        const std::string path = argv[i];
+#ifdef KX_BENCH_WITH_ASSIMP
+        const kx::kxPointer<kx::kxTriMesh> mesh = loadMeshFile(path);
+#else
+        const kx::kxPointer<kx::kxTriMesh> mesh;
+        std::fprintf(stderr, "built without assimp: %s is not read\n", path.c_str());
+#endif
+        if (!mesh)
+            return false;
+        meshes.emplace_back(path.substr(path.find_last_of('/') + 1), mesh);
+    }
+    return true;
+}
 } // namespace kxBench

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kxBench
@@ -33,6 +34,10 @@ std::vector<float> paddedPositions(const kx::kxTriMesh& mesh);
 /// standard error) when it cannot be read or holds no triangles.
 kx::kxPointer<kx::kxTriMesh> loadMeshFile(const std::string& path);
 #endif
+
+/// Adds the meshes named by argv[1..argc), each under its file name. False, after a line
+/// on standard error, when one cannot be read (or the benchmarks were built without assimp).
+bool addMeshFiles(int argc, char** argv, std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>>& meshes);
 } // namespace kxBench
 
 #endif

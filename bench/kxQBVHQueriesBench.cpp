@@ -503,16 +503,8 @@ int main(int argc, char** argv)
 
     std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>> meshes = {
         {"land1M", kxBench::makeLandscape(1000000)}};
-    for (int i = 1; i < argc; ++i)
-    {
-#ifdef KX_BENCH_WITH_ASSIMP
-        const std::string path = argv[i];
-        if (kx::kxPointer<kx::kxTriMesh> mesh = kxBench::loadMeshFile(path))
-            meshes.emplace_back(path.substr(path.find_last_of('/') + 1), mesh);
-#else
-        std::fprintf(stderr, "built without assimp: %s is not read\n", argv[i]);
-#endif
-    }
+    if (!kxBench::addMeshFiles(argc, argv, meshes))
+        return 2;
     const auto flags = kxQBVH::tQBVHDataFlags(kxQBVH::eTrianglesVertices | kxQBVH::eTrianglesEquations);
     for (auto& [name, mesh] : meshes)
     {
