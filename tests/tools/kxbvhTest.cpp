@@ -482,6 +482,33 @@ TEST(KxbvhErrors, CtrlCDuringABuildCancelsItWithStatus130)
     EXPECT_TRUE(run.out.empty()) << run.out;
 }
 
+/// A glTF document placing one mesh by each of `nodes`, its positions and 32-bit indices in
+/// buffer 0 (`buffer`, given its byteLength here); `bin` receives the buffer's bytes.
+json gltfOf(const kx::kxTriMesh& mesh, const json& nodes, json buffer, std::string& bin)
+{
+    const kx::kxVertexBuffer& vertices = *mesh.GetVertexBuffer();
+    const int vertexCount = vertices.GetVertexQuantity(), indexCount = mesh.GetIndexBuffer()->GetIndexQuantity();
+    const int positionBytes = vertexCount * 12;
+    bin.assign(reinterpret_cast<const char*>(&vertices.Position3(0)[0]), size_t(positionBytes));
+    bin.append(reinterpret_cast<const char*>(mesh.GetIndexBuffer()->GetData()), size_t(indexCount) * 4);
+    buffer["byteLength"] = bin.size();
+    json scene = json::array();
+    for (size_t i = 0; i < nodes.size(); ++i)
+        scene.push_back(i);
+    return {{"asset", {{"version", "2.0"}}},
+            {"scene", 0},
+            {"scenes", {{{"nodes", scene}}}},
+            {"nodes", nodes},
+            {"meshes", {{{"primitives", {{{"attributes", {{"POSITION", 0}}}, {"indices", 1}, {"mode", 4}}}}}}},
+            {"buffers", {buffer}},
+            {"bufferViews",
+             {{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", positionBytes}},
+              {{"buffer", 0}, {"byteOffset", positionBytes}, {"byteLength", indexCount * 4}}}},
+            {"accessors",
+             {{{"bufferView", 0}, {"componentType", 5126}, {"count", vertexCount}, {"type", "VEC3"}},
+              {{"bufferView", 1}, {"componentType", 5125}, {"count", indexCount}, {"type", "SCALAR"}}}}};
+}
+
 TEST(KxbvhInfo, MeshesOfAFileAreMergedWithTheirNodeTransforms)
 {
     // One mesh, in a .bin beside the glTF file, placed by two nodes: a translation and a
@@ -492,10 +519,6 @@ TEST(KxbvhInfo, MeshesOfAFileAreMergedWithTheirNodeTransforms)
     const kx::kxVertexBuffer& vertices = *mesh->GetVertexBuffer();
     const int vertexCount = vertices.GetVertexQuantity(), indexCount = mesh->GetIndexBuffer()->GetIndexQuantity();
     const float placements[2][4] = {{20.0f, 0.0f, -3.0f, 1.0f}, {0.0f, 1.0f, 0.0f, 2.0f}};
-    std::ofstream bin(dir.file("placed.bin"), std::ios::binary);
-    bin.write(reinterpret_cast<const char*>(&vertices.Position3(0)[0]), vertexCount * 12);
-    bin.write(reinterpret_cast<const char*>(mesh->GetIndexBuffer()->GetData()), indexCount * 4);
-    bin.close();
     std::vector<Wm4::Vector3<float>> positions;
     std::vector<unsigned int> indices;
     json nodes = json::array();
@@ -510,20 +533,9 @@ TEST(KxbvhInfo, MeshesOfAFileAreMergedWithTheirNodeTransforms)
             positions.emplace_back(q[0] * p[3] + p[0], q[1] * p[3] + p[1], q[2] * p[3] + p[2]);
         }
     }
-    const int positionBytes = vertexCount * 12;
-    const json gltf = {
-        {"asset", {{"version", "2.0"}}},
-        {"scene", 0},
-        {"scenes", {{{"nodes", {0, 1}}}}},
-        {"nodes", nodes},
-        {"meshes", {{{"primitives", {{{"attributes", {{"POSITION", 0}}}, {"indices", 1}, {"mode", 4}}}}}}},
-        {"buffers", {{{"uri", "placed.bin"}, {"byteLength", positionBytes + indexCount * 4}}}},
-        {"bufferViews",
-         {{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", positionBytes}},
-          {{"buffer", 0}, {"byteOffset", positionBytes}, {"byteLength", indexCount * 4}}}},
-        {"accessors",
-         {{{"bufferView", 0}, {"componentType", 5126}, {"count", vertexCount}, {"type", "VEC3"}},
-          {{"bufferView", 1}, {"componentType", 5125}, {"count", indexCount}, {"type", "SCALAR"}}}}};
+    std::string bin;
+    const json gltf = gltfOf(*mesh, nodes, {{"uri", "placed.bin"}}, bin);
+    writeText(dir.file("placed.bin"), bin);
     writeText(dir.file("placed.gltf"), gltf.dump());
     expectLibraryFigures(infoJson({"info", dir.file("placed.gltf"), "--json"}), *kxtest::makeMesh(positions, indices),
                          "linear", 4);
@@ -534,23 +546,8 @@ TEST(KxbvhInfo, ABinaryGltfIsReadWholeAndOneDeclaringMoreBytesThanItHoldsIsRejec
     TempDir dir;
     std::mt19937 rng(5);
     const auto mesh = kxtest::randomSoup(rng, 60);
-    const kx::kxVertexBuffer& vertices = *mesh->GetVertexBuffer();
-    const int vertexCount = vertices.GetVertexQuantity(), indexCount = mesh->GetIndexBuffer()->GetIndexQuantity();
-    std::string bin(reinterpret_cast<const char*>(&vertices.Position3(0)[0]), size_t(vertexCount) * 12);
-    bin.append(reinterpret_cast<const char*>(mesh->GetIndexBuffer()->GetData()), size_t(indexCount) * 4);
-    const json gltf = {
-        {"asset", {{"version", "2.0"}}},
-        {"scene", 0},
-        {"scenes", {{{"nodes", {0}}}}},
-        {"nodes", {{{"mesh", 0}}}},
-        {"meshes", {{{"primitives", {{{"attributes", {{"POSITION", 0}}}, {"indices", 1}}}}}}},
-        {"buffers", {{{"byteLength", bin.size()}}}},
-        {"bufferViews",
-         {{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", vertexCount * 12}},
-          {{"buffer", 0}, {"byteOffset", vertexCount * 12}, {"byteLength", indexCount * 4}}}},
-        {"accessors",
-         {{{"bufferView", 0}, {"componentType", 5126}, {"count", vertexCount}, {"type", "VEC3"}},
-          {{"bufferView", 1}, {"componentType", 5125}, {"count", indexCount}, {"type", "SCALAR"}}}}};
+    std::string bin;
+    const json gltf = gltfOf(*mesh, json::array({json{{"mesh", 0}}}), json::object(), bin);
     std::string text = gltf.dump();
     text.append((4 - text.size() % 4) % 4, ' ');
     auto word = [](uint64_t value) {
