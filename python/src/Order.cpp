@@ -1,6 +1,10 @@
 #include "Order.h"
 
+#include "Parallel.h"
+
+#include <algorithm>
 #include <initializer_list>
+#include <vector>
 
 namespace kxpy
 {
@@ -10,6 +14,10 @@ namespace
 // ones too, as the copy in key order takes 30 bytes a query.
 constexpr size_t kSmallestSorted = 1024;
 constexpr size_t kLargestSorted = size_t(1) << 24;
+// Rows per thread below which the sort stays on fewer threads, and at most this many
+// threads, as each keeps a count per key (32,768 keys for points).
+constexpr size_t kSmallestSlice = size_t(1) << 16;
+constexpr size_t kMostSlices = 64;
 // Cells per axis of the box, as powers of two, and for rays the octant of the direction.
 // Measured on real meshes with random rays, finer keys gain nothing more; a coarse key
 // sorts in one counting pass whose buckets stay in cache.
@@ -99,62 +107,78 @@ bool worthSorting(size_t count, const Key& key)
     return changes >= kSamples / 4;
 }
 
-/// The rows in the order of their keys (below 2^bits), equal keys in row order, by one
-/// counting pass, with each row's three floats of every source copied in that order too.
-/// Both empty when the batch is not worth sorting.
+/// The rows in the order of their keys (below 2^bits), equal keys in row order, by a
+/// counting sort split over up to `threads` threads, with each row's three floats of every
+/// source copied in that order too. Each thread counts and then places a slice of the rows;
+/// a slice's rows go after the earlier slices' rows of the same key, so the order is the
+/// one a single pass gives. Both null when the batch is not worth sorting.
 template <class Key>
-void sortRows(size_t count, int bits, const Key& key, std::initializer_list<const Rows*> sources,
-              std::vector<uint32_t>& order, std::vector<float>& inputs)
+void sortRows(size_t count, int bits, unsigned threads, const Key& key, std::initializer_list<const Rows*> sources,
+              std::unique_ptr<uint32_t[]>& order, std::unique_ptr<float[]>& inputs)
 {
     if (!worthSorting(count, key))
         return;
-    std::vector<uint16_t> keys(count);
-    std::vector<size_t> start((size_t(1) << bits) + 1, 0);
-    for (size_t i = 0; i < count; ++i)
-    {
-        keys[i] = static_cast<uint16_t>(key(i));
-        ++start[keys[i] + 1u];
-    }
-    for (size_t k = 1; k < start.size(); ++k)
-        start[k] += start[k - 1];
-    const size_t width = 3 * sources.size();
-    order.resize(count);
-    inputs.resize(count * width);
-    for (size_t i = 0; i < count; ++i)
-    {
-        const size_t k = start[keys[i]]++;
-        order[k] = static_cast<uint32_t>(i);
-        float* to = inputs.data() + k * width;
-        for (const Rows* source : sources)
+    const size_t buckets = size_t(1) << bits;
+    const size_t slices = std::max<size_t>(1, std::min({size_t{threads}, count / kSmallestSlice, kMostSlices}));
+    const size_t slice = (count + slices - 1) / slices;
+    // Left uninitialised: every element is written once, by the thread that owns its slice.
+    std::unique_ptr<uint16_t[]> keys(new uint16_t[count]);
+    std::vector<uint32_t> starts(slices * buckets, 0);
+    forEachBlock(count, threads, slice, [&](size_t begin, size_t end) {
+        uint32_t* counts = starts.data() + begin / slice * buckets;
+        for (size_t i = begin; i < end; ++i)
         {
-            const float* row = source->row(i);
-            for (int a = 0; a < 3; ++a)
-                *to++ = row[a];
+            keys[i] = static_cast<uint16_t>(key(i));
+            ++counts[keys[i]];
         }
-    }
+    });
+    uint32_t next = 0;  // below kLargestSorted
+    for (size_t k = 0; k < buckets; ++k)
+        for (size_t s = 0; s < slices; ++s)
+        {
+            const uint32_t n = starts[s * buckets + k];
+            starts[s * buckets + k] = next;
+            next += n;
+        }
+    const size_t width = 3 * sources.size();
+    order.reset(new uint32_t[count]);
+    inputs.reset(new float[count * width]);
+    forEachBlock(count, threads, slice, [&](size_t begin, size_t end) {
+        uint32_t* start = starts.data() + begin / slice * buckets;
+        for (size_t i = begin; i < end; ++i)
+        {
+            const size_t k = start[keys[i]]++;
+            order[k] = static_cast<uint32_t>(i);
+            float* to = inputs.get() + k * width;
+            for (const Rows* source : sources)
+            {
+                const float* row = source->row(i);
+                for (int a = 0; a < 3; ++a)
+                    *to++ = row[a];
+            }
+        }
+    });
 }
 } // namespace
 
-QueryOrder QueryOrder::ofRays(const RayBatch& rays, const kxBBox& bounds)
+QueryOrder QueryOrder::ofRays(const RayBatch& rays, const kxBBox& bounds, unsigned threads)
 {
-    py::gil_scoped_release release;
     const BoxCells origin(bounds, kOriginBits);
     QueryOrder result;
     result.mWidth = 6;
     sortRows(
-        rays.count, 3 * kOriginBits + 3,
+        rays.count, 3 * kOriginBits + 3, threads,
         [&](size_t i) { return (origin(rays.origins.row(i)) << 3) | octant(rays.directions.row(i)); },
         {&rays.origins, &rays.directions}, result.mOrder, result.mInputs);
     return result;
 }
 
-QueryOrder QueryOrder::ofPoints(const Rows& points, const kxBBox& bounds)
+QueryOrder QueryOrder::ofPoints(const Rows& points, const kxBBox& bounds, unsigned threads)
 {
-    py::gil_scoped_release release;
     const BoxCells cell(bounds, kPointBits);
     QueryOrder result;
     result.mWidth = 3;
-    sortRows(points.count, 3 * kPointBits, [&](size_t i) { return cell(points.row(i)); }, {&points},
+    sortRows(points.count, 3 * kPointBits, threads, [&](size_t i) { return cell(points.row(i)); }, {&points},
              result.mOrder, result.mInputs);
     return result;
 }

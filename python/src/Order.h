@@ -11,7 +11,7 @@
 #include <kxBBox.h>
 
 #include <cstdint>
-#include <vector>
+#include <memory>
 
 namespace kxpy
 {
@@ -26,20 +26,21 @@ class QueryOrder
 {
 public:
     /// Rays by the cell of their origin in the hierarchy's box and the octant of their
-    /// direction.
-    static QueryOrder ofRays(const RayBatch& rays, const kxBBox& bounds);
-    /// Points by their cell in the hierarchy's box.
-    static QueryOrder ofPoints(const Rows& points, const kxBBox& bounds);
+    /// direction, sorted on up to `threads` threads. Call it holding the GIL (released
+    /// while sorting); Ctrl-C raises KeyboardInterrupt.
+    static QueryOrder ofRays(const RayBatch& rays, const kxBBox& bounds, unsigned threads);
+    /// Points by their cell in the hierarchy's box, as ofRays.
+    static QueryOrder ofPoints(const Rows& points, const kxBBox& bounds, unsigned threads);
 
     /// The row answered k-th.
-    size_t operator[](size_t k) const { return mOrder.empty() ? k : mOrder[k]; }
+    size_t operator[](size_t k) const { return mOrder ? mOrder[k] : k; }
 
     /// The inputs of the k-th query: `rows` (for rays, origins then directions at column
     /// 3) or, when the batch is reordered, their copy in answer order, which the queries
     /// then read in sequence.
     const float* input(size_t k, const Rows& rows, size_t column = 0) const
     {
-        return mOrder.empty() ? rows.row(k) : mInputs.data() + k * mWidth + column;
+        return mOrder ? mInputs.get() + k * mWidth + column : rows.row(k);
     }
 
     /// The row answered a few places after k within [k, end), when the batch is reordered:
@@ -48,7 +49,7 @@ public:
     bool ahead(size_t k, size_t end, size_t& row) const
     {
         constexpr size_t kDistance = 8;
-        if (mOrder.empty() || k + kDistance >= end)
+        if (!mOrder || k + kDistance >= end)
             return false;
         row = mOrder[k + kDistance];
         return true;
@@ -57,8 +58,8 @@ public:
 private:
     QueryOrder() = default;
 
-    std::vector<uint32_t> mOrder;  // empty: the batch's own order
-    std::vector<float> mInputs;    // mWidth floats per query, in answer order
+    std::unique_ptr<uint32_t[]> mOrder;  // null: the batch's own order
+    std::unique_ptr<float[]> mInputs;    // mWidth floats per query, in answer order
     size_t mWidth = 0;
 };
 } // namespace kxpy

@@ -84,8 +84,9 @@ template <typename Query>
 py::dict nearestHits(const RayBatch& rays, const kxBBox& bounds, float tMax, long long threads, const Query& query)
 {
     const HitArrays hits(rays.leading);
-    const QueryOrder order = QueryOrder::ofRays(rays, bounds);
-    forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
+    const unsigned workers = threadCount(threads);
+    const QueryOrder order = QueryOrder::ofRays(rays, bounds, workers);
+    forEachBlock(rays.count, workers, kRayGrain, [&](size_t begin, size_t end) {
         for (size_t k = begin; k < end; ++k)
         {
             const size_t i = order[k];
@@ -174,8 +175,9 @@ py::dict PyQBVH::intersect(const py::object& origins, const py::object& directio
     const kxQBVH::tIntersectionPolicy policy = policyOf(side);
     const RayBatch rays = rayBatch(origins, directions);
     const HitArrays hits(rays.leading);
-    const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox());
-    forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
+    const unsigned workers = threadCount(threads);
+    const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox(), workers);
+    forEachBlock(rays.count, workers, kRayGrain, [&](size_t begin, size_t end) {
         Wm4::Vector2<float> barycentric[kBatchRays];
         unsigned int triangle[kBatchRays];
         bool hit[kBatchRays];
@@ -217,8 +219,9 @@ py::array PyQBVH::occluded(const py::object& origins, const py::object& directio
     const RayBatch rays = rayBatch(origins, directions);
     py::array_t<bool> blocked = output<bool>(rays.leading);
     bool* blockedOut = blocked.mutable_data();
-    const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox());
-    forEachBlock(rays.count, threadCount(threads), kRayGrain, [&](size_t begin, size_t end) {
+    const unsigned workers = threadCount(threads);
+    const QueryOrder order = QueryOrder::ofRays(rays, mQBVH.getBBox(), workers);
+    forEachBlock(rays.count, workers, kRayGrain, [&](size_t begin, size_t end) {
         bool answers[kBatchRays];
         forEachChunk(rays, order, begin, end, tMin, tMax, [&](const RayChunk& c) {
             for (unsigned int j = 0; j < c.count; ++j)
@@ -245,8 +248,9 @@ py::dict PyQBVH::closestPoints(const py::object& pointsObject, double maxDistanc
     float* closestOut = closest.mutable_data();
     uint32_t* triangleOut = triangle.mutable_data();
     float* barycentricOut = barycentric.mutable_data();
-    const QueryOrder order = QueryOrder::ofPoints(points, mQBVH.getBBox());
-    forEachBlock(points.count, threadCount(threads), kPointGrain, [&](size_t begin, size_t end) {
+    const unsigned workers = threadCount(threads);
+    const QueryOrder order = QueryOrder::ofPoints(points, mQBVH.getBBox(), workers);
+    forEachBlock(points.count, workers, kPointGrain, [&](size_t begin, size_t end) {
         for (size_t k = begin; k < end; ++k)
         {
             const size_t i = order[k];

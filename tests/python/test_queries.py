@@ -262,14 +262,15 @@ def test_closest_points_agree_with_brute_force_and_the_library(reference, builde
 
 
 def test_answers_do_not_depend_on_the_order_or_size_of_the_batch():
-    """Large incoherent batches are answered in a spatial order, coherent and small ones in
-    their own: every row must get the same answer either way, on any number of threads."""
+    """Large incoherent batches are answered in a spatial order, sorted on as many threads as
+    the query runs on when they are large enough, coherent and small ones in their own: every
+    row must get the same answer either way, on any number of threads."""
     rng = np.random.default_rng(17)
     vertices, triangles = meshes(18)["terrain"]
     bvh = kxbvh.QBVH(vertices, triangles, "hq")
-    origins, directions = rays(rng, vertices, triangles, 6000)
+    origins, directions = rays(rng, vertices, triangles, 200_000)
     origins[::89], directions[3::97] = np.nan, np.inf
-    points = np.concatenate([origins[:3000], rng.uniform(-20, 20, (3000, 3)).astype(np.float32)])
+    points = np.concatenate([origins[:100_000], rng.uniform(-20, 20, (100_000, 3)).astype(np.float32)])
     along = np.lexsort(origins.T[::-1])  # neighbours in space follow each other
     queries = {
         "intersect": lambda o, d, p, threads: bvh.intersect(o, d, side="front", threads=threads),
