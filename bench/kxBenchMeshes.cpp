@@ -144,7 +144,7 @@ kx::kxPointer<kx::kxTriMesh> loadMeshFile(const std::string& path)
 }
 #endif
 
-bool addMeshFiles(int argc, char** argv, std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>>& meshes)
+bool addMeshFiles(int argc, char** argv, NamedMeshes& meshes)
 {
     for (int i = 1; i < argc; ++i)
     {

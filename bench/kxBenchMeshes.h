@@ -35,9 +35,12 @@ std::vector<float> paddedPositions(const kx::kxTriMesh& mesh);
 kx::kxPointer<kx::kxTriMesh> loadMeshFile(const std::string& path);
 #endif
 
+/// Meshes under the names the tables show.
+using NamedMeshes = std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>>;
+
 /// Adds the meshes named by argv[1..argc), each under its file name. False, after a line
 /// on standard error, when one cannot be read (or the benchmarks were built without assimp).
-bool addMeshFiles(int argc, char** argv, std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>>& meshes);
+bool addMeshFiles(int argc, char** argv, NamedMeshes& meshes);
 } // namespace kxBench
 
 #endif

@@ -294,7 +294,7 @@ int main(int argc, char** argv)
     for (int d = 0; d < 2; ++d)
         rtcSetDeviceMemoryMonitorFunction(gDevices[d], countBytes, &gEmbreeBytes[d]);
 
-    std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>> meshes = {
+    kxBench::NamedMeshes meshes = {
         {"scene1M", kxbvh::makeScene(kxbvh::kDefaultSceneTriangles)}};
     if (argc == 1)
         meshes.insert(meshes.end(), {{"land100k", kxBench::makeLandscape(100000)},

@@ -501,7 +501,7 @@ int main(int argc, char** argv)
     gDevices[0] = rtcNewDevice("threads=1");
     gDevices[1] = rtcNewDevice("threads=1,isa=sse4.2");
 
-    std::vector<std::pair<std::string, kx::kxPointer<kx::kxTriMesh>>> meshes = {
+    kxBench::NamedMeshes meshes = {
         {"land1M", kxBench::makeLandscape(1000000)}};
     if (!kxBench::addMeshFiles(argc, argv, meshes))
         return 2;
