@@ -331,12 +331,12 @@ void printTables(const std::vector<MeshResult>& results, bool withSah)
     std::printf("|---|---:|---:|---:|---:|---:|\n");
     for (const MeshResult& r : results)
         std::printf("| %s | %s (%s) | %s (%s), %s MiB | %s (%s), %s MiB | %s (%s), %s MiB | %s, %s MiB |\n",
-                    r.name.c_str(),
-                    ms(r.boxing.best).c_str(), rate(r.triangles, r.boxing).c_str(), ms(r.binary.best).c_str(),
-                    rate(r.triangles, r.binary).c_str(), mib(r.binary).c_str(), ms(r.collapseEquations.best).c_str(),
-                    rate(r.triangles, r.collapseEquations).c_str(), mib(r.collapseEquations).c_str(),
-                    ms(r.collapseBoth.best).c_str(), rate(r.triangles, r.collapseBoth).c_str(),
-                    mib(r.collapseBoth).c_str(), ms(r.freshOutput.best).c_str(), mib(r.freshOutput).c_str());
+                    r.name.c_str(), ms(r.boxing.best).c_str(), rate(r.triangles, r.boxing).c_str(),
+                    ms(r.binary.best).c_str(), rate(r.triangles, r.binary).c_str(), mib(r.binary).c_str(),
+                    ms(r.collapseEquations.best).c_str(), rate(r.triangles, r.collapseEquations).c_str(),
+                    mib(r.collapseEquations).c_str(), ms(r.collapseBoth.best).c_str(),
+                    rate(r.triangles, r.collapseBoth).c_str(), mib(r.collapseBoth).c_str(),
+                    ms(r.freshOutput.best).c_str(), mib(r.freshOutput).c_str());
 
     if (!withSah)
         return;
