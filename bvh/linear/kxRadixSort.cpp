@@ -136,10 +136,100 @@ void sortBucket(Entries<Key> source, Entries<Key> spare, Entries<Key> home, size
     }
     insertionSort(source, home, n);
 }
+
+// Entries of 64-bit keys up to this many are sorted by their top 32 bits least
+// significant digit first: three passes over all of them, each the same plain loop, which
+// while the entries stay in the cache beats the per-bucket work of the way above; that
+// work grows with every small bucket, and the clustered codes of real meshes make many.
+constexpr size_t kTopHalfFirstMax = size_t{1} << 18;
+constexpr unsigned kTopDigitBits = 11;
+constexpr unsigned kTopDigitValues = 1u << kTopDigitBits;
+constexpr unsigned kTopPasses = 3;
+
+// Sorts by the top 32 bits least significant digit first, then each run of keys that tie
+// there by the bits below, as above. Each pass moves 64-bit words, an entry's top bits
+// above its position, so that equal top bits keep their order; the bits below wait in the
+// spare values. The words pass between the keys' home and the spare keys, starting where
+// the last pass ends in the keys' home; a pass whose digit is the same for every key is
+// skipped.
+void sortTopHalfFirst(Entries<uint64_t> home, Entries<uint64_t> spare, size_t n, unsigned keyBits)
+{
+    const unsigned lowBits = keyBits - 32;
+    const uint64_t lowMask = (uint64_t{1} << lowBits) - 1u;
+    uint32_t* const low = spare.values;
+    static_assert(kTopPasses * kTopDigitBits >= 32, "the passes cover the top 32 bits");
+    uint32_t offsets[kTopPasses][kTopDigitValues] = {};
+    for (size_t i = 0; i < n; ++i)
+    {
+        const uint64_t key = home.keys[i];
+        const uint32_t top = static_cast<uint32_t>(key >> lowBits);
+        low[i] = static_cast<uint32_t>(key & lowMask);
+        for (unsigned p = 0; p < kTopPasses; ++p)
+            ++offsets[p][(top >> (p * kTopDigitBits)) & (kTopDigitValues - 1u)];
+    }
+    bool pass[kTopPasses];
+    unsigned passes = 0;
+    const uint32_t firstTop = static_cast<uint32_t>(home.keys[0] >> lowBits);
+    for (unsigned p = 0; p < kTopPasses; ++p)
+    {
+        uint32_t* const counts = offsets[p];
+        pass[p] = counts[(firstTop >> (p * kTopDigitBits)) & (kTopDigitValues - 1u)] != n;
+        passes += pass[p];
+        uint32_t sum = 0;
+        for (unsigned d = 0; d < kTopDigitValues; ++d)
+        {
+            const uint32_t count = counts[d];
+            counts[d] = sum;
+            sum += count;
+        }
+    }
+    uint64_t* from = passes % 2 ? spare.keys : home.keys;
+    uint64_t* to = passes % 2 ? home.keys : spare.keys;
+    for (size_t i = 0; i < n; ++i)
+        from[i] = (home.keys[i] >> lowBits << 32) | i;
+    for (unsigned p = 0; p < kTopPasses; ++p)
+    {
+        if (!pass[p])
+            continue;
+        uint32_t* const offset = offsets[p];
+        const unsigned shift = 32 + p * kTopDigitBits;
+        for (size_t i = 0; i < n; ++i)
+        {
+            const uint64_t word = from[i];
+            to[offset[(word >> shift) & (kTopDigitValues - 1u)]++] = word;
+        }
+        std::swap(from, to);
+    }
+
+    // The words now lie in the keys' home; the values in their new order wait in the spare
+    // keys, no longer needed, until the gather has read every old one.
+    uint32_t* const values = reinterpret_cast<uint32_t*>(spare.keys);
+    for (size_t j = 0; j < n; ++j)
+    {
+        const uint64_t word = home.keys[j];
+        const uint32_t position = static_cast<uint32_t>(word);
+        home.keys[j] = (word >> 32 << lowBits) | low[position];
+        values[j] = home.values[position];
+    }
+    std::copy(values, values + n, home.values);
+
+    size_t first = 0;
+    for (size_t j = 1; j <= n; ++j)
+    {
+        if (j < n && (home.keys[j] >> lowBits) == (home.keys[first] >> lowBits))
+            continue;
+        const size_t count = j - first;
+        if (count > kInsertionSortMax)
+            sortBucket(home + first, spare + first, home + first, count, lowBits);
+        else if (count > 1)
+            insertionSort(home + first, home + first, count);
+        first = j;
+    }
+}
 } // namespace
 
 template <typename Key>
-void radixSort(Key* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildArena& arena)
+void radixSortMostSignificantFirst(Key* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildArena& arena)
 {
     if (n < 2)
         return;
@@ -150,6 +240,28 @@ void radixSort(Key* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildA
     arena.release(top);
 }
 
+void radixSortTopHalfFirst(uint64_t* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildArena& arena)
+{
+    if (n < 2)
+        return;
+    const size_t top = arena.top();
+    const Entries<uint64_t> home{keys, values};
+    const Entries<uint64_t> spare{arena.allocate<uint64_t>(n), arena.allocate<uint32_t>(n)};
+    sortTopHalfFirst(home, spare, n, keyBits);
+    arena.release(top);
+}
+
+template <typename Key>
+void radixSort(Key* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildArena& arena)
+{
+    if constexpr (sizeof(Key) == sizeof(uint64_t))
+        if (keyBits > 32 && n <= kTopHalfFirstMax)
+            return radixSortTopHalfFirst(keys, values, n, keyBits, arena);
+    radixSortMostSignificantFirst(keys, values, n, keyBits, arena);
+}
+
 template void radixSort<uint32_t>(uint32_t*, uint32_t*, size_t, unsigned, kxBuildArena&);
 template void radixSort<uint64_t>(uint64_t*, uint32_t*, size_t, unsigned, kxBuildArena&);
+template void radixSortMostSignificantFirst<uint32_t>(uint32_t*, uint32_t*, size_t, unsigned, kxBuildArena&);
+template void radixSortMostSignificantFirst<uint64_t>(uint64_t*, uint32_t*, size_t, unsigned, kxBuildArena&);
 } // namespace kxLinearBVH
