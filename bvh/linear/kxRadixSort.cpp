@@ -149,9 +149,8 @@ constexpr unsigned kTopPasses = 3;
 // Sorts by the top 32 bits least significant digit first, then each run of keys that tie
 // there by the bits below, as above. Each pass moves 64-bit words, an entry's top bits
 // above its position, so that equal top bits keep their order; the bits below wait in the
-// spare values. The words pass between the keys' home and the spare keys, starting where
-// the last pass ends in the keys' home; a pass whose digit is the same for every key is
-// skipped.
+// spare values. The words pass between the spare keys and the keys' home, ending in the
+// keys' home; a pass whose digit is the same for every key is skipped.
 void sortTopHalfFirst(Entries<uint64_t> home, Entries<uint64_t> spare, size_t n, unsigned keyBits)
 {
     const unsigned lowBits = keyBits - 32;
@@ -164,6 +163,7 @@ void sortTopHalfFirst(Entries<uint64_t> home, Entries<uint64_t> spare, size_t n,
         const uint64_t key = home.keys[i];
         const uint32_t top = static_cast<uint32_t>(key >> lowBits);
         low[i] = static_cast<uint32_t>(key & lowMask);
+        spare.keys[i] = uint64_t{top} << 32 | i;
         for (unsigned p = 0; p < kTopPasses; ++p)
             ++offsets[p][(top >> (p * kTopDigitBits)) & (kTopDigitValues - 1u)];
     }
@@ -183,10 +183,16 @@ void sortTopHalfFirst(Entries<uint64_t> home, Entries<uint64_t> spare, size_t n,
             sum += count;
         }
     }
-    uint64_t* from = passes % 2 ? spare.keys : home.keys;
-    uint64_t* to = passes % 2 ? home.keys : spare.keys;
-    for (size_t i = 0; i < n; ++i)
-        from[i] = (home.keys[i] >> lowBits << 32) | i;
+    // The words were written to the spare keys in the sweep that counted the digits: most
+    // keys take every pass, an odd count, which ends in the keys' home. An even count
+    // starts there.
+    uint64_t* from = spare.keys;
+    uint64_t* to = home.keys;
+    if (passes % 2 == 0)
+    {
+        std::copy(spare.keys, spare.keys + n, home.keys);
+        std::swap(from, to);
+    }
     for (unsigned p = 0; p < kTopPasses; ++p)
     {
         if (!pass[p])
