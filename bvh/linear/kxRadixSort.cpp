@@ -232,29 +232,33 @@ void sortTopHalfFirst(Entries<uint64_t> home, Entries<uint64_t> spare, size_t n,
         first = j;
     }
 }
-} // namespace
 
-template <typename Key>
-void radixSortMostSignificantFirst(Key* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildArena& arena)
+// Runs sort(home, spare) on the n entries with spare room of the same size from the arena,
+// given back after.
+template <typename Key, typename Sort>
+void sortWithSpare(Key* keys, uint32_t* values, size_t n, kxBuildArena& arena, Sort sort)
 {
     if (n < 2)
         return;
     const size_t top = arena.top();
     const Entries<Key> home{keys, values};
-    const Entries<Key> spare{arena.allocate<Key>(n), arena.allocate<uint32_t>(n)};
-    sortBucket(home, spare, home, n, keyBits);
+    sort(home, Entries<Key>{arena.allocate<Key>(n), arena.allocate<uint32_t>(n)});
     arena.release(top);
+}
+} // namespace
+
+template <typename Key>
+void radixSortMostSignificantFirst(Key* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildArena& arena)
+{
+    sortWithSpare(keys, values, n, arena,
+                  [n, keyBits](Entries<Key> home, Entries<Key> spare) { sortBucket(home, spare, home, n, keyBits); });
 }
 
 void radixSortTopHalfFirst(uint64_t* keys, uint32_t* values, size_t n, unsigned keyBits, kxBuildArena& arena)
 {
-    if (n < 2)
-        return;
-    const size_t top = arena.top();
-    const Entries<uint64_t> home{keys, values};
-    const Entries<uint64_t> spare{arena.allocate<uint64_t>(n), arena.allocate<uint32_t>(n)};
-    sortTopHalfFirst(home, spare, n, keyBits);
-    arena.release(top);
+    sortWithSpare(keys, values, n, arena, [n, keyBits](Entries<uint64_t> home, Entries<uint64_t> spare) {
+        sortTopHalfFirst(home, spare, n, keyBits);
+    });
 }
 
 template <typename Key>
